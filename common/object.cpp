@@ -1,0 +1,4 @@
+#include "object.h"
+
+// Out of line, so that the class's virtual table has one home.
+Object::~Object() = default;
