@@ -32,8 +32,9 @@ const char FIFO_DATA = '1';
 // dies inside Pop is given the same messages again when it comes back. A creator that dies before
 // Init leaves a segment whose ring has size 0, which stays so until it is removed.
 //
-// Segment and FIFO outlive every process and are taken up again with what is in them. Delete()
-// removes the segment; nothing here removes the FIFO. The segment's bytes: docs/formats.md.
+// Segment and FIFO outlive every process and are taken up again with the messages in them; the wake
+// bytes last only while some process has the FIFO open, so a reader pops once before it first
+// waits. Delete() removes the segment; nothing here removes the FIFO. The segment's bytes: docs/formats.md.
 class MessageQueue : public Object {
  public:
   // The first bytes of the segment; the ring follows. Offsets count from the ring's first byte,
