@@ -290,7 +290,10 @@ int MessageQueue::Pop(BufferVec_t* pVec, unsigned int iCount) {
   }
   // Pairs with the acquire in Push: the bytes given up have been copied out.
   std::atomic_thread_fence(std::memory_order_release);
-  m_pShmHead->iReadOffset = Wrapped(iRead + iConsumed, iRing);
+  const uint32_t iReadNow = Wrapped(iRead + iConsumed, iRing);
+  if (iReadNow != iRead) {  // an empty Pop leaves the header's cache line with the writer
+    m_pShmHead->iReadOffset = iReadNow;
+  }
   return static_cast<int>(n);
 }
 

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <deque>
 #include <random>
 
@@ -113,6 +114,23 @@ TEST_F(MessageQueueAttachTest, ExistingSegmentIsTakenWithItsMessages) {
   ASSERT_EQ(0, m_stQueue.Detach());
   ASSERT_EQ(0, Attach(m_stQueue));
   EXPECT_EQ("from an earlier run", PopText(m_stQueue));
+}
+
+// The example of docs/formats.md. If this fails, processes of two builds no longer understand each
+// other.
+TEST_F(MessageQueueAttachTest, ImageOfAnEarlierBuildIsReadAndContinued) {
+  const std::string strImage(
+      "\x08\x10\0\0\0\x0a\0\0\0\x03\0\0\0"
+      "llo.......\x05\0\0\0he",
+      HEAD_SIZE + 16);
+  ASSERT_NE(-1, MakeSegment(HEAD_SIZE + 16));
+  const RawSegment stSegment(m_stKey.Key());
+  memcpy(stSegment.Head(), strImage.data(), strImage.size());
+  ASSERT_EQ(0, Attach(m_stQueue, HEAD_SIZE + 16));
+  EXPECT_EQ(6u, m_stQueue.CanWriteSize());
+  EXPECT_EQ("hello", PopText(m_stQueue));
+  EXPECT_EQ(1, PushText(m_stQueue, "bye"));
+  EXPECT_EQ(std::string("llo\x03\0\0\0bye", 10), stSegment.Bytes(HEAD_SIZE, 10));
 }
 
 TEST_F(MessageQueueAttachTest, ExistingSegmentIsNeitherCheckedNorRepaired) {
