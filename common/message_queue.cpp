@@ -47,7 +47,7 @@ static_assert(offsetof(MessageQueue::ShmHead, iSize) == 1, "shared format");
 static_assert(offsetof(MessageQueue::ShmHead, iReadOffset) == 5, "shared format");
 static_assert(offsetof(MessageQueue::ShmHead, iWriteOffset) == 9, "shared format");
 
-void* const DETACHED = reinterpret_cast<void*>(-1);
+void* const DETACHED = reinterpret_cast<void*>(-1);  // NOLINT(performance-no-int-to-ptr): shmat's
 
 // Restores errno at the end of the scope.
 class ErrnoKeeper {
@@ -155,6 +155,8 @@ void Cursor::ReadOverEnd(char* pTo, uint32_t iSize) {
 }
 
 }  // namespace
+
+MessageQueue::MessageQueue() : m_pAddress(DETACHED) {}
 
 MessageQueue::~MessageQueue() { Detach(); }
 

@@ -34,7 +34,7 @@ const char FIFO_DATA = '1';
 //
 // Segment and FIFO outlive every process and are taken up again with the messages in them; the wake
 // bytes last only while some process has the FIFO open, so a reader pops once before it first
-// waits. Delete() removes the segment; nothing here removes the FIFO. The segment's bytes: docs/formats.md.
+// waits. Delete() removes the segment; nothing here removes the FIFO. Bytes: docs/formats.md.
 class MessageQueue : public Object {
  public:
   // The first bytes of the segment; the ring follows. Offsets count from the ring's first byte,
@@ -46,7 +46,7 @@ class MessageQueue : public Object {
     uint32_t iWriteOffset;  // next free byte; stored by the writer only
   } __attribute__((packed));
 
-  MessageQueue() = default;
+  MessageQueue();
   ~MessageQueue() override;  // detaches; deletes nothing
   MessageQueue(const MessageQueue&) = delete;
   MessageQueue& operator=(const MessageQueue&) = delete;
@@ -114,7 +114,7 @@ class MessageQueue : public Object {
   bool m_bReadyFlag = false;
   uint32_t m_iSize = 0;  // the segment's, as the last successful attach was told
   int m_iShmID = -1;     // kept over Detach, for Delete
-  void* m_pAddress = reinterpret_cast<void*>(-1);
+  void* m_pAddress;      // (void*)-1 when detached
   ShmHead* m_pShmHead = nullptr;
   char* m_pBegin = nullptr;  // the ring's first byte
   int m_iFifoFD = -1;

@@ -360,11 +360,14 @@ bool MessageQueueStepTest::CollectImages(const std::function<void()>& fnCall,
     fnCall();
     return raise(SIGSTOP);
   });
-  int iStatus = 0;
-  waitpid(stPeer.Pid(), &iStatus, 0);
-  if (!WIFSTOPPED(iStatus)) {
+  // An end is left for ForkedPeer to collect.
+  siginfo_t stEvent{};
+  waitid(P_PID, static_cast<id_t>(stPeer.Pid()), &stEvent, WSTOPPED | WEXITED | WNOWAIT);
+  if (stEvent.si_code == CLD_EXITED) {
     return false;
   }
+  int iStatus = 0;
+  waitpid(stPeer.Pid(), &iStatus, WSTOPPED);
   do {
     ptrace(PTRACE_SINGLESTEP, stPeer.Pid(), nullptr, nullptr);
     waitpid(stPeer.Pid(), &iStatus, 0);

@@ -120,7 +120,11 @@ int ForkedPeer::Wait() {
   return m_iResult;
 }
 
-void ForkedPeer::Kill(int iSignal) const { kill(m_iPid, iSignal); }
+void ForkedPeer::Kill(int iSignal) const {
+  if (m_iPid != -1) {  // which would be every process there is
+    kill(m_iPid, iSignal);
+  }
+}
 
 std::string CaptureOutput(int iFD, const std::function<void()>& fnRun) {
   FILE* pFile = tmpfile();

@@ -54,6 +54,7 @@ class ForkedPeer {
   pid_t Pid() const { return m_iPid; }
   // Waits for the end: the exit code, or 1000 + the number of the signal that ended it.
   int Wait();
+  // Nothing once the end has been waited for.
   void Kill(int iSignal) const;
 
  private:
