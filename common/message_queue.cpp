@@ -72,8 +72,9 @@ uint32_t Used(uint32_t iRing, uint32_t iRead, uint32_t iWrite) {
   return iWrite >= iRead ? iWrite - iRead : iRing + iWrite - iRead;
 }
 
-uint32_t Wrapped(uint32_t iOffset, uint32_t iRing) {
-  return iOffset >= iRing ? iOffset - iRing : iOffset;
+// 64 bits: in a ring above 2 GiB the sum of an offset and a size may need them.
+uint32_t Wrapped(uint64_t iOffset, uint32_t iRing) {
+  return static_cast<uint32_t>(iOffset >= iRing ? iOffset - iRing : iOffset);
 }
 
 // memcpy without a call for the short messages that queues mostly carry: the first and the last
@@ -260,7 +261,7 @@ int MessageQueue::Push(const BufferVec_t* pVec, unsigned int iCount) {
   }
   // Pairs with the acquire in Pop: the records are in place.
   std::atomic_thread_fence(std::memory_order_release);
-  m_pShmHead->iWriteOffset = Wrapped(iWrite + iTotal, iRing);
+  m_pShmHead->iWriteOffset = Wrapped(uint64_t{iWrite} + iTotal, iRing);
   Wake();
   return static_cast<int>(iCount);
 }
@@ -292,7 +293,7 @@ int MessageQueue::Pop(BufferVec_t* pVec, unsigned int iCount) {
   }
   // Pairs with the acquire in Push: the bytes given up have been copied out.
   std::atomic_thread_fence(std::memory_order_release);
-  const uint32_t iReadNow = Wrapped(iRead + iConsumed, iRing);
+  const uint32_t iReadNow = Wrapped(uint64_t{iRead} + iConsumed, iRing);
   if (iReadNow != iRead) {  // an empty Pop leaves the header's cache line with the writer
     m_pShmHead->iReadOffset = iReadNow;
   }

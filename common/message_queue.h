@@ -20,7 +20,7 @@ const char FIFO_DATA = '1';
 //
 // Exactly one process writes and one reads; there is no lock and neither waits for the other. A
 // third may attach to look (CanReadSize, Dump); a fourth is refused. Messages are byte strings
-// without type or alignment, up to 4 GiB in one call. Single-threaded on either side.
+// without type or alignment. Single-threaded on either side.
 //
 //   writer:  stQueue.Attach("/run/server/worker.1", 1, 1 << 20);
 //            BufferVec_t stMessage{szText, iLength};
@@ -73,12 +73,14 @@ class MessageQueue : public Object {
   // Returns iCount, or 0 when the ring lacks room for all of them (payload plus 4 bytes each):
   // then nothing was written and nobody woken. The reader sees all messages of a call or none.
   // iCount 0 wakes the reader and returns 0. A FIFO that is full stays so: its reader has wake
-  // bytes enough. Writer only. Never blocks, never allocates; one write(2).
+  // bytes enough. The sizes of one call must add up to less than 4 GiB. Writer only. Never blocks,
+  // never allocates; one copy of each byte and one write(2) a call, so batches pay.
   int Push(const BufferVec_t* pVec, unsigned int iCount);
 
   // Takes up to iCount messages into pVec, returns how many. Each pData is a new array of iSize
   // bytes, also when iSize is 0, that the caller releases with delete[]. Stops early when memory
-  // runs out; the messages not returned stay in the ring. Reader only. No system call.
+  // runs out; the messages not returned stay in the ring. Large messages are cheapest taken a few
+  // at a time: the allocator then hands out the same memory again. Reader only. No system call.
   int Pop(BufferVec_t* pVec, unsigned int iCount);
 
   // Bytes in the ring, and bytes that a Push can still take; both count 4 bytes a message more

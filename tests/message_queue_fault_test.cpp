@@ -9,17 +9,20 @@
 
 #include <cerrno>
 #include <new>
+#include <utility>
 
 #include "queue_fixture.h"
 
 namespace {
 
 struct Faults_t {
+  int iShmgetErrno = 0;  // of the next call alone
   int iShmctlErrno = 0;
   int iShmatErrno = 0;
   bool bSpoilErrno = false;  // close and shmdt succeed and change errno, as they may
   bool bNoMemory = false;
   int iReads = 0;
+  int iShmdts = 0;
 };
 
 Faults_t g_stFaults;
@@ -34,6 +37,14 @@ long Spoiled(long iResult) {
 }  // namespace
 
 extern "C" {
+
+int shmget(key_t iKey, size_t iSize, int iFlags) noexcept {
+  if (g_stFaults.iShmgetErrno != 0) {
+    errno = std::exchange(g_stFaults.iShmgetErrno, 0);
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_shmget, iKey, iSize, iFlags));
+}
 
 int shmctl(int iShmID, int iCommand, shmid_ds* pStatus) noexcept {
   if (g_stFaults.iShmctlErrno != 0) {
@@ -52,6 +63,7 @@ void* shmat(int iShmID, const void* pAddress, int iFlags) noexcept {
 }
 
 int shmdt(const void* pAddress) noexcept {
+  ++g_stFaults.iShmdts;
   return static_cast<int>(Spoiled(syscall(SYS_shmdt, pAddress)));
 }
 
@@ -72,10 +84,28 @@ namespace {
 
 class MessageQueueFaultTest : public QueueFixture {
  protected:
+  void SetUp() override {
+    QueueFixture::SetUp();
+    g_stFaults = Faults_t();
+  }
   void TearDown() override { g_stFaults = Faults_t(); }
 
   MessageQueue m_stThird;
 };
+
+TEST_F(MessageQueueFaultTest, OnlyAnExistingSegmentIsAskedForAgain) {
+  g_stFaults.iShmgetErrno = ENOSPC;
+  EXPECT_EQ(-1, Attach(m_stThird));
+  EXPECT_EQ(ENOSPC, errno);
+  EXPECT_NE(-1, m_stThird.FifoFD());
+}
+
+TEST_F(MessageQueueFaultTest, SecondDetachUnmapsNothing) {
+  m_stReader.Detach();
+  EXPECT_EQ(1, g_stFaults.iShmdts);
+  m_stReader.Detach();
+  EXPECT_EQ(1, g_stFaults.iShmdts);
+}
 
 TEST_F(MessageQueueFaultTest, StatusThatCannotBeReadClosesTheFifoAndKeepsErrno) {
   const int iOpen = OpenDescriptors();

@@ -147,8 +147,12 @@ TEST_F(MessageQueueAttachTest, RingSizeComesFromTheSegmentNotFromTheCaller) {
   ASSERT_EQ(0, Attach(m_stQueue));
   ASSERT_EQ(0, Attach(stSecond, HEAD_SIZE + 10));
   EXPECT_EQ(RING_SIZE - 1, stSecond.CanWriteSize());
-  EXPECT_EQ(1, PushText(stSecond, std::string(50, 'x')));
-  EXPECT_EQ(std::string(50, 'x'), PopText(m_stQueue));
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(1, PushText(stSecond, std::string(50, 'x')));
+    ASSERT_EQ(std::string(50, 'x'), PopText(m_stQueue));
+    ASSERT_EQ(1, PushText(m_stQueue, std::string(40, 'y')));
+    ASSERT_EQ(std::string(40, 'y'), PopText(stSecond));
+  }
 }
 
 TEST_F(MessageQueueAttachTest, SegmentSmallerThanAskedForLeavesTheFifoOpen) {
@@ -186,6 +190,13 @@ TEST_F(MessageQueueAttachTest, AttachingAgainDetachesFirst) {
   EXPECT_EQ(0, Attachments(m_stKey.Key()));
   EXPECT_EQ(1, Attachments(stOther.Key()));
   EXPECT_EQ(iOpen, OpenDescriptors());
+}
+
+TEST_F(MessageQueueAttachTest, FailedAttachmentLeavesTheQueueDetached) {
+  ASSERT_EQ(0, Attach(m_stQueue));
+  EXPECT_EQ(-1, m_stQueue.Attach(m_stDirectory.File(std::string(300, 'x')).c_str(), 1, 100));
+  EXPECT_FALSE(m_stQueue.Ready());
+  EXPECT_EQ(0, Attachments(m_stKey.Key()));
 }
 
 TEST_F(MessageQueueAttachTest, DirectoryThatCannotBeMadeFails) {
@@ -476,6 +487,44 @@ TEST_F(MessageQueueLargeTest, EverySizeArrivesWhole) {
     ASSERT_EQ(2, PushTexts(m_stWriter, {strText, "next"})) << iSize;
     ASSERT_EQ((Texts_t{strText, "next"}), PopTexts(m_stReader, 2)) << iSize;
   }
+}
+
+TEST_F(MessageQueueLargeTest, CopiesOfEverySizeTouchNothingBeside) {
+  const RawSegment stSegment(m_stKey.Key());
+  char* const pRing = reinterpret_cast<char*>(stSegment.Head()) + HEAD_SIZE;
+  for (uint32_t iSize = 0; iSize < 100; ++iSize) {
+    StartAt(0);
+    memset(pRing, '.', 200);
+    std::string strText = "#" + std::string(iSize, 'x') + "#";  // a copy off by one takes a '#'
+    const BufferVec_t stMessage{strText.data() + 1, iSize};
+    ASSERT_EQ(1, m_stWriter.Push(&stMessage, 1));
+    ASSERT_EQ(std::string(1, static_cast<char>(iSize)) + std::string(3, '\0') +
+                  std::string(iSize, 'x') + std::string(100 - iSize, '.'),
+              stSegment.Bytes(HEAD_SIZE, 104));
+    ASSERT_EQ(std::string(iSize, 'x'), PopText(m_stReader));
+  }
+}
+
+// Almost 4 GiB, of which a few pages are used.
+class MessageQueueHugeTest : public QueueFixture {
+ protected:
+  static constexpr uint32_t HUGE_RING = 0xffffff00 - HEAD_SIZE;
+  MessageQueueHugeTest() : QueueFixture(HUGE_RING) {}
+  void SetUp() override {
+    if (Attach(m_stWriter) != 0) {
+      GTEST_SKIP() << "this machine has no room for a segment of 4 GiB";
+    }
+    ASSERT_EQ(0, Attach(m_stReader));
+  }
+};
+
+TEST_F(MessageQueueHugeTest, OffsetsWrapThoughTheirSumsNeed33Bits) {
+  StartAt(HUGE_RING - 10);
+  ASSERT_EQ(2, PushTexts(m_stWriter, {std::string(1000, 'x'), "next"}));
+  EXPECT_EQ(1012u, m_stReader.CanReadSize());
+  EXPECT_EQ(HUGE_RING - 1012 - 1, m_stWriter.CanWriteSize());
+  EXPECT_EQ((Texts_t{std::string(1000, 'x'), "next"}), PopTexts(m_stReader, 2));
+  EXPECT_EQ(0u, m_stReader.CanReadSize());
 }
 
 // What no sound writer publishes.
