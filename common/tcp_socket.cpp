@@ -1,0 +1,365 @@
+#include "tcp_socket.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "internal/always_assert.h"
+
+// DESIGN. Both buffers are flat strings with an offset to their first live byte, so that taking
+// bytes from the front costs nothing, however small the pieces are.
+//
+// Sending: a message is one string from AppendSendBuffer() to the kernel. When its turn comes and
+// it has no head, it is swapped with the flat buffer; the next message appended to an idle socket
+// is built in the memory of the one sent last. The flat buffer holds one message at a time.
+//
+// Receiving: the erased front is closed up before new bytes are appended, and only when it is at
+// least as long as the rest: a byte is moved at most once for each byte erased.
+
+namespace {
+
+const unsigned int DEFAULT_TIMEOUT = 15;   // seconds
+const unsigned int ACCEPTED_TIMEOUT = 20;  // seconds; deliberately another one
+const size_t RECV_SIZE = 1048576;
+const int BACKLOG = 10;
+const size_t SHORTEST_QUAD = 7;
+
+sockaddr_in MakeAddress(unsigned int iAddr, unsigned short iPort) {
+  sockaddr_in stAddr{};
+  stAddr.sin_family = AF_INET;
+  stAddr.sin_addr.s_addr = iAddr;
+  stAddr.sin_port = htons(iPort);
+  return stAddr;
+}
+
+const sockaddr* Generic(const sockaddr_in& stAddr) {
+  return reinterpret_cast<const sockaddr*>(&stAddr);
+}
+
+// Asks getpeername() or getsockname() and takes the answer apart; false changes nothing.
+bool AskAddress(int (*pAsk)(int, sockaddr*, socklen_t*), int iFD, unsigned int& iAddr, int& iPort,
+                std::string& strAddr) {
+  sockaddr_in stAddr{};
+  socklen_t iLength = sizeof(stAddr);
+  if (pAsk(iFD, reinterpret_cast<sockaddr*>(&stAddr), &iLength) != 0) {
+    return false;
+  }
+  char szQuad[INET_ADDRSTRLEN] = "";
+  inet_ntop(AF_INET, &stAddr.sin_addr, szQuad, sizeof(szQuad));
+  iAddr = stAddr.sin_addr.s_addr;
+  iPort = ntohs(stAddr.sin_port);
+  strAddr = szQuad;
+  return true;
+}
+
+void SetTcpOption(int iFD, int iOption, unsigned int iValue) {
+  setsockopt(iFD, IPPROTO_TCP, iOption, &iValue, sizeof(iValue));
+}
+
+unsigned int HostAddress(const char* pName) {
+  const hostent* pHost = gethostbyname(pName);
+  if (pHost == nullptr) {
+    return inet_addr(pName);
+  }
+  unsigned int iAddr = 0;
+  memcpy(&iAddr, pHost->h_addr_list[0], sizeof(iAddr));
+  return iAddr;
+}
+
+unsigned int InterfaceAddress(const char* pName) {
+  const int iFD = socket(AF_INET, SOCK_DGRAM, 0);
+  if (iFD == -1) {
+    return INADDR_NONE;
+  }
+  ifreq stRequest{};
+  strncpy(stRequest.ifr_name, pName, sizeof(stRequest.ifr_name) - 1);
+  const int iResult = ioctl(iFD, SIOCGIFADDR, &stRequest);
+  const int iError = errno;
+  close(iFD);
+  errno = iError;
+  if (iResult != 0) {
+    return INADDR_NONE;
+  }
+  sockaddr_in stAddr{};
+  memcpy(&stAddr, &stRequest.ifr_addr, sizeof(stAddr));
+  return stAddr.sin_addr.s_addr;
+}
+
+}  // namespace
+
+TcpSocket::TcpSocket() : m_iTimeoutTime(DEFAULT_TIMEOUT) {}
+
+TcpSocket::TcpSocket(int iFD) : m_iFD(iFD), m_iTimeoutTime(ACCEPTED_TIMEOUT) { GetAddressPort(); }
+
+TcpSocket::~TcpSocket() { Close(); }
+
+unsigned int TcpSocket::TranslateAddress(const char* pText) {
+  if (pText == nullptr || *pText == '\0') {
+    return INADDR_ANY;
+  }
+  return *pText == '@' ? InterfaceAddress(pText + 1) : HostAddress(pText);
+}
+
+int TcpSocket::Listen(const char* pAddr, unsigned short iPort) {
+  Close();
+  m_iFD = socket(AF_INET, SOCK_STREAM, 0);
+  if (m_iFD == -1) {
+    return -1;
+  }
+  const int iOn = 1;
+  if (setsockopt(m_iFD, SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn)) != 0) {
+    return CloseFailed();
+  }
+  const sockaddr_in stAddr = MakeAddress(TranslateAddress(pAddr), iPort);
+  if (bind(m_iFD, Generic(stAddr), sizeof(stAddr)) != 0 || listen(m_iFD, BACKLOG) != 0) {
+    return CloseFailed();
+  }
+  return 0;
+}
+
+TcpSocket* TcpSocket::Accept() {
+  if (m_iFD == -1) {
+    return nullptr;
+  }
+  const int iFD = accept(m_iFD, nullptr, nullptr);
+  if (iFD == -1) {
+    return nullptr;
+  }
+  int iOn = 1;
+  if (ioctl(iFD, FIONBIO, &iOn) != 0) {
+    const int iError = errno;
+    close(iFD);
+    errno = iError;
+    return nullptr;
+  }
+  return new TcpSocket(iFD);
+}
+
+int TcpSocket::Connect(const char* pHost, unsigned short iPort) {
+  return Connect(TranslateAddress(pHost), iPort);
+}
+
+int TcpSocket::Connect(unsigned int iAddr, unsigned short iPort) {
+  Close();
+  m_iFD = socket(AF_INET, SOCK_STREAM, 0);
+  if (m_iFD == -1) {
+    return -1;
+  }
+  if (SetNonBlock(true) != 0) {
+    return CloseFailed();
+  }
+  const sockaddr_in stAddr = MakeAddress(iAddr, iPort);
+  if (connect(m_iFD, Generic(stAddr), sizeof(stAddr)) != 0 && errno != EINPROGRESS) {
+    return CloseFailed();
+  }
+  GetAddressPort();
+  m_iPeerPort = iPort;
+  m_iPeerAddr = iAddr;
+  return 0;
+}
+
+int TcpSocket::SetNonBlock(bool bOn) {
+  const int iFlags = fcntl(m_iFD, F_GETFL);
+  if (iFlags == -1) {
+    return -1;
+  }
+  return fcntl(m_iFD, F_SETFL, bOn ? iFlags | O_NONBLOCK : iFlags & ~O_NONBLOCK);
+}
+
+int TcpSocket::KeepAlive(unsigned int iIdle, unsigned int iInterval, unsigned int iCount) {
+  if (m_iFD == -1) {
+    return -1;
+  }
+  const int iOn = 1;
+  setsockopt(m_iFD, SOL_SOCKET, SO_KEEPALIVE, &iOn, sizeof(iOn));
+  SetTcpOption(m_iFD, TCP_KEEPIDLE, iIdle);
+  SetTcpOption(m_iFD, TCP_KEEPINTVL, iInterval);
+  SetTcpOption(m_iFD, TCP_KEEPCNT, iCount);
+  return 0;
+}
+
+bool TcpSocket::CanWrite(int iSeconds) {
+  pollfd stPoll{m_iFD, POLLOUT | POLLERR | POLLHUP, 0};
+  const auto iMilliseconds = std::clamp<int64_t>(int64_t{iSeconds} * 1000, -1, INT_MAX);
+  return poll(&stPoll, 1, static_cast<int>(iMilliseconds)) > 0 && (stPoll.revents & POLLOUT) != 0;
+}
+
+void TcpSocket::AppendSendBuffer(const char* pData, unsigned int iSize) {
+  AppendSendBuffer("", 0, pData, iSize);
+}
+
+void TcpSocket::AppendSendBuffer(const char* pHead, unsigned int iHeadSize, const char* pData,
+                                 unsigned int iDataSize) {
+  _msg_t& stMsg = m_dqSendBuffer.emplace_back();
+  stMsg.iSetTime = time(nullptr);
+  if (iHeadSize == 0 && m_strSendBuffer.empty()) {
+    stMsg.strData.swap(m_strSendBuffer);  // for its memory: TakeMessage() swaps it back
+  }
+  stMsg.strHead.assign(pHead, iHeadSize);
+  stMsg.strData.assign(pData, iDataSize);
+  m_iSendBufferSize += iHeadSize + iDataSize;
+}
+
+int TcpSocket::Send(StreamCallback_t* pCallback) {
+  if (m_iFD == -1) {
+    return 0;
+  }
+  const time_t iNow = time(nullptr);
+  for (size_t iTotal = 0;;) {
+    size_t iWritten = 0;
+    if (!WriteSendBuffer(iWritten)) {
+      DropWritten(iWritten);
+      return -1;
+    }
+    if (pCallback != nullptr) {
+      pCallback(this, m_strSendBuffer.data() + m_iSendOffset, static_cast<unsigned int>(iWritten));
+    }
+    DropWritten(iWritten);
+    iTotal += iWritten;
+    if (!m_strSendBuffer.empty()) {
+      return static_cast<int>(iTotal);
+    }
+    if (m_dqSendBuffer.empty()) {
+      m_iSendBufferSize = 0;
+      return static_cast<int>(iTotal);
+    }
+    TakeMessage(iNow);
+  }
+}
+
+int TcpSocket::Recv(StreamCallback_t* pCallback) {
+  if (m_iFD == -1) {
+    return 0;
+  }
+  if (m_pBuffer == nullptr) {
+    m_pBuffer.reset(new char[RECV_SIZE]);  // not cleared: pages never reached stay unmapped
+  }
+  for (size_t iTotal = 0;;) {
+    const ssize_t iCount = recv(m_iFD, m_pBuffer.get(), RECV_SIZE, 0);
+    if (iCount > 0) {
+      if (pCallback != nullptr) {
+        pCallback(this, m_pBuffer.get(), static_cast<unsigned int>(iCount));
+      }
+      AppendRecvBuffer(static_cast<size_t>(iCount));
+      iTotal += static_cast<size_t>(iCount);
+    } else if (iCount == 0) {
+      return -1;
+    } else if (errno == EAGAIN) {
+      return static_cast<int>(iTotal);
+    } else if (errno != EINTR) {
+      return -1;
+    }
+  }
+}
+
+void TcpSocket::EraseRecvBuffer(unsigned int iSize) {
+  if (iSize < RecvBufferSize()) {
+    m_iRecvOffset += iSize;
+    return;
+  }
+  m_strRecvBuffer.clear();
+  m_iRecvOffset = 0;
+}
+
+void TcpSocket::Close() {
+  if (m_iFD != -1) {
+    close(m_iFD);
+    m_iFD = -1;
+  }
+}
+
+void TcpSocket::GetAddressPort() {
+  if (m_iFD != -1 && AskAddress(getpeername, m_iFD, m_iPeerAddr, m_iPeerPort, m_strPeerAddr)) {
+    AskAddress(getsockname, m_iFD, m_iSockAddr, m_iSockPort, m_strSockAddr);
+  }
+}
+
+const char* TcpSocket::IdString() {
+  static char szId[1024];
+  assert(m_iFD >= 0);
+  if (m_strPeerAddr.size() < SHORTEST_QUAD || m_strSockAddr.size() < SHORTEST_QUAD) {
+    GetAddressPort();
+  }
+  snprintf(szId, sizeof(szId), "fd(%d) %s:%d->%s:%d", m_iFD, m_strPeerAddr.c_str(), m_iPeerPort,
+           m_strSockAddr.c_str(), m_iSockPort);
+  return szId;
+}
+
+void TcpSocket::Dump(int iFD) {
+  dprintf(iFD, "m_iFD=\"%d\"\n", m_iFD);
+  dprintf(iFD, "m_iPeerAddr=\"%u\"\n", m_iPeerAddr);
+  dprintf(iFD, "m_iPeerPort=\"%d\"\n", m_iPeerPort);
+  dprintf(iFD, "m_strPeerAddr.c_str()=\"%s\"\n", m_strPeerAddr.c_str());
+  dprintf(iFD, "m_iSockAddr=\"%u\"\n", m_iSockAddr);
+  dprintf(iFD, "m_iSockPort=\"%d\"\n", m_iSockPort);
+  dprintf(iFD, "m_strSockAddr.c_str()=\"%s\"\n", m_strSockAddr.c_str());
+}
+
+// Ends a Listen() or Connect() that failed.
+int TcpSocket::CloseFailed() {
+  const int iError = errno;
+  Close();
+  errno = iError;
+  return -1;
+}
+
+// Writes the flat buffer as far as the kernel takes it; false is an error other than a full socket.
+bool TcpSocket::WriteSendBuffer(size_t& iWritten) const {
+  const char* pData = m_strSendBuffer.data() + m_iSendOffset;
+  const size_t iSize = m_strSendBuffer.size() - m_iSendOffset;
+  while (iWritten < iSize) {
+    const ssize_t iCount = send(m_iFD, pData + iWritten, iSize - iWritten, MSG_NOSIGNAL);
+    if (iCount > 0) {
+      iWritten += static_cast<size_t>(iCount);
+    } else if (iCount == 0 || errno == EAGAIN) {
+      return true;
+    } else if (errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
+void TcpSocket::DropWritten(size_t iWritten) {
+  m_iSendOffset += iWritten;
+  m_iSendBufferSize -= static_cast<unsigned int>(iWritten);
+  if (m_iSendOffset == m_strSendBuffer.size()) {
+    m_strSendBuffer.clear();
+    m_iSendOffset = 0;
+  }
+}
+
+// Moves the first message into the flat buffer, which is empty, or drops it when it is too old. The
+// age is signed: a clock set back makes no message old.
+void TcpSocket::TakeMessage(time_t iNow) {
+  _msg_t& stMsg = m_dqSendBuffer.front();
+  if (iNow - stMsg.iSetTime >= static_cast<int64_t>(m_iTimeoutTime)) {
+    m_iSendBufferSize -= static_cast<unsigned int>(stMsg.strHead.size() + stMsg.strData.size());
+  } else if (stMsg.strHead.empty()) {
+    m_strSendBuffer.swap(stMsg.strData);
+  } else {
+    m_strSendBuffer.append(stMsg.strHead).append(stMsg.strData);
+  }
+  m_dqSendBuffer.pop_front();
+}
+
+void TcpSocket::AppendRecvBuffer(size_t iSize) {
+  if (m_iRecvOffset != 0 && m_iRecvOffset >= RecvBufferSize()) {
+    m_strRecvBuffer.erase(0, m_iRecvOffset);
+    m_iRecvOffset = 0;
+  }
+  m_strRecvBuffer.append(m_pBuffer.get(), iSize);
+}
