@@ -255,11 +255,9 @@ int TcpSocket::Recv(StreamCallback_t* pCallback) {
       }
       AppendRecvBuffer(static_cast<size_t>(iCount));
       iTotal += static_cast<size_t>(iCount);
-    } else if (iCount == 0) {
-      return -1;
-    } else if (errno == EAGAIN) {
+    } else if (iCount == -1 && errno == EAGAIN) {
       return static_cast<int>(iTotal);
-    } else if (errno != EINTR) {
+    } else if (iCount == 0 || errno != EINTR) {
       return -1;
     }
   }
