@@ -19,21 +19,26 @@
 
 #include "internal/always_assert.h"
 
-// DESIGN. Both buffers are flat strings with an offset to their first live byte, so that taking
-// bytes from the front costs nothing, however small the pieces are.
+// DESIGN. Bytes are copied once on their way out and not at all on their way in.
 //
-// Sending: a message is one string from AppendSendBuffer() to the kernel. When its turn comes and
-// it has no head, it is swapped with the flat buffer; the next message appended to an idle socket
-// is built in the memory of the one sent last. The flat buffer holds one message at a time.
+// Sending: AppendSendBuffer() makes the one copy. When its message's turn comes and it has no head,
+// the string is swapped with the flat buffer. What is written is skipped by an offset, and the
+// memory goes back to the allocator with the last byte: the next socket to send finds it warm in
+// the processor's cache, and an idle one holds none.
 //
-// Receiving: the erased front is closed up before new bytes are appended, and only when it is at
-// least as long as the rest: a byte is moved at most once for each byte erased.
+// Receiving: one block of memory holds the received bytes, [m_iRecvBegin, m_iRecvEnd) and a zero
+// byte behind them, and recv() fills the room after them. Erasing moves m_iRecvBegin. When less
+// room is left than one recv() may fill, the bytes move to the front if that costs no more than was
+// erased since they last moved, else to a larger block: in the long run moving costs no more than
+// receiving. Room that was never reached costs address space, not memory.
 
 namespace {
 
 const unsigned int DEFAULT_TIMEOUT = 15;   // seconds
 const unsigned int ACCEPTED_TIMEOUT = 20;  // seconds; deliberately another one
 const size_t RECV_SIZE = 1048576;
+const size_t RECV_ROOM = RECV_SIZE + 1;  // for one recv() and the zero byte
+const size_t RECV_SLACK = 65536;         // received bytes that need not move before the next recv()
 const int BACKLOG = 10;
 const size_t SHORTEST_QUAD = 7;
 
@@ -203,13 +208,8 @@ void TcpSocket::AppendSendBuffer(const char* pData, unsigned int iSize) {
 
 void TcpSocket::AppendSendBuffer(const char* pHead, unsigned int iHeadSize, const char* pData,
                                  unsigned int iDataSize) {
-  _msg_t& stMsg = m_dqSendBuffer.emplace_back();
-  stMsg.iSetTime = time(nullptr);
-  if (iHeadSize == 0 && m_strSendBuffer.empty()) {
-    stMsg.strData.swap(m_strSendBuffer);  // for its memory: TakeMessage() swaps it back
-  }
-  stMsg.strHead.assign(pHead, iHeadSize);
-  stMsg.strData.assign(pData, iDataSize);
+  m_dqSendBuffer.push_back(
+      {time(nullptr), std::string(pHead, iHeadSize), std::string(pData, iDataSize)});
   m_iSendBufferSize += iHeadSize + iDataSize;
 }
 
@@ -244,16 +244,17 @@ int TcpSocket::Recv(StreamCallback_t* pCallback) {
   if (m_iFD == -1) {
     return 0;
   }
-  if (m_pBuffer == nullptr) {
-    m_pBuffer.reset(new char[RECV_SIZE]);  // not cleared: pages never reached stay unmapped
-  }
   for (size_t iTotal = 0;;) {
-    const ssize_t iCount = recv(m_iFD, m_pBuffer.get(), RECV_SIZE, 0);
+    MakeRecvRoom();
+    // A callback shall find the zero byte behind the earlier bytes: the new ones land beyond it.
+    const size_t iGap = pCallback != nullptr && m_iRecvBegin != m_iRecvEnd ? 1 : 0;
+    char* pLanding = m_pBuffer.get() + m_iRecvEnd + iGap;
+    const ssize_t iCount = recv(m_iFD, pLanding, RECV_SIZE, 0);
     if (iCount > 0) {
       if (pCallback != nullptr) {
-        pCallback(this, m_pBuffer.get(), static_cast<unsigned int>(iCount));
+        pCallback(this, pLanding, static_cast<unsigned int>(iCount));
       }
-      AppendRecvBuffer(static_cast<size_t>(iCount));
+      AddReceived(pLanding, static_cast<size_t>(iCount));
       iTotal += static_cast<size_t>(iCount);
     } else if (iCount == -1 && errno == EAGAIN) {
       return static_cast<int>(iTotal);
@@ -263,13 +264,9 @@ int TcpSocket::Recv(StreamCallback_t* pCallback) {
   }
 }
 
+// Leaves the end where it is, also when nothing remains: a callback's bytes may have landed there.
 void TcpSocket::EraseRecvBuffer(unsigned int iSize) {
-  if (iSize < RecvBufferSize()) {
-    m_iRecvOffset += iSize;
-    return;
-  }
-  m_strRecvBuffer.clear();
-  m_iRecvOffset = 0;
+  m_iRecvBegin += std::min(iSize, RecvBufferSize());
 }
 
 void TcpSocket::Close() {
@@ -335,7 +332,7 @@ void TcpSocket::DropWritten(size_t iWritten) {
   m_iSendOffset += iWritten;
   m_iSendBufferSize -= static_cast<unsigned int>(iWritten);
   if (m_iSendOffset == m_strSendBuffer.size()) {
-    m_strSendBuffer.clear();
+    std::string().swap(m_strSendBuffer);  // clear() would keep the memory
     m_iSendOffset = 0;
   }
 }
@@ -344,20 +341,47 @@ void TcpSocket::DropWritten(size_t iWritten) {
 // age is signed: a clock set back makes no message old.
 void TcpSocket::TakeMessage(time_t iNow) {
   _msg_t& stMsg = m_dqSendBuffer.front();
+  const size_t iSize = stMsg.strHead.size() + stMsg.strData.size();
   if (iNow - stMsg.iSetTime >= static_cast<int64_t>(m_iTimeoutTime)) {
-    m_iSendBufferSize -= static_cast<unsigned int>(stMsg.strHead.size() + stMsg.strData.size());
+    m_iSendBufferSize -= static_cast<unsigned int>(iSize);
   } else if (stMsg.strHead.empty()) {
     m_strSendBuffer.swap(stMsg.strData);
   } else {
+    m_strSendBuffer.reserve(iSize);
     m_strSendBuffer.append(stMsg.strHead).append(stMsg.strData);
   }
   m_dqSendBuffer.pop_front();
 }
 
-void TcpSocket::AppendRecvBuffer(size_t iSize) {
-  if (m_iRecvOffset != 0 && m_iRecvOffset >= RecvBufferSize()) {
-    m_strRecvBuffer.erase(0, m_iRecvOffset);
-    m_iRecvOffset = 0;
+// Sees to it that a whole recv() fits behind the received bytes.
+void TcpSocket::MakeRecvRoom() {
+  if (m_iRecvBegin == m_iRecvEnd) {
+    m_iRecvBegin = m_iRecvEnd = 0;
   }
-  m_strRecvBuffer.append(m_pBuffer.get(), iSize);
+  if (m_iCapacity - m_iRecvEnd >= RECV_ROOM) {
+    return;
+  }
+  const size_t iSize = m_iRecvEnd - m_iRecvBegin;
+  const char* pFirst = m_pBuffer.get() + m_iRecvBegin;
+  if (m_iCapacity - iSize >= RECV_ROOM && iSize <= m_iRecvBegin) {
+    std::copy_n(pFirst, iSize, m_pBuffer.get());
+  } else {
+    m_iCapacity = RECV_ROOM + RECV_SLACK + 2 * iSize;
+    std::unique_ptr<char[]> pLarger(new char[m_iCapacity]);  // not cleared
+    std::copy_n(pFirst, iSize, pLarger.get());
+    m_pBuffer.swap(pLarger);
+  }
+  m_iRecvBegin = 0;
+  m_iRecvEnd = iSize;
+  m_pBuffer[iSize] = '\0';
+}
+
+// Takes bytes that recv() has put at or just beyond the end into the received ones.
+void TcpSocket::AddReceived(const char* pLanding, size_t iSize) {
+  char* pEnd = m_pBuffer.get() + m_iRecvEnd;
+  if (pLanding != pEnd) {
+    memmove(pEnd, pLanding, iSize);
+  }
+  m_iRecvEnd += iSize;
+  m_pBuffer[m_iRecvEnd] = '\0';
 }

@@ -85,8 +85,8 @@ class TcpSocket : public Object {
   // this call, 0 on a closed socket, or -1 on an error and when the peer has closed: what came
   // before that is in the buffer, and the descriptor stays open.
   //
-  // The callback runs for each piece before it is appended. Keeps 1 MiB per socket from the first
-  // call on, of which only what is used becomes resident.
+  // The callback runs for each piece before it is appended. From the first call on the socket keeps
+  // a block of somewhat more than 1 MiB, of which only what was used becomes resident.
   int Recv(StreamCallback_t* pCallback = nullptr);
 
   void Close();
@@ -106,14 +106,17 @@ class TcpSocket : public Object {
   const char* SockAddressString() const { return m_strSockAddr.c_str(); }
   int SockPort() const { return m_iSockPort; }
 
-  // Bytes queued and not yet written.
+  // Bytes queued and not yet written, also of messages that will prove too old.
   unsigned int SendBufferSize() const { return m_iSendBufferSize; }
 
-  // The received bytes that were not erased, in one piece; valid until the next Recv() or erasure.
+  // The received bytes that were not erased, in one piece with a zero byte behind it; valid until
+  // the next Recv() or erasure.
   unsigned int RecvBufferSize() const {
-    return static_cast<unsigned int>(m_strRecvBuffer.size() - m_iRecvOffset);
+    return static_cast<unsigned int>(m_iRecvEnd - m_iRecvBegin);
   }
-  const char* RecvBuffer() const { return m_strRecvBuffer.data() + m_iRecvOffset; }
+  const char* RecvBuffer() const {
+    return m_iRecvBegin == m_iRecvEnd ? "" : m_pBuffer.get() + m_iRecvBegin;
+  }
 
   // Drops the first iSize received bytes, or all when there are fewer. Moves nothing.
   void EraseRecvBuffer(unsigned int iSize);
@@ -142,7 +145,8 @@ class TcpSocket : public Object {
   bool WriteSendBuffer(size_t& iWritten) const;
   void DropWritten(size_t iWritten);
   void TakeMessage(time_t iNow);
-  void AppendRecvBuffer(size_t iSize);
+  void MakeRecvRoom();
+  void AddReceived(const char* pLanding, size_t iSize);
 
   int m_iFD = -1;
   unsigned int m_iPeerAddr = 0;
@@ -151,14 +155,15 @@ class TcpSocket : public Object {
   unsigned int m_iSockAddr = 0;
   int m_iSockPort = 0;
   std::string m_strSockAddr;
-  std::string m_strSendBuffer;  // the message being written, empty when it is
-  std::string m_strRecvBuffer;
+  std::string m_strSendBuffer;  // the message being written
+  size_t m_iSendOffset = 0;     // its first byte not yet written
   std::deque<_msg_t> m_dqSendBuffer;
   unsigned int m_iSendBufferSize = 0;
   unsigned int m_iTimeoutTime;
-  std::unique_ptr<char[]> m_pBuffer;  // what one recv() may fill
-  size_t m_iSendOffset = 0;           // bytes of m_strSendBuffer already written
-  size_t m_iRecvOffset = 0;           // bytes of m_strRecvBuffer already erased
+  std::unique_ptr<char[]> m_pBuffer;  // received bytes and room for one recv()
+  size_t m_iCapacity = 0;             // of m_pBuffer
+  size_t m_iRecvBegin = 0;            // the received bytes in m_pBuffer: from here
+  size_t m_iRecvEnd = 0;              // to before here, where a zero byte stands
 };
 
 #endif

@@ -32,7 +32,7 @@
 
 namespace {
 
-const size_t SCRATCH_SIZE = 1048576;
+const size_t READ_SIZE = 1048576;
 const time_t START = 1000000;  // the clock's second when a test begins
 
 // What the next calls of send() or recv() do instead of asking the kernel for everything: a
@@ -41,7 +41,8 @@ const time_t START = 1000000;  // the clock's second when a test begins
 struct script_t {
   std::deque<long> dqNext;
   unsigned int iCalls = 0;
-  size_t iLastSize = 0;
+  size_t iSmallestSize = SIZE_MAX;
+  size_t iLargestSize = 0;
   int iLastFlags = -1;
 };
 
@@ -49,13 +50,13 @@ script_t g_stSend;
 script_t g_stRecv;
 time_t g_iClock = START;
 unsigned int g_iClockCalls = 0;
-unsigned int g_iScratches = 0;  // scratch buffers ever allocated
-size_t g_iLargest = 0;          // the largest allocation other than those
+unsigned int g_iBlocks = 0;  // receive buffers ever allocated
 
 // The size that the kernel shall be asked for, or a result in its place.
 long FollowScript(script_t& stScript, size_t iSize, int iFlags) {
   ++stScript.iCalls;
-  stScript.iLastSize = iSize;
+  stScript.iSmallestSize = std::min(stScript.iSmallestSize, iSize);
+  stScript.iLargestSize = std::max(stScript.iLargestSize, iSize);
   stScript.iLastFlags = iFlags;
   if (stScript.dqNext.empty()) {
     return static_cast<long>(iSize);
@@ -92,29 +93,18 @@ extern "C" time_t time(time_t* pSeconds) noexcept {
 }
 
 // Out of line: inlined, malloc() would face a delete that the compiler knows by name.
-[[gnu::noinline]] void* operator new(size_t iSize) {
-  g_iLargest = std::max(g_iLargest, iSize);
-  void* pMemory = malloc(iSize);
-  if (pMemory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return pMemory;
-}
-
 [[gnu::noinline]] void* operator new[](size_t iSize) {
   void* pMemory = malloc(iSize);
   if (pMemory == nullptr) {
     throw std::bad_alloc();
   }
-  if (iSize == SCRATCH_SIZE) {
-    ++g_iScratches;
+  if (iSize >= READ_SIZE) {
+    ++g_iBlocks;
     memset(pMemory, 0xA5, iSize);
   }
   return pMemory;
 }
 
-[[gnu::noinline]] void operator delete(void* pMemory) noexcept { free(pMemory); }
-[[gnu::noinline]] void operator delete(void* pMemory, size_t) noexcept { free(pMemory); }
 [[gnu::noinline]] void operator delete[](void* pMemory) noexcept { free(pMemory); }
 [[gnu::noinline]] void operator delete[](void* pMemory, size_t) noexcept { free(pMemory); }
 
@@ -177,6 +167,7 @@ class TcpSocketStreamTest : public ::testing::Test {
     g_vecSeen.clear();
     g_fnDuring = nullptr;
     g_iClock = START;
+    g_iBlocks = 0;
     TcpSocket stListener;
     ASSERT_EQ(0, stListener.Listen("127.0.0.1", 0));
     m_iPeer = ConnectTo(stListener, m_iPeerBuffer);
@@ -692,24 +683,31 @@ TEST_F(TcpSocketNarrowTest, NegativeSecondsWaitForThePeer) {
 
 TEST_F(TcpSocketStreamTest, RecvOnAClosedSocketAllocatesNothing) {
   m_pSocket->Close();
-  g_iScratches = 0;
   EXPECT_EQ(0, m_pSocket->Recv(Record));
-  EXPECT_EQ(0u, g_iScratches);
+  EXPECT_EQ(0u, g_iBlocks);
   EXPECT_EQ(0u, g_stRecv.iCalls);
   EXPECT_TRUE(g_vecSeen.empty());
 }
 
-TEST_F(TcpSocketStreamTest, FirstRecvAllocatesTheScratchAndNobodyClearsIt) {
-  g_iScratches = 0;
+TEST_F(TcpSocketStreamTest, FirstRecvAllocatesAndNobodyClearsWhatIsNotReached) {
+  EXPECT_EQ(0u, g_iBlocks);
   g_fnDuring = [](TcpSocket*, const char* pData, unsigned int iSize) {
     EXPECT_EQ('\xA5', pData[iSize]);
-    EXPECT_EQ('\xA5', pData[SCRATCH_SIZE - 1]);
+    EXPECT_EQ('\xA5', pData[READ_SIZE - 1]);
   };
   PeerWrites("abc");
   EXPECT_EQ(3, m_pSocket->Recv(Record));
   EXPECT_EQ(0, m_pSocket->Recv(Record));
-  EXPECT_EQ(1u, g_iScratches);
-  EXPECT_EQ(SCRATCH_SIZE, g_stRecv.iLastSize);
+  EXPECT_EQ(1u, g_iBlocks);
+}
+
+TEST_F(TcpSocketStreamTest, EveryReadAsksForAMebibyte) {
+  PeerWrites("abc");
+  g_stRecv.dqNext = {1};
+  m_pSocket->Recv();
+  EXPECT_EQ(READ_SIZE, g_stRecv.iSmallestSize);
+  EXPECT_EQ(READ_SIZE, g_stRecv.iLargestSize);
+  EXPECT_EQ(0, g_stRecv.iLastFlags);
 }
 
 TEST_F(TcpSocketStreamTest, RecvWithoutDataIsZeroAndCallsNobody) {
@@ -870,7 +868,7 @@ TEST_F(TcpSocketStreamTest, EraseMovesNothing) {
 }
 
 TEST_F(TcpSocketStreamTest, SmallTrafficBehindALargeRestDoesNotMoveTheRestEachTime) {
-  Receive(Pattern(1 << 16));
+  Receive(Pattern(200000));
   unsigned int iMoves = 0;
   for (int i = 0; i < 1000; ++i) {
     const char* pStart = m_pSocket->RecvBuffer();
@@ -879,20 +877,73 @@ TEST_F(TcpSocketStreamTest, SmallTrafficBehindALargeRestDoesNotMoveTheRestEachTi
     iMoves += m_pSocket->RecvBuffer() != pStart + 10 ? 1 : 0;
   }
   EXPECT_LE(iMoves, 2u);
-  EXPECT_EQ(Pattern(1 << 16).substr(10000), Received().substr(0, (1 << 16) - 10000));
+  EXPECT_EQ(Pattern(200000).substr(10000), Received().substr(0, 190000));
 }
 
-TEST_F(TcpSocketStreamTest, LongStreamWithARestNeedsASmallBuffer) {
+TEST_F(TcpSocketStreamTest, LongStreamWithARestAllocatesOnce) {
   const std::string strPiece = Pattern(1000);
   Receive("rest");
-  g_iLargest = 0;
   for (int i = 0; i < 2000; ++i) {
     Receive(strPiece);
     m_pSocket->EraseRecvBuffer(1000);
     ASSERT_EQ(4u, m_pSocket->RecvBufferSize());
   }
   EXPECT_EQ(strPiece.substr(996), Received());
-  EXPECT_LE(g_iLargest, 8192u);
+  EXPECT_EQ(1u, g_iBlocks);
+}
+
+TEST_F(TcpSocketStreamTest, RestOfEverySizeSurvivesTheMovesOfTheBuffer) {
+  std::mt19937 stRandom(11);
+  std::string strExpected;
+  for (int i = 0; i < 400; ++i) {
+    const std::string strPiece = Pattern(stRandom() % 30000);
+    g_stRecv.dqNext = {static_cast<long>(1 + stRandom() % 9000)};
+    Receive(strPiece);
+    strExpected += strPiece;
+    const size_t iErased = std::min<size_t>(stRandom() % 30000, strExpected.size());
+    m_pSocket->EraseRecvBuffer(static_cast<unsigned int>(iErased));
+    strExpected.erase(0, iErased);
+    ASSERT_TRUE(strExpected == Received()) << "round " << i;
+    ASSERT_EQ('\0', m_pSocket->RecvBuffer()[strExpected.size()]);
+  }
+}
+
+TEST_F(TcpSocketStreamTest, ReceivedBytesReadAsACString) {
+  EXPECT_STREQ("", m_pSocket->RecvBuffer());
+  Receive("abcdef");
+  EXPECT_STREQ("abcdef", m_pSocket->RecvBuffer());
+  m_pSocket->EraseRecvBuffer(2);
+  EXPECT_STREQ("cdef", m_pSocket->RecvBuffer());
+  EXPECT_EQ(0, m_pSocket->Recv());
+  EXPECT_STREQ("cdef", m_pSocket->RecvBuffer());
+  m_pSocket->EraseRecvBuffer(4);
+  EXPECT_STREQ("", m_pSocket->RecvBuffer());
+}
+
+TEST_F(TcpSocketStreamTest, EarlierBytesReadAsACStringDuringACallback) {
+  Receive("early");
+  PeerWrites("lateandmore");
+  g_stRecv.dqNext = {4};
+  Texts_t vecEarlier;
+  g_fnDuring = [&](TcpSocket* pSocket, const char*, unsigned int) {
+    vecEarlier.emplace_back(pSocket->RecvBuffer());
+  };
+  EXPECT_EQ(11, m_pSocket->Recv(Record));
+  EXPECT_EQ((Texts_t{"early", "earlylate"}), vecEarlier);
+  EXPECT_EQ((Texts_t{"late", "andmore"}), g_vecSeen);
+  EXPECT_STREQ("earlylateandmore", m_pSocket->RecvBuffer());
+}
+
+TEST_F(TcpSocketStreamTest, RecvCallbackMayEraseAllThatCameBefore) {
+  Receive("early");
+  PeerWrites("lateandmore");
+  g_stRecv.dqNext = {4};
+  g_fnDuring = [](TcpSocket* pSocket, const char*, unsigned int) {
+    pSocket->EraseRecvBuffer(UINT_MAX);
+    EXPECT_STREQ("", pSocket->RecvBuffer());
+  };
+  EXPECT_EQ(11, m_pSocket->Recv(Record));
+  EXPECT_STREQ("andmore", m_pSocket->RecvBuffer());
 }
 
 TEST_F(TcpSocketStreamTest, MegabytesFromAnotherProcessArriveUnchanged) {
