@@ -331,8 +331,8 @@ bool TcpSocket::WriteSendBuffer(size_t& iWritten) const {
 void TcpSocket::DropWritten(size_t iWritten) {
   m_iSendOffset += iWritten;
   m_iSendBufferSize -= static_cast<unsigned int>(iWritten);
-  if (m_iSendOffset == m_strSendBuffer.size()) {
-    std::string().swap(m_strSendBuffer);  // clear() would keep the memory
+  if (m_iSendOffset >= m_strSendBuffer.size()) {  // beyond it after a Send() inside its callback
+    std::string().swap(m_strSendBuffer);          // clear() would keep the memory
     m_iSendOffset = 0;
   }
 }
