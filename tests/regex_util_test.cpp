@@ -98,6 +98,7 @@ TEST(RegexUtilTest, MatchThatConsumesNothingEndsTheScan) {
 
 TEST(RegexUtilTest, EmptyMatchFurtherOnStillAdvances) {
   EXPECT_EQ((Groups_t{""}), GroupsOf("(x*)$", "abc"));
+  EXPECT_EQ((Groups_t{"", ""}), GroupsOf("(\\>)", "ab cd"));
 }
 
 TEST(RegexUtilTest, NinetyEightGroupsAreScannedOn) {
