@@ -1,0 +1,33 @@
+#ifndef KV_SERVER_COMMAND_RUNNER_H
+#define KV_SERVER_COMMAND_RUNNER_H
+
+#include <string>
+
+#include "batch.h"
+#include "command_table.h"
+#include "key_store.h"
+
+// Runs commands on a worker's keys. The gateway has looked at names, counts and limits already.
+class CommandRunner {
+ public:
+  explicit CommandRunner(KeyStore& stStore) : m_stStore(stStore) {}
+
+  // Appends the reply to strOut; vecArguments come without the command's name.
+  void Run(CommandId_t eCommand, const Arguments_t& vecArguments, std::string& strOut);
+
+  uint64_t CommandsRun() const { return m_iCommandsRun; }
+
+ private:
+  void Get(std::string_view strKey, std::string& strOut);
+  void Set(const Arguments_t& vecArguments, std::string& strOut);
+  void Add(std::string_view strKey, int64_t iDelta, std::string& strOut);
+  void IncrBy(const Arguments_t& vecArguments, std::string& strOut);
+  void MSet(const Arguments_t& vecArguments, std::string& strOut);
+  int64_t Remove(const Arguments_t& vecKeys);
+  int64_t CountExisting(const Arguments_t& vecKeys);
+
+  KeyStore& m_stStore;
+  uint64_t m_iCommandsRun = 0;
+};
+
+#endif

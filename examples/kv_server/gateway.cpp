@@ -1,0 +1,504 @@
+#include "gateway.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+
+#include "connection_pool.h"
+#include "gather_machine.h"
+#include "local_commands.h"
+#include "log.h"
+#include "machine_pool.h"
+#include "mq_pool.h"
+#include "process_signals.h"
+#include "reply.h"
+#include "session.h"
+#include "zelk_variable.h"
+
+// DESIGN
+// epoll tells what is ready by a tag: the listener, the answers of a worker, or the machine id of a
+// session. Sessions are always looked up by id, so an event or an answer for one that is gone finds
+// nothing. Whatever happens to a session in a turn puts it on the list of touched ones, and all
+// sending, erasing and removing is done there, once, at the end of the turn: until then the bytes
+// of a request stay where large values are pushed from.
+
+namespace {
+
+const int LISTEN_BACKLOG = 4096;
+const int MAX_EVENTS = 256;
+const int BLOCKED_WAIT_MS = 5;  // how soon a full queue is tried again without being woken
+const int IDLE_WAIT_MS = 1000;  // timeouts are in seconds
+const size_t SPARE_DESCRIPTORS = 64;
+const size_t PART_KEYS = 128;  // of a command over many keys, in one worker's part
+
+const uint64_t TAG_LISTENER = 1ull << 32;
+const uint64_t TAG_WORKER = 2ull << 32;  // plus the index
+                                         // below: a session's machine id
+
+bool Watch(int iEpoll, int iOperation, int iFD, uint64_t iTag, uint32_t iEvents) {
+  epoll_event stEvent{};
+  stEvent.events = iEvents;
+  stEvent.data.u64 = iTag;
+  return epoll_ctl(iEpoll, iOperation, iFD, &stEvent) == 0;
+}
+
+// Room for every client's descriptor, as far as the system allows.
+void RaiseDescriptorLimit(uint64_t iClients) {
+  rlimit stLimit{};
+  getrlimit(RLIMIT_NOFILE, &stLimit);
+  const rlim_t iNeeded = iClients + SPARE_DESCRIPTORS;
+  if (stLimit.rlim_cur >= iNeeded) {
+    return;
+  }
+  stLimit.rlim_cur = std::min<rlim_t>(iNeeded, stLimit.rlim_max);
+  setrlimit(RLIMIT_NOFILE, &stLimit);
+  if (stLimit.rlim_cur < iNeeded) {
+    g_pLog->Warning("gateway: limits.clients needs %llu descriptors, the system allows %llu",
+                    static_cast<unsigned long long>(iNeeded),
+                    static_cast<unsigned long long>(stLimit.rlim_cur));
+  }
+}
+
+}  // namespace
+
+// Keys of one command that go to one worker together.
+struct Gateway::Part_t {
+  int iWorker;
+  Arguments_t vecArguments;
+  std::vector<uint32_t> vecPlaces;
+  size_t iBytes;
+};
+
+Gateway::Gateway(const Settings_t& stSettings, const std::vector<QueueNames_t>& vecNames,
+                 uint64_t iLife)
+    : m_stSettings(stSettings),
+      m_vecNames(vecNames),
+      m_iLife(iLife),
+      m_iNow(time(nullptr)),
+      m_iStarted(m_iNow) {}
+
+Gateway::~Gateway() {
+  while (!m_setSessions.empty()) {
+    RemoveSession(*m_setSessions.begin());
+  }
+  MQPool::Instance().RemoveAll();
+  if (m_iEpoll != -1) {
+    close(m_iEpoll);
+  }
+}
+
+int Gateway::Run() {
+  if (!Start()) {
+    return 1;
+  }
+  while (g_bRunFlag) {
+    Turn(WaitMilliseconds());
+  }
+  Stop();
+  return 0;
+}
+
+bool Gateway::Start() {
+  Session::RegisterStates();
+  GatherMachine::RegisterStates();
+  RaiseDescriptorLimit(m_stSettings.iMaxClients);
+  m_iEpoll = epoll_create1(EPOLL_CLOEXEC);
+  if (m_stListener.Listen(m_stSettings.Host().c_str(), m_stSettings.Port()) != 0) {
+    g_pLog->Error("gateway: can not listen on %s: %s", m_stSettings.strListen.c_str(),
+                  strerror(errno));
+    return false;
+  }
+  listen(m_stListener.FD(), LISTEN_BACKLOG);
+  m_stListener.SetNonBlock(true);
+  if (!AttachLinks() || !Watch(m_iEpoll, EPOLL_CTL_ADD, m_stListener.FD(), TAG_LISTENER, EPOLLIN)) {
+    g_pLog->Error("gateway: can not start: %s", strerror(errno));
+    return false;
+  }
+  g_pLog->Info("gateway: serving %s with %llu workers", m_stSettings.strListen.c_str(),
+               static_cast<unsigned long long>(m_stSettings.iWorkers));
+  return true;
+}
+
+bool Gateway::AttachLinks() {
+  for (size_t i = 0; i < m_vecNames.size(); ++i) {
+    const int iWorker = static_cast<int>(i);
+    m_vecLinks.push_back(std::make_unique<WorkerLink>(iWorker, m_iLife, m_stSettings.iQueueBytes));
+    WorkerLink& stLink = *m_vecLinks.back();
+    if (!stLink.Attach(m_vecNames[i])) {
+      return false;
+    }
+    MQPool::Instance().AddMQ(iWorker, &stLink.In(), &stLink.Out());
+    if (!Watch(m_iEpoll, EPOLL_CTL_ADD, stLink.Out().FifoFD(), TAG_WORKER + i, EPOLLIN)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// How long the turn may sleep.
+int Gateway::WaitMilliseconds() const {
+  if (!m_vecResumed.empty()) {
+    return 0;
+  }
+  for (const auto& pLink : m_vecLinks) {
+    if (pLink->Out().CanReadSize() > 0) {
+      return 0;
+    }
+  }
+  return m_bWasBlocked ? BLOCKED_WAIT_MS : IDLE_WAIT_MS;
+}
+
+void Gateway::Turn(int iTimeout) {
+  epoll_event astEvents[MAX_EVENTS];
+  const int iCount = WaitForEvents(m_iEpoll, astEvents, MAX_EVENTS, iTimeout);
+  m_iNow = time(nullptr);
+  for (int i = 0; i < iCount; ++i) {
+    OnEvent(astEvents[i].data.u64, astEvents[i].events);
+  }
+  ResumeSessions();
+  Publish();
+  DrainLinks();
+  MachinePool::Instance().ProcessTimeout(m_iNow);
+  FinishSessions();
+}
+
+void Gateway::OnEvent(uint64_t iTag, uint32_t iEvents) {
+  if (iTag == TAG_LISTENER) {
+    AcceptClients();
+  } else if (iTag >= TAG_WORKER) {
+    MQPool::Instance().GetMQ(static_cast<int>(iTag - TAG_WORKER), 1)->ClearFifo();
+  } else {
+    OnSessionEvent(static_cast<uint32_t>(iTag), iEvents);
+  }
+}
+
+void Gateway::AcceptClients() {
+  for (;;) {
+    std::unique_ptr<TcpSocket> pSocket(m_stListener.Accept());
+    if (pSocket == nullptr) {
+      break;
+    }
+    ++m_iConnections;
+    AddClient(std::move(pSocket));
+  }
+  if (errno == EMFILE || errno == ENFILE) {
+    g_pLog->Warning("gateway: no descriptor for another client: %s", strerror(errno));
+    PauseMilliseconds(BLOCKED_WAIT_MS);  // the listener stays readable
+  }
+}
+
+void Gateway::AddClient(std::unique_ptr<TcpSocket> pSocket) {
+  if (m_setSessions.size() >= m_stSettings.iMaxClients) {
+    std::string strError;
+    AppendError(strError, "ERR max number of clients reached (limits.clients)");
+    pSocket->AppendSendBuffer(strError.data(), static_cast<unsigned int>(strError.size()));
+    pSocket->Send();
+    return;
+  }
+  const int iOn = 1;
+  const uint32_t iId = NewMachineId();
+  setsockopt(pSocket->FD(), IPPROTO_TCP, TCP_NODELAY, &iOn, sizeof(iOn));
+  if (!Watch(m_iEpoll, EPOLL_CTL_ADD, pSocket->FD(), iId, EPOLLIN)) {
+    g_pLog->Warning("gateway: can not watch a client: %s", strerror(errno));
+    return;
+  }
+  auto* pSession = new Session(*this, pSocket.get(), iId);
+  ConnectionPool::Instance().AddConnection(pSocket.release());
+  MachinePool::Instance().AddMachine(pSession);
+  m_setSessions.insert(iId);
+  g_pLog->Debug("gateway: client %u connected", iId);
+}
+
+// Numbers come round again after some hours of many commands over several workers.
+uint32_t Gateway::NewMachineId() {
+  do {
+    ++m_iNextMachine;
+  } while (m_iNextMachine == 0 || MachinePool::Instance().GetMachine(m_iNextMachine) != nullptr);
+  return m_iNextMachine;
+}
+
+void Gateway::OnSessionEvent(uint32_t iMachine, uint32_t iEvents) {
+  auto* pSession = static_cast<Session*>(MachinePool::Instance().GetMachine(iMachine));
+  if (pSession == nullptr) {
+    return;
+  }
+  if ((iEvents & EPOLLIN) != 0) {
+    GatewayEvent_t stEvent{GatewayEvent_t::READABLE, 0, nullptr};
+    pSession->DoNext(nullptr, &stEvent);
+  }
+  if ((iEvents & (EPOLLHUP | EPOLLERR)) != 0) {
+    pSession->HangUp();
+  }
+  Touch(*pSession);
+}
+
+void Gateway::ResumeSessions() {
+  std::vector<uint32_t> vecResumed;
+  vecResumed.swap(m_vecResumed);
+  for (const uint32_t iMachine : vecResumed) {
+    auto* pSession = static_cast<Session*>(MachinePool::Instance().GetMachine(iMachine));
+    if (pSession != nullptr && pSession->Paused()) {
+      GatewayEvent_t stEvent{GatewayEvent_t::RESUMED, 0, nullptr};
+      pSession->DoNext(nullptr, &stEvent);
+      Touch(*pSession);
+    }
+  }
+}
+
+void Gateway::Publish() {
+  bool bBlocked = false;
+  for (const auto& pLink : m_vecLinks) {
+    pLink->Publish();
+    bBlocked = bBlocked || pLink->Blocked();
+  }
+  if (m_bWasBlocked && !bBlocked) {  // whoever waited for room may have waited for this
+    m_vecResumed.assign(m_setSessions.begin(), m_setSessions.end());
+  }
+  m_bWasBlocked = bBlocked;
+}
+
+void Gateway::DrainLinks() {
+  for (const auto& pLink : m_vecLinks) {
+    pLink->Drain(*this);
+  }
+}
+
+void Gateway::Tell(uint32_t iMachine, uint32_t iSlot, const ReplyPiece_t* pPiece) {
+  StateMachine* pMachine = MachinePool::Instance().GetMachine(iMachine);
+  if (pMachine == nullptr) {
+    return;  // the client has gone, or the command was given up
+  }
+  GatewayEvent_t stEvent{pPiece == nullptr ? GatewayEvent_t::LOST : GatewayEvent_t::PIECE, iSlot,
+                         pPiece};
+  if (pMachine->DoNext(nullptr, &stEvent) != 0) {
+    MachinePool::Instance().RemoveMachine(iMachine);
+    delete pMachine;
+  } else if (pMachine->StateMachineType() == MACHINE_SESSION) {
+    Touch(*static_cast<Session*>(pMachine));
+  }
+}
+
+void Gateway::OnPiece(const ReplyTarget_t& stTarget, const ReplyPiece_t& stPiece) {
+  Tell(stTarget.iMachine, stTarget.iSlot, &stPiece);
+}
+
+void Gateway::OnLost(const ReplyTarget_t& stTarget) {
+  Tell(stTarget.iMachine, stTarget.iSlot, nullptr);
+}
+
+void Gateway::OnWorkerStarted(int iWorker) {
+  g_pLog->Info("gateway: worker %d is there", iWorker);
+  Link(iWorker).Probe();
+  Link(iWorker).Publish();
+}
+
+void Gateway::Touch(Session& stSession) {
+  if (stSession.Touch()) {
+    m_vecTouched.push_back(stSession.GetId());
+  }
+}
+
+void Gateway::Resume(Session& stSession) { m_vecResumed.push_back(stSession.GetId()); }
+
+void Gateway::WatchSession(Session& stSession, int iFD, uint32_t iEvents) {
+  Watch(m_iEpoll, EPOLL_CTL_MOD, iFD, stSession.GetId(), iEvents);
+}
+
+void Gateway::FinishSessions() {
+  for (const uint32_t iMachine : m_vecTouched) {
+    auto* pSession = static_cast<Session*>(MachinePool::Instance().GetMachine(iMachine));
+    pSession->FinishTurn();
+    if (pSession->Dead()) {
+      RemoveSession(iMachine);
+    }
+  }
+  m_vecTouched.clear();
+}
+
+void Gateway::RemoveSession(uint32_t iMachine) {
+  StateMachine* pMachine = MachinePool::Instance().GetMachine(iMachine);
+  MachinePool::Instance().RemoveMachine(iMachine);
+  m_setSessions.erase(iMachine);
+  delete pMachine;
+  g_pLog->Debug("gateway: client %u is gone", iMachine);
+}
+
+// Answers what has been received, for as long as the operator allows.
+void Gateway::Stop() {
+  m_stListener.Close();
+  GatewayEvent_t stEvent{GatewayEvent_t::STOPPING, 0, nullptr};
+  for (const uint32_t iMachine : m_setSessions) {
+    auto* pSession = static_cast<Session*>(MachinePool::Instance().GetMachine(iMachine));
+    pSession->DoNext(nullptr, &stEvent);
+    Touch(*pSession);
+  }
+  const time_t iDeadline = time(nullptr) + static_cast<time_t>(m_stSettings.iStopTimeout);
+  Turn(0);
+  while (!m_setSessions.empty() && m_iNow <= iDeadline) {
+    Turn(std::min(WaitMilliseconds(), BLOCKED_WAIT_MS));
+  }
+  g_pLog->Info("gateway: stopped, %zu clients not answered in time", m_setSessions.size());
+}
+
+bool Gateway::RunRequest(Session& stSession, const Arguments_t& vecArguments) {
+  if (vecArguments.empty()) {
+    return true;
+  }
+  const Command_t* pCommand = FindCommand(vecArguments[0]);
+  if (pCommand == nullptr) {
+    AppendUnknownCommand(stSession.LocalReply(), vecArguments);
+    return true;
+  }
+  const size_t iCount = vecArguments.size();
+  if (!ArityMatches(*pCommand, iCount) || (pCommand->eRoute == ROUTE_PAIRS && iCount % 2 == 0) ||
+      (pCommand->eId == CMD_PING && iCount > 2)) {
+    AppendWrongArity(stSession.LocalReply(), *pCommand);
+    return true;
+  }
+  const std::string strError = CheckArguments(*pCommand, vecArguments, m_stSettings);
+  if (!strError.empty()) {
+    AppendError(stSession.LocalReply(), strError);
+    return true;
+  }
+  bool bRun = true;
+  switch (pCommand->eRoute) {
+    case ROUTE_GATEWAY:
+      RunHere(stSession, *pCommand, vecArguments);
+      break;
+    case ROUTE_ONE_KEY:
+      bRun = RunOnWorker(stSession, *pCommand, WorkerOf(vecArguments[1]), vecArguments);
+      break;
+    case ROUTE_ALL:
+      bRun = RunOnAll(stSession, *pCommand);
+      break;
+    default:
+      bRun = RunOnKeys(stSession, *pCommand, vecArguments);
+  }
+  m_iCommands += bRun ? 1 : 0;
+  return bRun;
+}
+
+int Gateway::WorkerOf(std::string_view strKey) const {
+  const size_t iWorkers = m_vecLinks.size();
+  return iWorkers == 1 ? 0 : static_cast<int>(std::hash<std::string_view>()(strKey) % iWorkers);
+}
+
+bool Gateway::RunOnWorker(Session& stSession, const Command_t& stCommand, int iWorker,
+                          const Arguments_t& vecArguments) {
+  WorkerLink& stLink = Link(iWorker);
+  if (stLink.Blocked()) {
+    return false;
+  }
+  uint32_t iSlot = 0;
+  if (!stSession.JoinSlot(iWorker, iSlot)) {
+    stLink.StartRun({stSession.GetId(), stSession.OpenSlot(iWorker)});
+  }
+  stLink.Add(stCommand.eId, vecArguments, 1);
+  return true;
+}
+
+bool Gateway::RunOnKeys(Session& stSession, const Command_t& stCommand,
+                        const Arguments_t& vecArguments) {
+  std::vector<Part_t> vecParts = SplitByWorker(stCommand, vecArguments);
+  if (vecParts.size() == 1) {
+    return RunOnWorker(stSession, stCommand, vecParts[0].iWorker, vecArguments);
+  }
+  return RunParts(stSession, stCommand, vecParts);
+}
+
+std::vector<Gateway::Part_t> Gateway::SplitByWorker(const Command_t& stCommand,
+                                                    const Arguments_t& vecArguments) const {
+  const size_t iStep = stCommand.eRoute == ROUTE_PAIRS ? 2 : 1;
+  const size_t iNone = static_cast<size_t>(-1);
+  std::vector<size_t> vecCurrent(m_vecLinks.size(), iNone);  // a worker's part being filled
+  std::vector<Part_t> vecParts;
+  for (size_t i = 1; i < vecArguments.size(); i += iStep) {
+    const int iWorker = WorkerOf(vecArguments[i]);
+    size_t& iPart = vecCurrent[static_cast<size_t>(iWorker)];
+    if (iPart == iNone || vecParts[iPart].vecPlaces.size() >= PART_KEYS ||
+        vecParts[iPart].iBytes >= RecordLimit(m_stSettings.iQueueBytes)) {
+      iPart = vecParts.size();
+      vecParts.push_back({iWorker, {}, {}, 0});
+    }
+    Part_t& stPart = vecParts[iPart];
+    stPart.vecPlaces.push_back(static_cast<uint32_t>((i - 1) / iStep));
+    for (size_t iArgument = i; iArgument < i + iStep; ++iArgument) {
+      stPart.vecArguments.push_back(vecArguments[iArgument]);
+      stPart.iBytes += vecArguments[iArgument].size();
+    }
+  }
+  return vecParts;
+}
+
+bool Gateway::RunOnAll(Session& stSession, const Command_t& stCommand) {
+  std::vector<Part_t> vecParts;
+  for (size_t i = 0; i < m_vecLinks.size(); ++i) {
+    vecParts.push_back({static_cast<int>(i), {}, {}, 0});
+  }
+  return RunParts(stSession, stCommand, vecParts);
+}
+
+bool Gateway::RunParts(Session& stSession, const Command_t& stCommand,
+                       std::vector<Part_t>& vecParts) {
+  for (const Part_t& stPart : vecParts) {
+    if (Link(stPart.iWorker).Blocked()) {
+      return false;
+    }
+  }
+  const uint32_t iId = NewMachineId();
+  const ReplyTarget_t stAsker{stSession.GetId(), stSession.OpenSlot(-1)};
+  auto* pGather = new GatherMachine(*this, stCommand.eId, stAsker);
+  pGather->SetId(iId);
+  pGather->SetStateTimeout(static_cast<unsigned int>(m_stSettings.iGatherTimeout));
+  pGather->SetStateBeginTime(m_iNow);
+  MachinePool::Instance().AddMachine(pGather);
+  MachinePool::Instance().ConfigStateTimeout(pGather);
+  for (Part_t& stPart : vecParts) {
+    WorkerLink& stLink = Link(stPart.iWorker);
+    stLink.StartRun({iId, pGather->AddPart(std::move(stPart.vecPlaces))});
+    stLink.Add(stCommand.eId, stPart.vecArguments, 0);
+  }
+  return true;
+}
+
+void Gateway::RunHere(Session& stSession, const Command_t& stCommand,
+                      const Arguments_t& vecArguments) {
+  if (stCommand.eId == CMD_QUIT) {
+    AppendStatus(stSession.LocalReply(), "OK");
+    return stSession.StartClosing();
+  }
+  if (stCommand.eId == CMD_SHUTDOWN) {
+    g_pLog->Info("gateway: client %u asks for the end", stSession.GetId());
+    kill(getppid(), SIGTERM);
+    return stSession.StartClosing();
+  }
+  RunLocalCommand(stCommand, vecArguments, m_stSettings, stSession.LocalReply());
+}
+
+std::string Gateway::InfoText(int64_t iKeys) const {
+  const auto Line = [](const char* pName, uint64_t iValue) {
+    return std::string(pName) + ":" + std::to_string(iValue) + "\r\n";
+  };
+  std::string strText = "# Server\r\nserver_name:kv_server\r\nredis_mode:standalone\r\n";
+  strText += Line("process_id", static_cast<uint64_t>(getpid()));
+  strText += Line("tcp_port", m_stSettings.Port());
+  strText += Line("workers", m_vecLinks.size());
+  strText += Line("uptime_in_seconds", static_cast<uint64_t>(m_iNow - m_iStarted));
+  strText += "\r\n# Clients\r\n" + Line("connected_clients", m_setSessions.size());
+  strText += Line("maxclients", m_stSettings.iMaxClients);
+  strText += "\r\n# Stats\r\n" + Line("total_connections_received", m_iConnections);
+  strText += Line("total_commands_processed", m_iCommands);
+  strText += "\r\n# Keyspace\r\n";
+  if (iKeys > 0) {
+    strText += "db0:keys=" + std::to_string(iKeys) + ",expires=0,avg_ttl=0\r\n";
+  }
+  return strText;
+}

@@ -1,0 +1,97 @@
+#ifndef KV_SERVER_GATEWAY_H
+#define KV_SERVER_GATEWAY_H
+
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "command_table.h"
+#include "settings.h"
+#include "tcp_socket.h"
+#include "worker_link.h"
+
+class GatherMachine;
+class Session;
+
+// The gateway process: owns the clients, takes their requests apart, has the workers run them and
+// sends the replies.
+//
+// One turn of its loop: wait once; read and parse everything that came; publish once to each
+// worker; take all answers; send once to each client.
+class Gateway : public ReplyReceiver {
+ public:
+  // iLife tells this process from earlier gateways.
+  Gateway(const Settings_t& stSettings, const std::vector<QueueNames_t>& vecNames, uint64_t iLife);
+  ~Gateway() override;
+  Gateway(const Gateway&) = delete;
+  Gateway& operator=(const Gateway&) = delete;
+
+  // Serves until SIGTERM, then answers what has been received. Returns the exit code.
+  int Run();
+
+  // For the machines.
+  const Settings_t& Settings() const { return m_stSettings; }
+  time_t Now() const { return m_iNow; }
+  WorkerLink& Link(int iWorker) { return *m_vecLinks[static_cast<size_t>(iWorker)]; }
+  // Has a request run or answered. False when it has to wait for a worker's queue.
+  bool RunRequest(Session& stSession, const Arguments_t& vecArguments);
+  void Touch(Session& stSession);   // FinishTurn() is called at the end of the turn
+  void Resume(Session& stSession);  // a paused session may go on
+  void WatchSession(Session& stSession, int iFD, uint32_t iEvents);
+  std::string InfoText(int64_t iKeys) const;
+
+  void OnPiece(const ReplyTarget_t& stTarget, const ReplyPiece_t& stPiece) override;
+  void OnLost(const ReplyTarget_t& stTarget) override;
+  void OnWorkerStarted(int iWorker) override;
+
+ private:
+  struct Part_t;
+
+  bool Start();
+  bool AttachLinks();
+  void Turn(int iTimeout);
+  int WaitMilliseconds() const;
+  void OnEvent(uint64_t iTag, uint32_t iEvents);
+  void AcceptClients();
+  void AddClient(std::unique_ptr<TcpSocket> pSocket);
+  void OnSessionEvent(uint32_t iMachine, uint32_t iEvents);
+  void DrainLinks();
+  void Publish();
+  void ResumeSessions();
+  void FinishSessions();
+  void RemoveSession(uint32_t iMachine);
+  uint32_t NewMachineId();
+  void Stop();
+  bool AllAnswered() const;
+  void Tell(uint32_t iMachine, uint32_t iSlot, const ReplyPiece_t* pPiece);
+
+  int WorkerOf(std::string_view strKey) const;
+  bool RunOnWorker(Session& stSession, const Command_t& stCommand, int iWorker,
+                   const Arguments_t& vecArguments);
+  bool RunOnKeys(Session& stSession, const Command_t& stCommand, const Arguments_t& vecArguments);
+  bool RunOnAll(Session& stSession, const Command_t& stCommand);
+  bool RunParts(Session& stSession, const Command_t& stCommand, std::vector<Part_t>& vecParts);
+  std::vector<Part_t> SplitByWorker(const Command_t& stCommand,
+                                    const Arguments_t& vecArguments) const;
+
+  void RunHere(Session& stSession, const Command_t& stCommand, const Arguments_t& vecArguments);
+
+  const Settings_t m_stSettings;
+  const std::vector<QueueNames_t> m_vecNames;
+  const uint64_t m_iLife;
+  time_t m_iNow;
+  time_t m_iStarted;
+  int m_iEpoll = -1;
+  TcpSocket m_stListener;
+  std::vector<std::unique_ptr<WorkerLink>> m_vecLinks;
+  std::set<uint32_t> m_setSessions;  // machine ids
+  std::vector<uint32_t> m_vecTouched;
+  std::vector<uint32_t> m_vecResumed;
+  bool m_bWasBlocked = false;
+  uint32_t m_iNextMachine = 0;
+  uint64_t m_iConnections = 0;
+  uint64_t m_iCommands = 0;
+};
+
+#endif

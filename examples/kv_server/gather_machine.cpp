@@ -1,0 +1,119 @@
+#include "gather_machine.h"
+
+#include "gateway.h"
+#include "log.h"
+#include "reply.h"
+#include "zelk_variable.h"
+
+namespace {
+
+const int DONE = 1;  // tells the caller of DoNext to remove the machine
+
+std::string ErrorText(const char* pError) {
+  std::string strReply;
+  AppendError(strReply, pError);
+  return strReply;
+}
+
+}  // namespace
+
+void GatherMachine::RegisterStates() {
+  StateMachine::SetGlobalStateList(MACHINE_GATHER, GATHER_WAITING, OnAnswer);
+  StateMachine::SetGlobalStateName(MACHINE_GATHER, GATHER_WAITING, "waiting");
+}
+
+GatherMachine::GatherMachine(Gateway& stGateway, CommandId_t eCommand, const ReplyTarget_t& stAsker)
+    : m_stGateway(stGateway), m_eCommand(eCommand), m_stAsker(stAsker) {
+  m_iState = GATHER_WAITING;
+}
+
+uint32_t GatherMachine::AddPart(std::vector<uint32_t> vecPlaces) {
+  m_vecParts.push_back({std::move(vecPlaces), std::string(), false});
+  ++m_iOpenParts;
+  return static_cast<uint32_t>(m_vecParts.size()) - 1;
+}
+
+int GatherMachine::OnAnswer(StateMachine* pMachine, InternalHead_t* /*pHead*/, void* pMessage) {
+  auto* pGather = static_cast<GatherMachine*>(pMachine);
+  return pGather->Take(*static_cast<GatewayEvent_t*>(pMessage)) ? DONE : 0;
+}
+
+// True when it was the last piece.
+bool GatherMachine::Take(const GatewayEvent_t& stEvent) {
+  Part_t& stPart = m_vecParts[stEvent.iSlot];
+  if (stEvent.eType == GatewayEvent_t::LOST) {
+    stPart.strReply = ErrorText(WORKER_LOST_ERROR);
+    stPart.bDone = true;
+  } else {
+    stPart.strReply.append(stEvent.pPiece->strBytes);
+    stPart.bDone = !stEvent.pPiece->bGoesOn;
+  }
+  m_iOpenParts -= stPart.bDone ? 1 : 0;
+  if (m_iOpenParts > 0) {
+    return false;
+  }
+  Reply(Join());
+  return true;
+}
+
+std::string GatherMachine::Join() const {
+  for (const Part_t& stPart : m_vecParts) {
+    if (IsErrorReply(stPart.strReply)) {
+      return stPart.strReply;
+    }
+  }
+  std::string strReply;
+  switch (m_eCommand) {
+    case CMD_MGET:
+      return JoinElements();
+    case CMD_MSET:
+    case CMD_FLUSHALL:
+      AppendStatus(strReply, "OK");
+      break;
+    case CMD_INFO:
+      AppendBulk(strReply, m_stGateway.InfoText(Sum()));
+      break;
+    default:
+      AppendInteger(strReply, Sum());
+  }
+  return strReply;
+}
+
+int64_t GatherMachine::Sum() const {
+  int64_t iSum = 0;
+  for (const Part_t& stPart : m_vecParts) {
+    iSum += IntegerOfReply(stPart.strReply);
+  }
+  return iSum;
+}
+
+// Puts each part's elements at the places of their keys.
+std::string GatherMachine::JoinElements() const {
+  std::vector<std::string_view> vecElements;
+  for (const Part_t& stPart : m_vecParts) {
+    const auto vecOwn = ElementsOfReply(stPart.strReply);
+    for (size_t i = 0; i < vecOwn.size() && i < stPart.vecPlaces.size(); ++i) {
+      vecElements.resize(std::max<size_t>(vecElements.size(), stPart.vecPlaces[i] + 1));
+      vecElements[stPart.vecPlaces[i]] = vecOwn[i];
+    }
+  }
+  std::string strReply;
+  AppendArrayHead(strReply, vecElements.size());
+  for (const std::string_view strElement : vecElements) {
+    strReply.append(strElement);
+  }
+  return strReply;
+}
+
+int GatherMachine::Timeout(bool /*bMachine*/) {
+  g_pLog->Warning("gateway: a command over several workers is given up after %llu s",
+                  static_cast<unsigned long long>(m_stGateway.Settings().iGatherTimeout));
+  Reply(
+      ErrorText("ERR workers did not answer in time (timeout.gather), "
+                "the command may or may not have run"));
+  return DONE;  // late answers find no machine and are dropped
+}
+
+void GatherMachine::Reply(const std::string& strReply) {
+  m_stGateway.OnPiece(m_stAsker, {strReply, 1, false, false});
+}

@@ -1,0 +1,52 @@
+#ifndef KV_SERVER_MASTER_H
+#define KV_SERVER_MASTER_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "queue_set.h"
+#include "settings.h"
+
+// The master process: makes the queues, starts gateway and workers, starts a dead one again, and
+// at the end stops them and removes what it made.
+class Master {
+ public:
+  explicit Master(const Settings_t& stSettings);
+  ~Master();
+  Master(const Master&) = delete;
+  Master& operator=(const Master&) = delete;
+
+  // Serves until SIGTERM or SIGINT. Returns the exit code; errors before the log is there go to
+  // standard error.
+  int Run();
+
+ private:
+  struct Child_t {
+    std::string strName;
+    int iWorker;  // -1: the gateway
+    pid_t iPid;   // -1: not running
+    int64_t iStartedAt;
+    int64_t iStartAt;  // when it is to be started, ms
+    int iDelay;        // before the next start after an early death, ms
+  };
+
+  bool TakeRunDirectory();
+  void StartDue();
+  void StartChild(Child_t& stChild);
+  int RunChild(const Child_t& stChild, uint64_t iLife) const;
+  void Reap();
+  void OnDeath(Child_t& stChild, int iStatus);
+  int WaitMilliseconds() const;
+  void StopChildren();
+  void StopGroup(bool bGateway);
+
+  const Settings_t m_stSettings;
+  QueueSet m_stQueues;
+  std::vector<Child_t> m_vecChildren;
+  int m_iLockFD = -1;
+};
+
+#endif

@@ -1,0 +1,62 @@
+#include "process_signals.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <time.h>
+
+#include "zelk_variable.h"
+
+namespace {
+
+sigset_t g_stWaitMask;  // while waiting nothing of ours is blocked
+
+void OnStopSignal(int /*iSignal*/) { g_bRunFlag = false; }
+void OnChildSignal(int /*iSignal*/) {}  // only ends a wait
+
+void Handle(int iSignal, void (*pHandler)(int)) {
+  struct sigaction stAction {};
+  stAction.sa_handler = pHandler;
+  sigaction(iSignal, &stAction, nullptr);
+}
+
+timespec ToTimespec(int iMilliseconds) {
+  return {iMilliseconds / 1000, iMilliseconds % 1000 * 1000000L};
+}
+
+}  // namespace
+
+void InstallSignals() {
+  sigset_t stBlocked;
+  sigemptyset(&stBlocked);
+  sigaddset(&stBlocked, SIGINT);
+  sigaddset(&stBlocked, SIGTERM);
+  sigaddset(&stBlocked, SIGCHLD);
+  sigprocmask(SIG_BLOCK, &stBlocked, &g_stWaitMask);
+  sigdelset(&g_stWaitMask, SIGINT);
+  sigdelset(&g_stWaitMask, SIGTERM);
+  sigdelset(&g_stWaitMask, SIGCHLD);
+  Handle(SIGINT, OnStopSignal);
+  Handle(SIGTERM, OnStopSignal);
+  Handle(SIGCHLD, OnChildSignal);
+}
+
+int WaitForEvents(int iEpoll, epoll_event* pEvents, int iMaxEvents, int iMilliseconds) {
+  const int iCount = epoll_pwait(iEpoll, pEvents, iMaxEvents, iMilliseconds, &g_stWaitMask);
+  return iCount < 0 ? 0 : iCount;
+}
+
+void WaitReadable(int iFD, int iMilliseconds) {
+  pollfd stPoll{iFD, POLLIN, 0};
+  const timespec stTime = ToTimespec(iMilliseconds);
+  ppoll(&stPoll, 1, &stTime, &g_stWaitMask);
+}
+
+void WaitForChild(int iMilliseconds) {
+  const timespec stTime = ToTimespec(iMilliseconds);
+  ppoll(nullptr, 0, &stTime, &g_stWaitMask);
+}
+
+void PauseMilliseconds(int iMilliseconds) {
+  const timespec stTime = ToTimespec(iMilliseconds);
+  nanosleep(&stTime, nullptr);
+}

@@ -1,0 +1,23 @@
+#ifndef KV_SERVER_PROCESS_SIGNALS_H
+#define KV_SERVER_PROCESS_SIGNALS_H
+
+#include <sys/epoll.h>
+
+// Signals of one process: SIGINT and SIGTERM clear g_bRunFlag. They stay blocked except inside the
+// waits below, so none is lost between a look at the flag and the sleep.
+
+// To be called first in each process; SIGCHLD is blocked too, and nothing else is changed.
+void InstallSignals();
+
+// epoll_wait(); a signal ends it with 0 events.
+int WaitForEvents(int iEpoll, epoll_event* pEvents, int iMaxEvents, int iMilliseconds);
+
+// Waits until the descriptor is readable, a signal comes or the time is over.
+void WaitReadable(int iFD, int iMilliseconds);
+
+// Waits until a child ends, a signal comes or the time is over.
+void WaitForChild(int iMilliseconds);
+
+void PauseMilliseconds(int iMilliseconds);
+
+#endif

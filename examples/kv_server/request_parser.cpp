@@ -1,0 +1,248 @@
+#include "request_parser.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
+namespace {
+
+// A length line is at most a sign, 19 digits and the line end; a longer one is not waited for.
+const size_t MAX_LENGTH_LINE = 32;
+
+// A client keeps room for this many elements between two requests.
+const size_t KEPT_ELEMENTS = 1024;
+
+// Decimal digits, with a sign where it is negative; false for anything else or too large a number.
+bool ParseNumber(const char* pText, size_t iSize, int64_t& iNumber) {
+  const bool bNegative = iSize > 0 && *pText == '-';
+  const size_t iFirst = bNegative ? 1 : 0;
+  if (iSize == iFirst || iSize > iFirst + 18) {
+    return false;
+  }
+  int64_t iValue = 0;
+  for (size_t i = iFirst; i < iSize; ++i) {
+    if (pText[i] < '0' || pText[i] > '9') {
+      return false;
+    }
+    iValue = iValue * 10 + (pText[i] - '0');
+  }
+  iNumber = bNegative ? -iValue : iValue;
+  return true;
+}
+
+int HexValue(char c) {
+  if (c >= '0' && c <= '9') {
+    return c - '0';
+  }
+  const int iLower = tolower(static_cast<unsigned char>(c));
+  return iLower >= 'a' && iLower <= 'f' ? iLower - 'a' + 10 : -1;
+}
+
+// Reads one escape sequence behind a backslash inside double quotes; p stands on the backslash and
+// is left on the sequence's last character.
+char ReadEscape(const char*& p, const char* pEnd) {
+  if (pEnd - p > 3 && p[1] == 'x' && HexValue(p[2]) >= 0 && HexValue(p[3]) >= 0) {
+    const int iValue = HexValue(p[2]) * 16 + HexValue(p[3]);
+    p += 3;
+    return static_cast<char>(iValue);
+  }
+  ++p;
+  switch (*p) {
+    case 'n':
+      return '\n';
+    case 'r':
+      return '\r';
+    case 't':
+      return '\t';
+    case 'b':
+      return '\b';
+    case 'a':
+      return '\a';
+    default:
+      return *p;
+  }
+}
+
+// Reads a quoted word; p stands on the opening quote and is left behind the closing one. False when
+// it never closes or something clings to its end.
+bool ReadQuoted(const char*& p, const char* pEnd, std::string& strWord) {
+  const char cQuote = *p++;
+  for (; p < pEnd && *p != cQuote; ++p) {
+    if (*p != '\\' || pEnd - p < 2) {
+      strWord += *p;
+    } else if (cQuote == '"') {
+      strWord += ReadEscape(p, pEnd);
+    } else {
+      p += p[1] == '\'' ? 1 : 0;
+      strWord += *p;
+    }
+  }
+  if (p >= pEnd) {
+    return false;
+  }
+  ++p;
+  return p == pEnd || isspace(static_cast<unsigned char>(*p)) != 0;
+}
+
+}  // namespace
+
+void RequestParser::Reset() {
+  m_iOffset = 0;
+  m_iScanned = 0;
+  m_iElements = -1;
+  m_iBulk = -1;
+  m_vecPieces.clear();
+  if (m_vecPieces.capacity() > KEPT_ELEMENTS) {  // one giant request shall not cost for ever
+    std::vector<Piece_t>().swap(m_vecPieces);
+    std::vector<std::string_view>().swap(m_vecArguments);
+  }
+}
+
+RequestParser::Result_t RequestParser::Fail(const std::string& strError) {
+  m_strError = strError;
+  return MALFORMED;
+}
+
+RequestParser::Result_t RequestParser::Parse(const char* pData, size_t iSize) {
+  if (iSize == 0) {
+    return NEED_MORE;
+  }
+  return *pData == '*' ? ParseArray(pData, iSize) : ParseInline(pData, iSize);
+}
+
+RequestParser::Result_t RequestParser::ParseArray(const char* pData, size_t iSize) {
+  if (m_iElements < 0) {
+    const Result_t eHead = ParseArrayHead(pData, iSize);
+    if (eHead != COMPLETE) {
+      return eHead;
+    }
+  }
+  while (m_iElements > 0) {
+    const Result_t eElement = ParseElement(pData, iSize);
+    if (eElement != COMPLETE) {
+      return eElement;
+    }
+    --m_iElements;
+  }
+  m_vecArguments.clear();
+  for (const Piece_t& stPiece : m_vecPieces) {
+    m_vecArguments.emplace_back(pData + stPiece.iOffset, stPiece.iSize);
+  }
+  return COMPLETE;
+}
+
+// "*<count>\r\n"; a count of 0 or below is a request without arguments.
+RequestParser::Result_t RequestParser::ParseArrayHead(const char* pData, size_t iSize) {
+  int64_t iCount = 0;
+  const Result_t eResult = ParseLength(pData, iSize, "invalid multibulk length", iCount);
+  if (eResult != COMPLETE) {
+    return eResult;
+  }
+  if (iCount > static_cast<int64_t>(m_stLimits.iElements)) {
+    return Fail("invalid multibulk length, more than the limit of " +
+                std::to_string(m_stLimits.iElements) + " elements (limits.elements)");
+  }
+  m_iElements = std::max<int64_t>(iCount, 0);
+  return COMPLETE;
+}
+
+// "$<length>\r\n<bytes>\r\n"
+RequestParser::Result_t RequestParser::ParseElement(const char* pData, size_t iSize) {
+  if (m_iBulk < 0) {
+    if (m_iOffset == iSize) {
+      return NEED_MORE;
+    }
+    if (pData[m_iOffset] != '$') {
+      return Fail(std::string("expected '$', got '") + pData[m_iOffset] + "'");
+    }
+    int64_t iLength = 0;
+    const Result_t eResult = ParseLength(pData, iSize, "invalid bulk length", iLength);
+    if (eResult != COMPLETE) {
+      return eResult;
+    }
+    if (iLength < 0) {
+      return Fail("invalid bulk length");
+    }
+    if (iLength > static_cast<int64_t>(m_stLimits.iBulk)) {
+      return Fail("invalid bulk length, more than the limit of " +
+                  std::to_string(m_stLimits.iBulk) + " bytes (limits.value)");
+    }
+    m_iBulk = iLength;
+    if (m_iOffset + static_cast<size_t>(m_iBulk) > m_stLimits.iRequest) {
+      return Fail("request longer than the limit of " + std::to_string(m_stLimits.iRequest) +
+                  " bytes (limits.request)");
+    }
+  }
+  const auto iLength = static_cast<size_t>(m_iBulk);
+  if (iSize - m_iOffset < iLength + 2) {
+    return NEED_MORE;
+  }
+  if (memcmp(pData + m_iOffset + iLength, "\r\n", 2) != 0) {
+    return Fail("bulk string does not end with a line end");
+  }
+  m_vecPieces.push_back({m_iOffset, iLength});
+  m_iOffset += iLength + 2;
+  m_iBulk = -1;
+  return COMPLETE;
+}
+
+// The number between the type character at m_iOffset and the line end; goes behind it.
+RequestParser::Result_t RequestParser::ParseLength(const char* pData, size_t iSize,
+                                                   const char* pWhat, int64_t& iLength) {
+  const char* pLine = pData + m_iOffset + 1;
+  const size_t iRest = iSize - m_iOffset - 1;
+  const size_t iLook = std::min(iRest, MAX_LENGTH_LINE);
+  const auto* pEnd = static_cast<const char*>(memchr(pLine, '\n', iLook));
+  if (pEnd == nullptr) {
+    return iRest < MAX_LENGTH_LINE ? NEED_MORE : Fail(pWhat);
+  }
+  if (pEnd == pLine || pEnd[-1] != '\r' ||
+      !ParseNumber(pLine, static_cast<size_t>(pEnd - pLine) - 1, iLength)) {
+    return Fail(pWhat);
+  }
+  m_iOffset = static_cast<size_t>(pEnd - pData) + 1;
+  return COMPLETE;
+}
+
+RequestParser::Result_t RequestParser::ParseInline(const char* pData, size_t iSize) {
+  const auto* pNewline =
+      static_cast<const char*>(memchr(pData + m_iScanned, '\n', iSize - m_iScanned));
+  const size_t iLine = pNewline == nullptr ? iSize : static_cast<size_t>(pNewline - pData);
+  if (iLine > m_stLimits.iInline) {
+    return Fail("too big inline request, more than the limit of " +
+                std::to_string(m_stLimits.iInline) + " bytes (limits.inline)");
+  }
+  if (pNewline == nullptr) {
+    m_iScanned = iSize;
+    return NEED_MORE;
+  }
+  const bool bReturn = pNewline > pData && pNewline[-1] == '\r';
+  if (!SplitInline(pData, pNewline - (bReturn ? 1 : 0))) {
+    return Fail("unbalanced quotes in request");
+  }
+  m_vecArguments.assign(m_vecWords.begin(), m_vecWords.end());
+  m_iOffset = iLine + 1;
+  return COMPLETE;
+}
+
+// Words between blanks; "..." with escapes and '...' hold blanks together.
+bool RequestParser::SplitInline(const char* pData, const char* pEnd) {
+  m_vecWords.clear();
+  const char* p = pData;
+  for (;;) {
+    while (p < pEnd && isspace(static_cast<unsigned char>(*p)) != 0) {
+      ++p;
+    }
+    if (p == pEnd) {
+      return true;
+    }
+    std::string& strWord = m_vecWords.emplace_back();
+    while (p < pEnd && isspace(static_cast<unsigned char>(*p)) == 0) {
+      if (*p != '"' && *p != '\'') {
+        strWord += *p++;
+      } else if (!ReadQuoted(p, pEnd, strWord)) {
+        return false;
+      }
+    }
+  }
+}

@@ -1,0 +1,338 @@
+#include "session.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include "connection_pool.h"
+#include "gateway.h"
+#include "log.h"
+#include "machine_pool.h"
+#include "reply.h"
+#include "settings.h"
+#include "tcp_socket.h"
+#include "zelk_variable.h"
+
+namespace {
+
+// Queued replies must never expire: one that is dropped would shift all later ones. The session
+// gives up on a client long before.
+const unsigned int NEVER = 0x7fffffff;
+
+// Requests wait while more output than this does.
+const size_t OUTPUT_PAUSE = 1 << 20;
+
+const unsigned int LINGER_SECONDS = 2;
+
+RequestParser::Limits_t ParserLimits(const Settings_t& stSettings) {
+  return {stSettings.iMaxElements, stSettings.iMaxValue, stSettings.iMaxInline,
+          stSettings.iMaxRequest};
+}
+
+GatewayEvent_t& Event(void* pMessage) { return *static_cast<GatewayEvent_t*>(pMessage); }
+
+// The machine's way out of the process: into the send queue of the connection that the head names.
+int QueueForSending(InternalHead_t* pHead, const char* pData, unsigned int iSize) {
+  TcpSocket* pSocket = ConnectionPool::Instance().GetConnection(pHead->iFD);
+  pSocket->AppendSendBuffer(pData, iSize);
+  return 0;
+}
+
+}  // namespace
+
+void Session::RegisterStates() {
+  StateMachine::SetGlobalStateList(MACHINE_SESSION, SESSION_OPEN, OnOpenEvent);
+  StateMachine::SetGlobalStateList(MACHINE_SESSION, SESSION_CLOSING, OnClosingEvent);
+  StateMachine::SetGlobalStateList(MACHINE_SESSION, SESSION_LINGERING, OnLingeringEvent);
+  StateMachine::SetGlobalStateList(MACHINE_SESSION, SESSION_DEAD, OnDeadEvent);
+  StateMachine::SetGlobalStateName(MACHINE_SESSION, SESSION_OPEN, "open");
+  StateMachine::SetGlobalStateName(MACHINE_SESSION, SESSION_CLOSING, "closing");
+  StateMachine::SetGlobalStateName(MACHINE_SESSION, SESSION_LINGERING, "lingering");
+  StateMachine::SetGlobalStateName(MACHINE_SESSION, SESSION_DEAD, "dead");
+}
+
+Session::Session(Gateway& stGateway, TcpSocket* pSocket, uint32_t iId)
+    : m_stGateway(stGateway),
+      m_pSocket(pSocket),
+      m_stParser(ParserLimits(stGateway.Settings())),
+      m_iInterest(EPOLLIN) {
+  SetId(iId);
+  m_iState = SESSION_OPEN;
+  m_sInternalHead = {pSocket->FD(), pSocket->PeerAddress(), pSocket->PeerPort(),
+                     pSocket->SockAddress(), pSocket->SockPort()};
+  OutMQOfOutProc(QueueForSending);
+  pSocket->SetTimeout(NEVER);
+}
+
+Session::~Session() { ConnectionPool::Instance().RemoveConnection(m_sInternalHead.iFD); }
+
+bool Session::Touch() {
+  const bool bFirst = !m_bTouched;
+  m_bTouched = true;
+  return bFirst;
+}
+
+bool Session::Busy() const {
+  return !m_dqSlots.empty() || !m_strOut.empty() || m_pSocket->SendBufferSize() > 0 || m_bPaused;
+}
+
+int Session::OnOpenEvent(StateMachine* pMachine, InternalHead_t* /*pHead*/, void* pMessage) {
+  auto* pSession = static_cast<Session*>(pMachine);
+  switch (Event(pMessage).eType) {
+    case GatewayEvent_t::READABLE:
+      pSession->Receive();
+      break;
+    case GatewayEvent_t::RESUMED:
+      pSession->RunRequests();
+      break;
+    case GatewayEvent_t::STOPPING:
+      pSession->Receive();
+      pSession->m_bPeerClosed = true;  // nothing that comes later was received
+      pSession->RunRequests();
+      break;
+    default:
+      pSession->OnAnswer(Event(pMessage));
+  }
+  return 0;
+}
+
+int Session::OnClosingEvent(StateMachine* pMachine, InternalHead_t* /*pHead*/, void* pMessage) {
+  const GatewayEvent_t& stEvent = Event(pMessage);
+  auto* pSession = static_cast<Session*>(pMachine);
+  if (stEvent.eType == GatewayEvent_t::PIECE || stEvent.eType == GatewayEvent_t::LOST) {
+    pSession->OnAnswer(stEvent);
+  }
+  pSession->m_bPeerClosed |= stEvent.eType == GatewayEvent_t::STOPPING;
+  return 0;
+}
+
+int Session::OnLingeringEvent(StateMachine* pMachine, InternalHead_t* /*pHead*/, void* pMessage) {
+  auto* pSession = static_cast<Session*>(pMachine);
+  const bool bStopping = Event(pMessage).eType == GatewayEvent_t::STOPPING;
+  if (bStopping || pSession->m_pSocket->Recv() == -1) {
+    pSession->m_iState = SESSION_DEAD;
+  }
+  pSession->m_iConsumed = pSession->m_pSocket->RecvBufferSize();
+  return 0;
+}
+
+int Session::OnDeadEvent(StateMachine* /*pMachine*/, InternalHead_t* /*pHead*/,
+                         void* /*pMessage*/) {
+  return 0;
+}
+
+void Session::Receive() {
+  // A client that has closed its sending side may still wait for its answers.
+  m_bPeerClosed = m_pSocket->Recv() == -1 || m_bPeerClosed;
+  RunRequests();
+}
+
+// Runs requests out of the receive buffer until it has no complete one, or pauses.
+void Session::RunRequests() {
+  m_bPaused = false;
+  while (m_iState == SESSION_OPEN) {
+    if (!MayRunMore()) {
+      m_bPaused = true;
+      return;
+    }
+    const auto eResult = m_stParser.Parse(m_pSocket->RecvBuffer() + m_iConsumed,
+                                          m_pSocket->RecvBufferSize() - m_iConsumed);
+    if (eResult == RequestParser::NEED_MORE) {
+      break;
+    }
+    if (eResult == RequestParser::MALFORMED) {
+      AppendError(LocalReply(), "ERR Protocol error: " + m_stParser.Error());
+      g_pLog->Info("gateway: client %u: protocol error: %s", GetId(), m_stParser.Error().c_str());
+      return StartClosing();
+    }
+    if (!m_stGateway.RunRequest(*this, m_stParser.Arguments())) {
+      m_stParser.Reset();
+      m_bPaused = true;
+      return;
+    }
+    m_iConsumed += m_stParser.Size();
+    m_stParser.Reset();
+  }
+  if (m_bPeerClosed) {
+    StartClosing();
+  }
+}
+
+bool Session::MayRunMore() const {
+  return m_iUnanswered < m_stGateway.Settings().iMaxUnanswered &&
+         m_pSocket->SendBufferSize() + m_strOut.size() < OUTPUT_PAUSE;
+}
+
+std::string& Session::LocalReply() {
+  if (m_dqSlots.empty()) {
+    return m_strOut;
+  }
+  if (!m_dqSlots.back().bDone) {
+    m_dqSlots.push_back({-1, 0, true, false, std::string()});
+  }
+  return m_dqSlots.back().strHeld;
+}
+
+bool Session::JoinSlot(int iWorker, uint32_t& iSlot) {
+  if (m_dqSlots.empty() || m_dqSlots.back().bDone || m_dqSlots.back().iWorker != iWorker) {
+    return false;
+  }
+  iSlot = m_iFirstSlot + static_cast<uint32_t>(m_dqSlots.size()) - 1;
+  if (!m_stGateway.Link(iWorker).IsOpenRun({GetId(), iSlot})) {
+    return false;
+  }
+  ++m_dqSlots.back().iCommands;
+  ++m_iUnanswered;
+  return true;
+}
+
+uint32_t Session::OpenSlot(int iWorker) {
+  m_dqSlots.push_back({iWorker, 1, false, false, std::string()});
+  ++m_iUnanswered;
+  return m_iFirstSlot + static_cast<uint32_t>(m_dqSlots.size()) - 1;
+}
+
+void Session::OnAnswer(const GatewayEvent_t& stEvent) {
+  const uint32_t iIndex = stEvent.iSlot - m_iFirstSlot;
+  if (iIndex >= m_dqSlots.size() || m_dqSlots[iIndex].bDone) {
+    return;
+  }
+  Slot_t& stSlot = m_dqSlots[iIndex];
+  std::string& strOut = iIndex == 0 ? m_strOut : stSlot.strHeld;
+  if (stEvent.eType == GatewayEvent_t::LOST) {
+    return OnLost(stSlot, strOut);
+  }
+  const ReplyPiece_t& stPiece = *stEvent.pPiece;
+  strOut.append(stPiece.strBytes);
+  stSlot.iCommands -= stPiece.iCommands;
+  m_iUnanswered -= stPiece.iCommands;
+  stSlot.bTorn = stPiece.bTorn;
+  stSlot.bDone = !stPiece.bGoesOn;
+  ReleaseSlots();
+  if (m_bPaused) {
+    m_stGateway.Resume(*this);
+  }
+}
+
+void Session::OnLost(Slot_t& stSlot, std::string& strOut) {
+  if (stSlot.bTorn) {
+    return Abort("its worker died inside a reply");
+  }
+  for (; stSlot.iCommands > 0; --stSlot.iCommands, --m_iUnanswered) {
+    AppendError(strOut, WORKER_LOST_ERROR);
+  }
+  stSlot.bDone = true;
+  ReleaseSlots();
+}
+
+// Passes on what the slots before the first open one hold.
+void Session::ReleaseSlots() {
+  while (!m_dqSlots.empty() && m_dqSlots.front().bDone) {
+    m_strOut.append(m_dqSlots.front().strHeld);
+    m_dqSlots.pop_front();
+    ++m_iFirstSlot;
+  }
+  if (!m_dqSlots.empty() && !m_dqSlots.front().strHeld.empty()) {
+    m_strOut.append(m_dqSlots.front().strHeld);
+    m_dqSlots.front().strHeld.clear();
+  }
+}
+
+void Session::StartClosing() {
+  if (m_iState == SESSION_OPEN) {
+    m_iState = SESSION_CLOSING;
+    m_bPaused = false;
+  }
+}
+
+void Session::Abort(const char* pReason) {
+  g_pLog->Warning("gateway: client %u (%s) is disconnected: %s", GetId(), m_pSocket->IdString(),
+                  pReason);
+  m_iState = SESSION_DEAD;
+}
+
+int Session::Timeout(bool /*bMachine*/) {
+  if (m_iState != SESSION_LINGERING) {
+    Abort("it does not read its replies (timeout.write)");
+  }
+  m_iState = SESSION_DEAD;
+  m_stGateway.Touch(*this);
+  return 0;  // the gateway removes it with its list of clients
+}
+
+void Session::FinishTurn() {
+  m_bTouched = false;
+  if (Dead()) {
+    return;
+  }
+  SendOutput();
+  if (m_iConsumed > 0) {
+    m_pSocket->EraseRecvBuffer(static_cast<unsigned int>(m_iConsumed));
+    m_iConsumed = 0;
+  }
+  AdvanceClosing();
+  if (!Dead()) {
+    UpdateInterest();
+  }
+}
+
+void Session::SendOutput() {
+  if (!m_strOut.empty()) {
+    SendMessageToOutProcess(&m_sInternalHead, m_strOut.data(),
+                            static_cast<unsigned int>(m_strOut.size()));
+    m_strOut.clear();
+  }
+  if (m_pSocket->SendBufferSize() == 0) {
+    return;
+  }
+  const int iSent = m_pSocket->Send();
+  if (iSent < 0) {
+    m_iState = SESSION_DEAD;  // it is gone, and will not read what is left
+    return;
+  }
+  if (m_pSocket->SendBufferSize() > m_stGateway.Settings().iMaxOutput) {
+    return Abort("too much output waits for it (limits.output)");
+  }
+  WatchProgress(iSent > 0);
+  if (m_bPaused && MayRunMore()) {
+    m_stGateway.Resume(*this);
+  }
+}
+
+void Session::AdvanceClosing() {
+  if (m_iState != SESSION_CLOSING || Busy()) {
+    return;
+  }
+  if (m_bPeerClosed) {
+    m_iState = SESSION_DEAD;
+    return;
+  }
+  // Closing now, with bytes unread, would reset the connection and could take the last reply away.
+  m_iState = SESSION_LINGERING;
+  shutdown(m_pSocket->FD(), SHUT_WR);
+  StartStateTimeout(LINGER_SECONDS);
+}
+
+void Session::WatchProgress(bool bProgress) {
+  if (m_pSocket->SendBufferSize() == 0) {
+    ClearStateTimeout();
+  } else if (bProgress || GetStateTimeout() == 0) {
+    StartStateTimeout(static_cast<unsigned int>(m_stGateway.Settings().iWriteTimeout));
+  }
+}
+
+void Session::StartStateTimeout(unsigned int iSeconds) {
+  SetStateTimeout(iSeconds);
+  SetStateBeginTime(m_stGateway.Now());
+  MachinePool::Instance().ConfigStateTimeout(this);
+}
+
+void Session::UpdateInterest() {
+  const bool bReads =
+      m_iState == SESSION_LINGERING || (m_iState == SESSION_OPEN && !m_bPaused && !m_bPeerClosed);
+  const bool bWrites = m_pSocket->SendBufferSize() > 0;
+  const uint32_t iInterest = (bReads ? EPOLLIN : 0u) | (bWrites ? EPOLLOUT : 0u);
+  if (iInterest != m_iInterest) {
+    m_iInterest = iInterest;
+    m_stGateway.WatchSession(*this, m_pSocket->FD(), iInterest);
+  }
+}

@@ -1,0 +1,145 @@
+#include "settings.h"
+
+#include <arpa/inet.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "log.h"
+#include "string_util.h"
+
+namespace {
+
+struct NumberSetting_t {
+  const char* pKey;
+  uint64_t Settings_t::*pMember;
+  uint64_t iMin;
+  uint64_t iMax;
+  const char* pHelp;
+};
+
+struct TextSetting_t {
+  const char* pKey;
+  std::string Settings_t::*pMember;
+  const char* pHelp;
+};
+
+const TextSetting_t TEXT_SETTINGS[] = {
+    {"server.listen", &Settings_t::strListen, "IPv4 address and port"},
+    {"server.run_dir", &Settings_t::strRunDir, "directory of lock, FIFOs and queue keys"},
+    {"log.path", &Settings_t::strLogPath, "directory of the log; \"log\" in the run directory"},
+    {"log.level", &Settings_t::strLogLevel, "NET, DEBUG, INFORMATION, WARNING, ERROR or STAT"},
+};
+
+const uint64_t GIB = 1 << 30;
+
+const NumberSetting_t NUMBER_SETTINGS[] = {
+    {"server.workers", &Settings_t::iWorkers, 1, 64, "worker processes"},
+    {"queue.bytes", &Settings_t::iQueueBytes, 1 << 16, GIB, "bytes of each queue"},
+    {"limits.clients", &Settings_t::iMaxClients, 1, 1000000, "clients at a time"},
+    {"limits.elements", &Settings_t::iMaxElements, 1, 1 << 24, "elements of a request"},
+    {"limits.key", &Settings_t::iMaxKey, 1, 1 << 24, "bytes of a key"},
+    {"limits.value", &Settings_t::iMaxValue, 1, GIB / 2, "bytes of a value"},
+    {"limits.inline", &Settings_t::iMaxInline, 16, 1 << 24, "bytes of an inline request"},
+    {"limits.request", &Settings_t::iMaxRequest, 1024, GIB, "bytes of a request altogether"},
+    {"limits.output", &Settings_t::iMaxOutput, 1024, GIB, "bytes waiting for one client"},
+    {"limits.unanswered", &Settings_t::iMaxUnanswered, 1, 1 << 20, "commands of one client"},
+    {"timeout.gather", &Settings_t::iGatherTimeout, 1, 3600, "seconds for several workers"},
+    {"timeout.write", &Settings_t::iWriteTimeout, 1, 86400, "seconds a client may not read"},
+    {"timeout.stop", &Settings_t::iStopTimeout, 0, 3600, "seconds for the last answers"},
+};
+
+std::string Wrong(const std::string& strKey, const std::string& strValue,
+                  const std::string& strWhat) {
+  return strKey + " = \"" + strValue + "\": " + strWhat;
+}
+
+// Digits with at most one of K, M and G behind them: what StringToInt() takes without leaving a
+// rest.
+bool IsSize(const std::string& strText) {
+  const size_t iDigits = strText.find_first_not_of("0123456789");
+  if (iDigits == 0 || strText.empty() || strText.size() > 15) {
+    return false;
+  }
+  return iDigits == std::string::npos ||
+         (iDigits + 1 == strText.size() && strchr("kKmMgG", strText.back()) != nullptr);
+}
+
+std::string SetNumber(Settings_t& stSettings, const NumberSetting_t& stRow,
+                      const std::string& strValue) {
+  const int64_t iValue = StringToInt(strValue);
+  if (!IsSize(strValue) || iValue < 0 || static_cast<uint64_t>(iValue) < stRow.iMin ||
+      static_cast<uint64_t>(iValue) > stRow.iMax) {
+    return Wrong(stRow.pKey, strValue,
+                 "must be a number from " + std::to_string(stRow.iMin) + " to " +
+                     std::to_string(stRow.iMax));
+  }
+  stSettings.*stRow.pMember = static_cast<uint64_t>(iValue);
+  return "";
+}
+
+}  // namespace
+
+std::string Settings_t::Host() const { return strListen.substr(0, strListen.rfind(':')); }
+
+unsigned short Settings_t::Port() const {
+  return static_cast<unsigned short>(atoi(strListen.c_str() + strListen.rfind(':') + 1));
+}
+
+std::string Settings_t::LogPath() const {
+  return strLogPath.empty() ? strRunDir + "/log" : strLogPath;
+}
+
+std::string SetSetting(Settings_t& stSettings, const std::string& strKey,
+                       const std::string& strValue) {
+  for (const TextSetting_t& stRow : TEXT_SETTINGS) {
+    if (strKey == stRow.pKey) {
+      stSettings.*stRow.pMember = strValue;
+      return "";
+    }
+  }
+  for (const NumberSetting_t& stRow : NUMBER_SETTINGS) {
+    if (strKey == stRow.pKey) {
+      return SetNumber(stSettings, stRow, strValue);
+    }
+  }
+  return Wrong(strKey, strValue, "unknown setting");
+}
+
+std::string CheckSettings(const Settings_t& stSettings) {
+  const size_t iColon = stSettings.strListen.rfind(':');
+  in_addr stAddress{};
+  if (iColon == std::string::npos ||
+      inet_pton(AF_INET, stSettings.Host().c_str(), &stAddress) != 1 || stSettings.Port() == 0 ||
+      std::to_string(stSettings.Port()) != stSettings.strListen.substr(iColon + 1)) {
+    return Wrong("server.listen", stSettings.strListen, "must be an IPv4 address, \":\", a port");
+  }
+  if (strcasecmp(stSettings.strLogLevel.c_str(), "NONE") != 0 &&
+      Log::LogLevelConvert(stSettings.strLogLevel.c_str()) == Log::LL_NONE) {
+    return Wrong("log.level", stSettings.strLogLevel, "is no level name");
+  }
+  // The largest command must fit into a ring with room to spare for the one before it.
+  const uint64_t iNeeded = 2 * (stSettings.iMaxKey + stSettings.iMaxValue) + (64 << 10);
+  if (stSettings.iQueueBytes < iNeeded) {
+    return Wrong("queue.bytes", std::to_string(stSettings.iQueueBytes),
+                 "must be at least " + std::to_string(iNeeded) +
+                     " for the present limits.key and limits.value");
+  }
+  if (stSettings.strRunDir.empty()) {
+    return Wrong("server.run_dir", "", "must not be empty");
+  }
+  return "";
+}
+
+std::vector<SettingRow_t> ListSettings(const Settings_t& stSettings) {
+  std::vector<SettingRow_t> vecRows;
+  for (const TextSetting_t& stRow : TEXT_SETTINGS) {
+    vecRows.push_back({stRow.pKey, stSettings.*stRow.pMember, stRow.pHelp});
+  }
+  for (const NumberSetting_t& stRow : NUMBER_SETTINGS) {
+    vecRows.push_back({stRow.pKey, std::to_string(stSettings.*stRow.pMember), stRow.pHelp});
+  }
+  return vecRows;
+}

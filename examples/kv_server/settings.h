@@ -1,0 +1,52 @@
+#ifndef KV_SERVER_SETTINGS_H
+#define KV_SERVER_SETTINGS_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// The server's settings, each with its default. Read once by the master; the children inherit
+// them through fork().
+struct Settings_t {
+  std::string strListen = "127.0.0.1:6399";
+  std::string strRunDir = "kv_server.run";
+  std::string strLogPath;  // empty: "log" below the run directory
+  std::string strLogLevel = "INFORMATION";
+  uint64_t iWorkers = 1;
+  uint64_t iQueueBytes = 8 << 20;
+
+  uint64_t iMaxClients = 10000;
+  uint64_t iMaxElements = 1 << 20;  // in one request
+  uint64_t iMaxKey = 16 << 10;      // bytes
+  uint64_t iMaxValue = 1 << 20;     // bytes
+  uint64_t iMaxInline = 64 << 10;   // bytes of one inline request
+  uint64_t iMaxRequest = 64 << 20;  // bytes of one request altogether
+  uint64_t iMaxOutput = 64 << 20;   // bytes waiting to be sent to one client
+  uint64_t iMaxUnanswered = 1024;   // commands of one client under way
+  uint64_t iGatherTimeout = 10;     // seconds for a command over several workers
+  uint64_t iWriteTimeout = 60;      // seconds without a byte taken by the client
+  uint64_t iStopTimeout = 5;        // seconds for the last answers
+
+  // Parts of strListen, valid after Check().
+  std::string Host() const;
+  unsigned short Port() const;
+  std::string LogPath() const;
+};
+
+// Sets one value from its dotted key ("server.workers") and text. Sizes may carry K, M or G.
+// Returns an empty string, or what is wrong, naming key and value.
+std::string SetSetting(Settings_t& stSettings, const std::string& strKey,
+                       const std::string& strValue);
+
+// What the values must fulfil together; empty, or what is wrong.
+std::string CheckSettings(const Settings_t& stSettings);
+
+// A row of the table of settings, for listings.
+struct SettingRow_t {
+  const char* pKey;
+  std::string strValue;
+  const char* pHelp;
+};
+std::vector<SettingRow_t> ListSettings(const Settings_t& stSettings);
+
+#endif

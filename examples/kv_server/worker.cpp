@@ -1,0 +1,127 @@
+#include "worker.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "log.h"
+#include "machine_factory.h"
+#include "machine_pool.h"
+#include "process_signals.h"
+#include "zelk_variable.h"
+
+namespace {
+
+const unsigned int POP_COUNT = 64;
+const int IDLE_WAIT_MS = 1000;
+
+}  // namespace
+
+Worker::Worker(const Settings_t& stSettings, const QueueNames_t& stNames, int iIndex)
+    : m_stSettings(stSettings),
+      m_stNames(stNames),
+      m_iIndex(iIndex),
+      m_stRunner(m_stStore),
+      m_stOutbox(m_stOut, stSettings.iQueueBytes) {}
+
+int Worker::Run() {
+  if (!Start()) {
+    g_pLog->Error("worker %d: can not attach its queues: %s", m_iIndex, strerror(errno));
+    return 1;
+  }
+  while (g_bRunFlag) {
+    Turn();
+    if (m_stIn.CanReadSize() > 0) {
+      continue;
+    }
+    m_stIn.ClearFifo();
+    if (m_stIn.CanReadSize() == 0) {  // what came before the clearing is seen here
+      WaitReadable(m_stIn.FifoFD(), IDLE_WAIT_MS);
+    }
+  }
+  Turn();
+  g_pLog->Info("worker %d: stopped after %llu commands, %zu keys", m_iIndex,
+               static_cast<unsigned long long>(m_stRunner.CommandsRun()), m_stStore.Count());
+  return 0;
+}
+
+bool Worker::Start() {
+  g_pWorkerIndex = &m_iIndex;
+  Conversation::Configure(&m_stRunner, &m_stOutbox);
+  Conversation::RegisterStates();
+  MachineFactory::Instance().AddMachine(MACHINE_CONVERSATION, Conversation::Create);
+  const auto iBytes = static_cast<unsigned int>(m_stSettings.iQueueBytes);
+  if (m_stIn.AttachWithKey(m_stNames.stIn.strFifo.c_str(), m_stNames.stIn.iKey, iBytes) != 0 ||
+      m_stOut.AttachWithKey(m_stNames.stOut.strFifo.c_str(), m_stNames.stOut.iKey, iBytes) != 0) {
+    return false;
+  }
+  g_pLog->Info("worker %d: started", m_iIndex);
+  m_stOutbox.Hello();
+  return m_stOutbox.Publish(static_cast<int>(m_stSettings.iStopTimeout));
+}
+
+// Runs everything that is in the queue and answers it.
+void Worker::Turn() {
+  while (Fetch() || !m_dqRecords.empty()) {
+    while (!m_dqRecords.empty()) {
+      RunFirst();
+    }
+    if (!m_stOutbox.Publish(static_cast<int>(m_stSettings.iStopTimeout))) {
+      g_pLog->Warning("worker %d: nobody takes its answers, they are given up", m_iIndex);
+      return;
+    }
+  }
+  MachinePool::Instance().ProcessTimeout(0);
+}
+
+bool Worker::Fetch() {
+  BufferVec_t astRecords[POP_COUNT];
+  const int iCount = m_stIn.Pop(astRecords, POP_COUNT);
+  for (int i = 0; i < iCount; ++i) {
+    m_dqRecords.push_back({std::unique_ptr<char[]>(astRecords[i].pData), astRecords[i].iSize});
+  }
+  return iCount > 0;
+}
+
+// A batch and its values were pushed together, so all of them are there.
+bool Worker::FetchAtLeast(size_t iCount) {
+  while (m_dqRecords.size() < iCount) {
+    if (!Fetch()) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Runs the batch in front and takes it and its values off the queue of records.
+void Worker::RunFirst() {
+  RecordReader stReader(std::string_view(m_dqRecords[0].pData.get(), m_dqRecords[0].iSize));
+  const auto stHead = stReader.Take<RequestHead_t>();
+  if (!stReader.Good() || !FetchAtLeast(1 + stHead.iValues)) {
+    g_pLog->Error("worker %d: a record is damaged", m_iIndex);
+    m_dqRecords.pop_front();
+    return;
+  }
+  BatchMessage_t stBatch{stHead, {m_dqRecords[0].pData.get(), m_dqRecords[0].iSize}, {}};
+  stBatch.strRuns.remove_prefix(sizeof(RequestHead_t));
+  for (uint32_t i = 1; i <= stHead.iValues; ++i) {
+    stBatch.vecValues.emplace_back(m_dqRecords[i].pData.get(), m_dqRecords[i].iSize);
+  }
+  ConversationWith(stHead.iLife)->DoNext(nullptr, &stBatch);
+  m_dqRecords.erase(m_dqRecords.begin(), m_dqRecords.begin() + 1 + stHead.iValues);
+}
+
+// The machine of that gateway process; that of an earlier one ends here.
+StateMachine* Worker::ConversationWith(uint64_t iLife) {
+  MachinePool& stPool = MachinePool::Instance();
+  if (m_iConversation != 0 && iLife == m_iLife) {
+    return stPool.GetMachine(m_iConversation);
+  }
+  const std::unique_ptr<StateMachine> pEarlier(stPool.GetMachine(m_iConversation));
+  stPool.RemoveMachine(m_iConversation);
+  StateMachine* pMachine = MachineFactory::Instance().NewMachine(MACHINE_CONVERSATION);
+  pMachine->SetId(++m_iConversation);
+  stPool.AddMachine(pMachine);
+  m_iLife = iLife;
+  g_pLog->Info("worker %d: a gateway has come", m_iIndex);
+  return pMachine;
+}
