@@ -10,11 +10,9 @@
 
 #include <cerrno>
 #include <cstring>
-#include <functional>
 
 #include "connection_pool.h"
 #include "gather_machine.h"
-#include "local_commands.h"
 #include "log.h"
 #include "machine_pool.h"
 #include "mq_pool.h"
@@ -37,7 +35,6 @@ const int MAX_EVENTS = 256;
 const int BLOCKED_WAIT_MS = 5;  // how soon a full queue is tried again without being woken
 const int IDLE_WAIT_MS = 1000;  // timeouts are in seconds
 const size_t SPARE_DESCRIPTORS = 64;
-const size_t PART_KEYS = 128;  // of a command over many keys, in one worker's part
 
 const uint64_t TAG_LISTENER = 1ull << 32;
 const uint64_t TAG_WORKER = 2ull << 32;  // plus the index
@@ -69,21 +66,14 @@ void RaiseDescriptorLimit(uint64_t iClients) {
 
 }  // namespace
 
-// Keys of one command that go to one worker together.
-struct Gateway::Part_t {
-  int iWorker;
-  Arguments_t vecArguments;
-  std::vector<uint32_t> vecPlaces;
-  size_t iBytes;
-};
-
 Gateway::Gateway(const Settings_t& stSettings, const std::vector<QueueNames_t>& vecNames,
                  uint64_t iLife)
     : m_stSettings(stSettings),
       m_vecNames(vecNames),
       m_iLife(iLife),
       m_iNow(time(nullptr)),
-      m_iStarted(m_iNow) {}
+      m_iStarted(m_iNow),
+      m_stRouter(*this) {}
 
 Gateway::~Gateway() {
   while (!m_setSessions.empty()) {
@@ -348,141 +338,6 @@ void Gateway::Stop() {
   g_pLog->Info("gateway: stopped, %zu clients not answered in time", m_setSessions.size());
 }
 
-bool Gateway::RunRequest(Session& stSession, const Arguments_t& vecArguments) {
-  if (vecArguments.empty()) {
-    return true;
-  }
-  const Command_t* pCommand = FindCommand(vecArguments[0]);
-  if (pCommand == nullptr) {
-    AppendUnknownCommand(stSession.LocalReply(), vecArguments);
-    return true;
-  }
-  const size_t iCount = vecArguments.size();
-  if (!ArityMatches(*pCommand, iCount) || (pCommand->eRoute == ROUTE_PAIRS && iCount % 2 == 0) ||
-      (pCommand->eId == CMD_PING && iCount > 2)) {
-    AppendWrongArity(stSession.LocalReply(), *pCommand);
-    return true;
-  }
-  const std::string strError = CheckArguments(*pCommand, vecArguments, m_stSettings);
-  if (!strError.empty()) {
-    AppendError(stSession.LocalReply(), strError);
-    return true;
-  }
-  bool bRun = true;
-  switch (pCommand->eRoute) {
-    case ROUTE_GATEWAY:
-      RunHere(stSession, *pCommand, vecArguments);
-      break;
-    case ROUTE_ONE_KEY:
-      bRun = RunOnWorker(stSession, *pCommand, WorkerOf(vecArguments[1]), vecArguments);
-      break;
-    case ROUTE_ALL:
-      bRun = RunOnAll(stSession, *pCommand);
-      break;
-    default:
-      bRun = RunOnKeys(stSession, *pCommand, vecArguments);
-  }
-  m_iCommands += bRun ? 1 : 0;
-  return bRun;
-}
-
-int Gateway::WorkerOf(std::string_view strKey) const {
-  const size_t iWorkers = m_vecLinks.size();
-  return iWorkers == 1 ? 0 : static_cast<int>(std::hash<std::string_view>()(strKey) % iWorkers);
-}
-
-bool Gateway::RunOnWorker(Session& stSession, const Command_t& stCommand, int iWorker,
-                          const Arguments_t& vecArguments) {
-  WorkerLink& stLink = Link(iWorker);
-  if (stLink.Blocked()) {
-    return false;
-  }
-  uint32_t iSlot = 0;
-  if (!stSession.JoinSlot(iWorker, iSlot)) {
-    stLink.StartRun({stSession.GetId(), stSession.OpenSlot(iWorker)});
-  }
-  stLink.Add(stCommand.eId, vecArguments, 1);
-  return true;
-}
-
-bool Gateway::RunOnKeys(Session& stSession, const Command_t& stCommand,
-                        const Arguments_t& vecArguments) {
-  std::vector<Part_t> vecParts = SplitByWorker(stCommand, vecArguments);
-  if (vecParts.size() == 1) {
-    return RunOnWorker(stSession, stCommand, vecParts[0].iWorker, vecArguments);
-  }
-  return RunParts(stSession, stCommand, vecParts);
-}
-
-std::vector<Gateway::Part_t> Gateway::SplitByWorker(const Command_t& stCommand,
-                                                    const Arguments_t& vecArguments) const {
-  const size_t iStep = stCommand.eRoute == ROUTE_PAIRS ? 2 : 1;
-  const size_t iNone = static_cast<size_t>(-1);
-  std::vector<size_t> vecCurrent(m_vecLinks.size(), iNone);  // a worker's part being filled
-  std::vector<Part_t> vecParts;
-  for (size_t i = 1; i < vecArguments.size(); i += iStep) {
-    const int iWorker = WorkerOf(vecArguments[i]);
-    size_t& iPart = vecCurrent[static_cast<size_t>(iWorker)];
-    if (iPart == iNone || vecParts[iPart].vecPlaces.size() >= PART_KEYS ||
-        vecParts[iPart].iBytes >= RecordLimit(m_stSettings.iQueueBytes)) {
-      iPart = vecParts.size();
-      vecParts.push_back({iWorker, {}, {}, 0});
-    }
-    Part_t& stPart = vecParts[iPart];
-    stPart.vecPlaces.push_back(static_cast<uint32_t>((i - 1) / iStep));
-    for (size_t iArgument = i; iArgument < i + iStep; ++iArgument) {
-      stPart.vecArguments.push_back(vecArguments[iArgument]);
-      stPart.iBytes += vecArguments[iArgument].size();
-    }
-  }
-  return vecParts;
-}
-
-bool Gateway::RunOnAll(Session& stSession, const Command_t& stCommand) {
-  std::vector<Part_t> vecParts;
-  for (size_t i = 0; i < m_vecLinks.size(); ++i) {
-    vecParts.push_back({static_cast<int>(i), {}, {}, 0});
-  }
-  return RunParts(stSession, stCommand, vecParts);
-}
-
-bool Gateway::RunParts(Session& stSession, const Command_t& stCommand,
-                       std::vector<Part_t>& vecParts) {
-  for (const Part_t& stPart : vecParts) {
-    if (Link(stPart.iWorker).Blocked()) {
-      return false;
-    }
-  }
-  const uint32_t iId = NewMachineId();
-  const ReplyTarget_t stAsker{stSession.GetId(), stSession.OpenSlot(-1)};
-  auto* pGather = new GatherMachine(*this, stCommand.eId, stAsker);
-  pGather->SetId(iId);
-  pGather->SetStateTimeout(static_cast<unsigned int>(m_stSettings.iGatherTimeout));
-  pGather->SetStateBeginTime(m_iNow);
-  MachinePool::Instance().AddMachine(pGather);
-  MachinePool::Instance().ConfigStateTimeout(pGather);
-  for (Part_t& stPart : vecParts) {
-    WorkerLink& stLink = Link(stPart.iWorker);
-    stLink.StartRun({iId, pGather->AddPart(std::move(stPart.vecPlaces))});
-    stLink.Add(stCommand.eId, stPart.vecArguments, 0);
-  }
-  return true;
-}
-
-void Gateway::RunHere(Session& stSession, const Command_t& stCommand,
-                      const Arguments_t& vecArguments) {
-  if (stCommand.eId == CMD_QUIT) {
-    AppendStatus(stSession.LocalReply(), "OK");
-    return stSession.StartClosing();
-  }
-  if (stCommand.eId == CMD_SHUTDOWN) {
-    g_pLog->Info("gateway: client %u asks for the end", stSession.GetId());
-    kill(getppid(), SIGTERM);
-    return stSession.StartClosing();
-  }
-  RunLocalCommand(stCommand, vecArguments, m_stSettings, stSession.LocalReply());
-}
-
 std::string Gateway::InfoText(int64_t iKeys) const {
   const auto Line = [](const char* pName, uint64_t iValue) {
     return std::string(pName) + ":" + std::to_string(iValue) + "\r\n";
@@ -495,7 +350,7 @@ std::string Gateway::InfoText(int64_t iKeys) const {
   strText += "\r\n# Clients\r\n" + Line("connected_clients", m_setSessions.size());
   strText += Line("maxclients", m_stSettings.iMaxClients);
   strText += "\r\n# Stats\r\n" + Line("total_connections_received", m_iConnections);
-  strText += Line("total_commands_processed", m_iCommands);
+  strText += Line("total_commands_processed", m_stRouter.Commands());
   strText += "\r\n# Keyspace\r\n";
   if (iKeys > 0) {
     strText += "db0:keys=" + std::to_string(iKeys) + ",expires=0,avg_ttl=0\r\n";

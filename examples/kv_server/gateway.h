@@ -6,12 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "command_table.h"
+#include "request_router.h"
 #include "settings.h"
 #include "tcp_socket.h"
 #include "worker_link.h"
 
-class GatherMachine;
 class Session;
 
 // The gateway process: owns the clients, takes their requests apart, has the workers run them and
@@ -33,9 +32,10 @@ class Gateway : public ReplyReceiver {
   // For the machines.
   const Settings_t& Settings() const { return m_stSettings; }
   time_t Now() const { return m_iNow; }
+  size_t Workers() const { return m_vecLinks.size(); }
   WorkerLink& Link(int iWorker) { return *m_vecLinks[static_cast<size_t>(iWorker)]; }
-  // Has a request run or answered. False when it has to wait for a worker's queue.
-  bool RunRequest(Session& stSession, const Arguments_t& vecArguments);
+  RequestRouter& Router() { return m_stRouter; }
+  uint32_t NewMachineId();
   void Touch(Session& stSession);   // FinishTurn() is called at the end of the turn
   void Resume(Session& stSession);  // a paused session may go on
   void WatchSession(Session& stSession, int iFD, uint32_t iEvents);
@@ -46,8 +46,6 @@ class Gateway : public ReplyReceiver {
   void OnWorkerStarted(int iWorker) override;
 
  private:
-  struct Part_t;
-
   bool Start();
   bool AttachLinks();
   void Turn(int iTimeout);
@@ -61,21 +59,8 @@ class Gateway : public ReplyReceiver {
   void ResumeSessions();
   void FinishSessions();
   void RemoveSession(uint32_t iMachine);
-  uint32_t NewMachineId();
   void Stop();
-  bool AllAnswered() const;
   void Tell(uint32_t iMachine, uint32_t iSlot, const ReplyPiece_t* pPiece);
-
-  int WorkerOf(std::string_view strKey) const;
-  bool RunOnWorker(Session& stSession, const Command_t& stCommand, int iWorker,
-                   const Arguments_t& vecArguments);
-  bool RunOnKeys(Session& stSession, const Command_t& stCommand, const Arguments_t& vecArguments);
-  bool RunOnAll(Session& stSession, const Command_t& stCommand);
-  bool RunParts(Session& stSession, const Command_t& stCommand, std::vector<Part_t>& vecParts);
-  std::vector<Part_t> SplitByWorker(const Command_t& stCommand,
-                                    const Arguments_t& vecArguments) const;
-
-  void RunHere(Session& stSession, const Command_t& stCommand, const Arguments_t& vecArguments);
 
   const Settings_t m_stSettings;
   const std::vector<QueueNames_t> m_vecNames;
@@ -91,7 +76,7 @@ class Gateway : public ReplyReceiver {
   bool m_bWasBlocked = false;
   uint32_t m_iNextMachine = 0;
   uint64_t m_iConnections = 0;
-  uint64_t m_iCommands = 0;
+  RequestRouter m_stRouter;
 };
 
 #endif

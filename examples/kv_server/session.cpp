@@ -144,7 +144,7 @@ void Session::RunRequests() {
       g_pLog->Info("gateway: client %u: protocol error: %s", GetId(), m_stParser.Error().c_str());
       return StartClosing();
     }
-    if (!m_stGateway.RunRequest(*this, m_stParser.Arguments())) {
+    if (!m_stGateway.Router().Run(*this, m_stParser.Arguments())) {
       m_stParser.Reset();
       m_bPaused = true;
       return;

@@ -54,8 +54,6 @@ class WorkerLink {
   MessageQueue& In() { return m_stIn; }
   MessageQueue& Out() { return m_stOut; }
   bool Blocked() const { return !m_dqWaiting.empty(); }
-  // Whether every batch has its answer.
-  bool Idle() const { return m_dqBatches.empty() && m_stOpen.iRuns == 0 && !Blocked(); }
 
   // Starts a run whose replies are for stTarget, then adds commands to it. Arguments are those from
   // iFirst on.
