@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <stdexcept>
 
 #include "test_janitor.h"
 
@@ -48,6 +49,31 @@ TEST(TestSupportTest, ForkedPeerTellsItsExitCodeOrItsSignal) {
   });
   stKilled.Kill(SIGKILL);
   EXPECT_EQ(1000 + SIGKILL, stKilled.Wait());
+}
+
+TEST(TestSupportTest, SignalsGoToOneKnownProcessOnly) {
+  const int iNothing = 0;  // would only ask whether the process is there
+  EXPECT_THROW(SendSignal(-1, iNothing), std::invalid_argument);
+  EXPECT_THROW(SendSignal(0, iNothing), std::invalid_argument);
+  EXPECT_THROW(SendSignal(1, iNothing), std::invalid_argument);
+  EXPECT_NO_THROW(SendSignal(getpid(), iNothing));
+  ForkedPeer stEnded([] { return 0; });
+  stEnded.Wait();
+  EXPECT_THROW(stEnded.Kill(iNothing), std::invalid_argument);
+}
+
+TEST(TestSupportTest, AServersListOfQueuesIsCleanedUpToo) {
+  const PrivateKey stKey;
+  ForkedPeer stProgram([&stKey] {
+    StartJanitor();
+    const PrivateDirectory stDirectory;
+    WriteFile(stDirectory.File("queues"), std::to_string(stKey.Key()) + " /some/fifo\n");
+    shmget(stKey.Key(), 64, IPC_CREAT | 0600);
+    raise(SIGKILL);
+    return 0;
+  });
+  EXPECT_EQ(1000 + SIGKILL, stProgram.Wait());
+  EXPECT_TRUE(WaitUntil([&stKey] { return !SegmentExists(stKey.Key()); }));
 }
 
 TEST(TestSupportTest, KilledProgramLeavesNeitherDirectoryNorSegment) {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <sys/syscall.h>
@@ -17,13 +18,18 @@
 
 namespace {
 
+const int SERVER_TRIES = 300;
+const int SERVER_PAUSE_MS = 100;
+
 std::string g_strDirectory;
 
 std::string KeyFile() { return g_strDirectory + "/keys"; }
 
-void RemoveNotedSegments() {
-  std::ifstream stKeys(KeyFile());
-  for (key_t iKey = 0; stKeys >> iKey;) {
+// Every line of the file starts with a key.
+void RemoveListedSegments(const std::string& strFile) {
+  std::ifstream stKeys(strFile);
+  std::string strRest;
+  for (key_t iKey = 0; stKeys >> iKey && std::getline(stKeys, strRest);) {
     const int iShmID = shmget(iKey, 0, 0);
     if (iShmID != -1) {
       shmctl(iShmID, IPC_RMID, nullptr);
@@ -31,8 +37,31 @@ void RemoveNotedSegments() {
   }
 }
 
+// Waits until a server that a test has started, and whose processes are ending, holds its lock no
+// more; before that it would still write, and make its directory anew.
+void WaitForServer(const std::filesystem::path& stLock) {
+  const int iFD = open(stLock.c_str(), O_RDWR | O_CLOEXEC);
+  for (int i = 0; i < SERVER_TRIES && iFD != -1 && flock(iFD, LOCK_EX | LOCK_NB) != 0; ++i) {
+    poll(nullptr, 0, SERVER_PAUSE_MS);
+  }
+  close(iFD);
+}
+
+// The file "queues" is such a server's list.
+void RemoveSegments() {
+  RemoveListedSegments(KeyFile());
+  std::error_code stIgnored;
+  for (const auto& stEntry :
+       std::filesystem::recursive_directory_iterator(g_strDirectory, stIgnored)) {
+    if (stEntry.path().filename() == "queues") {
+      WaitForServer(stEntry.path().parent_path() / "lock");
+      RemoveListedSegments(stEntry.path());
+    }
+  }
+}
+
 void CleanUp() {
-  RemoveNotedSegments();
+  RemoveSegments();
   std::error_code stIgnored;
   std::filesystem::remove_all(g_strDirectory, stIgnored);
 }

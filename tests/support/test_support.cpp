@@ -103,7 +103,7 @@ ForkedPeer::ForkedPeer(const std::function<int()>& fnRun) : m_iPid(-1) {
 
 ForkedPeer::~ForkedPeer() {
   if (m_iPid != -1) {
-    kill(m_iPid, SIGKILL);
+    SendSignal(m_iPid, SIGKILL);
     Wait();
   }
 }
@@ -120,10 +120,13 @@ int ForkedPeer::Wait() {
   return m_iResult;
 }
 
-void ForkedPeer::Kill(int iSignal) const {
-  if (m_iPid != -1) {  // which would be every process there is
-    kill(m_iPid, iSignal);
+void ForkedPeer::Kill(int iSignal) const { SendSignal(m_iPid, iSignal); }
+
+void SendSignal(pid_t iPid, int iSignal) {
+  if (iPid <= 1) {
+    throw std::invalid_argument("no signal to process " + std::to_string(iPid));
   }
+  kill(iPid, iSignal);
 }
 
 std::string CaptureOutput(int iFD, const std::function<void()>& fnRun) {

@@ -62,6 +62,10 @@ class ForkedPeer {
   int m_iResult = -1;
 };
 
+// kill() of one process that a test knows; a number that would mean a group or everybody (0, -1) or
+// the system's first process is an exception, and nothing is sent.
+void SendSignal(pid_t iPid, int iSignal);
+
 // What a function writes to standard output (1) or standard error (2) by way of the descriptor.
 std::string CaptureOutput(int iFD, const std::function<void()>& fnRun);
 
