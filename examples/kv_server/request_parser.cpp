@@ -220,14 +220,13 @@ RequestParser::Result_t RequestParser::ParseInline(const char* pData, size_t iSi
   if (!SplitInline(pData, pNewline - (bReturn ? 1 : 0))) {
     return Fail("unbalanced quotes in request");
   }
-  m_vecArguments.assign(m_vecWords.begin(), m_vecWords.end());
   m_iOffset = iLine + 1;
   return COMPLETE;
 }
 
 // Words between blanks; "..." with escapes and '...' hold blanks together.
 bool RequestParser::SplitInline(const char* pData, const char* pEnd) {
-  m_vecWords.clear();
+  m_vecArguments.clear();
   const char* p = pData;
   for (;;) {
     while (p < pEnd && isspace(static_cast<unsigned char>(*p)) != 0) {
@@ -236,7 +235,7 @@ bool RequestParser::SplitInline(const char* pData, const char* pEnd) {
     if (p == pEnd) {
       return true;
     }
-    std::string& strWord = m_vecWords.emplace_back();
+    std::string& strWord = m_dqWords.emplace_back();
     while (p < pEnd && isspace(static_cast<unsigned char>(*p)) == 0) {
       if (*p != '"' && *p != '\'') {
         strWord += *p++;
@@ -244,5 +243,6 @@ bool RequestParser::SplitInline(const char* pData, const char* pEnd) {
         return false;
       }
     }
+    m_vecArguments.emplace_back(strWord);
   }
 }

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -34,7 +35,8 @@ class RequestParser {
   // the same bytes.
   Result_t Parse(const char* pData, size_t iSize);
 
-  // Valid after COMPLETE and as long as the caller's buffer stays in place.
+  // Valid after COMPLETE and as long as the caller's buffer stays in place; those of an inline
+  // request until Forget(). Both outlive Reset() and the requests that follow.
   const std::vector<std::string_view>& Arguments() const { return m_vecArguments; }
   size_t Size() const { return m_iOffset; }
 
@@ -43,6 +45,9 @@ class RequestParser {
 
   // Goes to the next request, or starts the same one again.
   void Reset();
+
+  // Frees the texts of all inline requests so far.
+  void Forget() { m_dqWords.clear(); }
 
  private:
   struct Piece_t {
@@ -64,7 +69,7 @@ class RequestParser {
   int64_t m_iElements = -1;  // still to come; -1: the head of the array is not read yet
   int64_t m_iBulk = -1;      // length of the element under way; -1: not read yet
   std::vector<Piece_t> m_vecPieces;
-  std::vector<std::string> m_vecWords;  // of an inline request, quotes taken out
+  std::deque<std::string> m_dqWords;  // of inline requests, quotes taken out; they stay in place
   std::vector<std::string_view> m_vecArguments;
   std::string m_strError;
 };

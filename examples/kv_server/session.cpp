@@ -268,6 +268,7 @@ void Session::FinishTurn() {
   if (m_iConsumed > 0) {
     m_pSocket->EraseRecvBuffer(static_cast<unsigned int>(m_iConsumed));
     m_iConsumed = 0;
+    m_stParser.Forget();  // published, or kept by the links
   }
   AdvanceClosing();
   if (!Dead()) {
