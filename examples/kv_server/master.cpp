@@ -25,7 +25,8 @@ namespace {
 const int FIRST_DELAY_MS = 100;
 const int MAX_DELAY_MS = 5000;
 const int64_t STABLE_MS = 10000;  // who lived so long is started again at once
-const int LOCK_TRIES = 50;        // of 100 ms each: children of a killed master need a moment
+const int LOCK_TRY_MS = 100;
+const int LOCK_GRACE_MS = 2000;  // for the children of a killed master, beyond their last answers
 const int MAX_WAIT_MS = 1000;
 const int KILL_AFTER_MS = 3000;  // beyond the time allowed for the last answers
 
@@ -75,7 +76,7 @@ int Master::Run() {
   stLog.Info("master: started, pid %d", getpid());
   while (g_bRunFlag) {
     StartDue();
-    WaitForChild(WaitMilliseconds());
+    PauseMilliseconds(WaitMilliseconds());
     Reap();
   }
   StopChildren();
@@ -97,12 +98,14 @@ bool Master::TakeRunDirectory() {
     fprintf(stderr, "kv_server: can not open %s: %s\n", strLock.c_str(), strerror(errno));
     return false;
   }
-  for (int i = 0; i < LOCK_TRIES; ++i) {
+  const int64_t iDeadline =
+      NowMilliseconds() + LOCK_GRACE_MS + static_cast<int64_t>(m_stSettings.iStopTimeout) * 1000;
+  do {
     if (flock(m_iLockFD, LOCK_EX | LOCK_NB) == 0) {
       return true;
     }
-    PauseMilliseconds(100);
-  }
+    PauseMilliseconds(LOCK_TRY_MS);
+  } while (g_bRunFlag && NowMilliseconds() < iDeadline);
   fprintf(stderr, "kv_server: another server runs in server.run_dir = \"%s\"\n",
           m_stSettings.strRunDir.c_str());
   return false;
@@ -210,7 +213,7 @@ void Master::StopGroup(bool bGateway) {
       g_pLog->Error("master: a child does not stop and is killed");
       Signal(SIGKILL);
     }
-    WaitForChild(100);
+    PauseMilliseconds(100);
     Reap();
   }
 }

@@ -8,6 +8,8 @@
 
 namespace {
 
+const unsigned int SIGNAL_TURNS = 64;  // how often a busy loop looks at its signals
+
 sigset_t g_stWaitMask;  // while waiting nothing of ours is blocked
 
 void OnStopSignal(int /*iSignal*/) { g_bRunFlag = false; }
@@ -17,6 +19,14 @@ void Handle(int iSignal, void (*pHandler)(int)) {
   struct sigaction stAction {};
   stAction.sa_handler = pHandler;
   sigaction(iSignal, &stAction, nullptr);
+}
+
+// epoll_pwait() that finds events, or may not wait, returns before it looks at signals: a loop that
+// is never idle would not hear of its end.
+void LetSignalsIn() {
+  sigset_t stBlocked;
+  sigprocmask(SIG_SETMASK, &g_stWaitMask, &stBlocked);
+  sigprocmask(SIG_SETMASK, &stBlocked, nullptr);
 }
 
 timespec ToTimespec(int iMilliseconds) {
@@ -41,6 +51,10 @@ void InstallSignals() {
 }
 
 int WaitForEvents(int iEpoll, epoll_event* pEvents, int iMaxEvents, int iMilliseconds) {
+  static unsigned int s_iTurns = 0;
+  if (++s_iTurns % SIGNAL_TURNS == 0) {
+    LetSignalsIn();
+  }
   const int iCount = epoll_pwait(iEpoll, pEvents, iMaxEvents, iMilliseconds, &g_stWaitMask);
   return iCount < 0 ? 0 : iCount;
 }
@@ -51,12 +65,7 @@ void WaitReadable(int iFD, int iMilliseconds) {
   ppoll(&stPoll, 1, &stTime, &g_stWaitMask);
 }
 
-void WaitForChild(int iMilliseconds) {
-  const timespec stTime = ToTimespec(iMilliseconds);
-  ppoll(nullptr, 0, &stTime, &g_stWaitMask);
-}
-
 void PauseMilliseconds(int iMilliseconds) {
   const timespec stTime = ToTimespec(iMilliseconds);
-  nanosleep(&stTime, nullptr);
+  ppoll(nullptr, 0, &stTime, &g_stWaitMask);
 }

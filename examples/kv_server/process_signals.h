@@ -9,15 +9,14 @@
 // To be called first in each process; SIGCHLD is blocked too, and nothing else is changed.
 void InstallSignals();
 
-// epoll_wait(); a signal ends it with 0 events.
+// epoll_wait(); a signal ends it with 0 events, and is seen after some turns also when there are
+// always events.
 int WaitForEvents(int iEpoll, epoll_event* pEvents, int iMaxEvents, int iMilliseconds);
 
 // Waits until the descriptor is readable, a signal comes or the time is over.
 void WaitReadable(int iFD, int iMilliseconds);
 
-// Waits until a child ends, a signal comes or the time is over.
-void WaitForChild(int iMilliseconds);
-
+// Waits until a signal comes, that of a child's end too, or the time is over.
 void PauseMilliseconds(int iMilliseconds);
 
 #endif
