@@ -6,29 +6,11 @@
 
 namespace {
 
-// A length line is at most a sign, 19 digits and the line end; a longer one is not waited for.
-const size_t MAX_LENGTH_LINE = 32;
+// More digits than this are no length, whatever follows.
+const int MAX_DIGITS = 18;
 
 // A client keeps room for this many elements between two requests.
 const size_t KEPT_ELEMENTS = 1024;
-
-// Decimal digits, with a sign where it is negative; false for anything else or too large a number.
-bool ParseNumber(const char* pText, size_t iSize, int64_t& iNumber) {
-  const bool bNegative = iSize > 0 && *pText == '-';
-  const size_t iFirst = bNegative ? 1 : 0;
-  if (iSize == iFirst || iSize > iFirst + 18) {
-    return false;
-  }
-  int64_t iValue = 0;
-  for (size_t i = iFirst; i < iSize; ++i) {
-    if (pText[i] < '0' || pText[i] > '9') {
-      return false;
-    }
-    iValue = iValue * 10 + (pText[i] - '0');
-  }
-  iNumber = bNegative ? -iValue : iValue;
-  return true;
-}
 
 int HexValue(char c) {
   if (c >= '0' && c <= '9') {
@@ -189,18 +171,23 @@ RequestParser::Result_t RequestParser::ParseElement(const char* pData, size_t iS
 // The number between the type character at m_iOffset and the line end; goes behind it.
 RequestParser::Result_t RequestParser::ParseLength(const char* pData, size_t iSize,
                                                    const char* pWhat, int64_t& iLength) {
-  const char* pLine = pData + m_iOffset + 1;
-  const size_t iRest = iSize - m_iOffset - 1;
-  const size_t iLook = std::min(iRest, MAX_LENGTH_LINE);
-  const auto* pEnd = static_cast<const char*>(memchr(pLine, '\n', iLook));
-  if (pEnd == nullptr) {
-    return iRest < MAX_LENGTH_LINE ? NEED_MORE : Fail(pWhat);
+  const char* p = pData + m_iOffset + 1;
+  const char* const pEnd = pData + iSize;
+  const bool bNegative = p < pEnd && *p == '-';
+  p += bNegative ? 1 : 0;
+  const char* const pDigits = p;
+  int64_t iValue = 0;
+  for (; p < pEnd && *p >= '0' && *p <= '9' && p - pDigits < MAX_DIGITS; ++p) {
+    iValue = iValue * 10 + (*p - '0');
   }
-  if (pEnd == pLine || pEnd[-1] != '\r' ||
-      !ParseNumber(pLine, static_cast<size_t>(pEnd - pLine) - 1, iLength)) {
+  if (p == pEnd || (p + 1 == pEnd && *p == '\r' && p > pDigits)) {
+    return NEED_MORE;
+  }
+  if (p == pDigits || p[0] != '\r' || p[1] != '\n') {
     return Fail(pWhat);
   }
-  m_iOffset = static_cast<size_t>(pEnd - pData) + 1;
+  iLength = bNegative ? -iValue : iValue;
+  m_iOffset = static_cast<size_t>(p - pData) + 2;
   return COMPLETE;
 }
 

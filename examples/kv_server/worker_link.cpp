@@ -34,7 +34,9 @@ void WorkerLink::Open() {
 }
 
 void WorkerLink::StartRun(const ReplyTarget_t& stTarget) {
-  CloseFull();
+  if (IsFull()) {
+    Close();
+  }
   m_iRunHead = m_stOpen.strBatch.size();
   m_iRunCommands = 0;
   AppendRecord(m_stOpen.strBatch, RunHead_t{0});
@@ -43,8 +45,7 @@ void WorkerLink::StartRun(const ReplyTarget_t& stTarget) {
 }
 
 bool WorkerLink::IsOpenRun(const ReplyTarget_t& stTarget) const {
-  return m_stOpen.iRuns > 0 && m_stOpen.iSize < RecordLimit(m_iQueueBytes) &&
-         m_dqTargets.back().iMachine == stTarget.iMachine &&
+  return m_stOpen.iRuns > 0 && !IsFull() && m_dqTargets.back().iMachine == stTarget.iMachine &&
          m_dqTargets.back().iSlot == stTarget.iSlot;
 }
 
@@ -53,17 +54,11 @@ void WorkerLink::Add(uint16_t iCommand, const Arguments_t& vecArguments, size_t 
     m_stOpen.vecValues.push_back(vecArguments.back());
     m_stOpen.iSize += vecArguments.back().size() + LENGTH_SIZE;
   }
-  m_stOpen.iSize += sizeof(CommandHead_t);
-  for (size_t i = iFirst; i < vecArguments.size(); ++i) {
-    m_stOpen.iSize += vecArguments[i].size() < LARGE_VALUE ? vecArguments[i].size() : 0;
-  }
   PatchRecord(m_stOpen.strBatch, m_iRunHead, RunHead_t{++m_iRunCommands});
 }
 
-void WorkerLink::CloseFull() {
-  if (m_stOpen.iSize >= RecordLimit(m_iQueueBytes)) {
-    Close();
-  }
+bool WorkerLink::IsFull() const {
+  return m_stOpen.strBatch.size() + m_stOpen.iSize >= RecordLimit(m_iQueueBytes);
 }
 
 // Numbers the open batch, puts it behind those that wait, and opens the next one.
@@ -72,10 +67,7 @@ void WorkerLink::Close() {
               RequestHead_t{m_iLife, ++m_iNumber, m_stOpen.iRuns,
                             static_cast<uint32_t>(m_stOpen.vecValues.size())});
   m_dqBatches.push_back({m_iNumber, m_stOpen.iRuns});
-  m_stOpen.iSize = m_stOpen.strBatch.size() + LENGTH_SIZE;
-  for (const std::string_view strValue : m_stOpen.vecValues) {
-    m_stOpen.iSize += strValue.size() + LENGTH_SIZE;
-  }
+  m_stOpen.iSize += m_stOpen.strBatch.size() + LENGTH_SIZE;
   m_dqWaiting.push_back(std::move(m_stOpen));
   m_stOpen = Unit_t();
   Open();

@@ -79,7 +79,7 @@ class WorkerLink {
     uint32_t iRuns = 0;
     std::vector<std::string_view> vecValues;  // the caller's bytes, later those of vecKept
     std::vector<std::string> vecKept;
-    size_t iSize = 0;  // in the ring
+    size_t iSize = 0;  // in the ring; of an open unit, its values
   };
 
   struct Batch_t {
@@ -89,7 +89,7 @@ class WorkerLink {
 
   void Open();
   void Close();
-  void CloseFull();
+  bool IsFull() const;
   void Keep(Unit_t& stUnit);
   void PushUnits(size_t iCount);
   void OnRecord(std::string_view strRecord, ReplyReceiver& stReceiver);
