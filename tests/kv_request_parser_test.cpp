@@ -164,9 +164,11 @@ TEST(KvRequestParserTest, MalformedLengthOfAnElement) {
 }
 
 TEST(KvRequestParserTest, ALengthWithoutEndIsNotWaitedFor) {
-  EXPECT_EQ("", ErrorOf("*" + std::string(31, '1')));
-  EXPECT_EQ("invalid multibulk length", ErrorOf("*" + std::string(32, '1')));
-  EXPECT_EQ("invalid bulk length", ErrorOf("*1\r\n$" + std::string(32, '1')));
+  EXPECT_EQ("", ErrorOf("*" + std::string(18, '1')));
+  EXPECT_EQ("", ErrorOf("*-" + std::string(18, '1')));
+  EXPECT_EQ("invalid multibulk length", ErrorOf("*" + std::string(19, '1')));
+  EXPECT_EQ("invalid bulk length", ErrorOf("*1\r\n$" + std::string(19, '1')));
+  EXPECT_EQ("invalid bulk length", ErrorOf("*1\r\n$x"));
 }
 
 TEST(KvRequestParserTest, ElementsStartWithADollarAndEndWithALineEnd) {
