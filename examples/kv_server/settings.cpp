@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -34,6 +35,7 @@ const TextSetting_t TEXT_SETTINGS[] = {
 };
 
 const uint64_t GIB = 1 << 30;
+const size_t MAX_DIGITS = 10;
 
 const NumberSetting_t NUMBER_SETTINGS[] = {
     {"server.workers", &Settings_t::iWorkers, 1, 64, "worker processes"},
@@ -57,14 +59,12 @@ std::string Wrong(const std::string& strKey, const std::string& strValue,
 }
 
 // Digits with at most one of K, M and G behind them: what StringToInt() takes without leaving a
-// rest.
+// rest; and not so many that scaling would overflow to a number that looks right.
 bool IsSize(const std::string& strText) {
-  const size_t iDigits = strText.find_first_not_of("0123456789");
-  if (iDigits == 0 || strText.empty() || strText.size() > 15) {
-    return false;
-  }
-  return iDigits == std::string::npos ||
-         (iDigits + 1 == strText.size() && strchr("kKmMgG", strText.back()) != nullptr);
+  const size_t iDigits = std::min(strText.find_first_not_of("0123456789"), strText.size());
+  const std::string strScale = strText.substr(iDigits);
+  return iDigits > 0 && iDigits <= MAX_DIGITS && strScale.size() <= 1 &&
+         std::string("kKmMgG").find(strScale) != std::string::npos;
 }
 
 std::string SetNumber(Settings_t& stSettings, const NumberSetting_t& stRow,
