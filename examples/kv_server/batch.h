@@ -19,9 +19,13 @@
 // A reply record is a ReplyHead_t, then iPieces pieces, each a PieceHead_t and its bytes, in the
 // order of the batch's runs. A run whose replies are too long for a record goes on in the next one.
 //
+// A worker may die between a batch and its values. What its successor then finds in front are
+// values, which a client has chosen: a mark that no client knows tells the next batch from them.
+//
 // All of it is in the machine's byte order and unaligned.
 
 struct RequestHead_t {
+  uint64_t iMark;    // of this server's queues: only a batch starts with it
   uint64_t iLife;    // which gateway process asks; an answer to another one is not for us
   uint64_t iNumber;  // of the batch, from 1
   uint32_t iRuns;

@@ -8,19 +8,6 @@
 
 namespace {
 
-const char NOT_AN_INTEGER[] = "ERR value is not an integer or out of range";
-
-// A whole text that is a signed 64-bit number: no blanks, no plus sign, no leading zeros.
-bool ParseInteger(std::string_view strText, int64_t& iValue) {
-  const char* pEnd = strText.data() + strText.size();
-  const auto stResult = std::from_chars(strText.data(), pEnd, iValue);
-  if (stResult.ec != std::errc() || stResult.ptr != pEnd) {
-    return false;
-  }
-  const size_t iSign = strText[0] == '-' ? 1 : 0;
-  return strText[iSign] != '0' || strText.size() == 1;
-}
-
 bool EqualsIgnoringCase(std::string_view strText, std::string_view strOther) {
   return strText.size() == strOther.size() &&
          strncasecmp(strText.data(), strOther.data(), strText.size()) == 0;
@@ -50,9 +37,20 @@ bool ParseSetOptions(const Arguments_t& vecArguments, SetOptions_t& stOptions) {
 
 }  // namespace
 
+bool ParseInteger(std::string_view strText, int64_t& iValue) {
+  const char* pEnd = strText.data() + strText.size();
+  const auto stResult = std::from_chars(strText.data(), pEnd, iValue);
+  if (stResult.ec != std::errc() || stResult.ptr != pEnd) {
+    return false;
+  }
+  const size_t iSign = strText[0] == '-' ? 1 : 0;
+  return strText[iSign] != '0' || strText.size() == 1;
+}
+
 void CommandRunner::Run(CommandId_t eCommand, const Arguments_t& vecArguments,
                         std::string& strOut) {
   ++m_iCommandsRun;
+  const size_t iStart = strOut.size();
   switch (eCommand) {
     case CMD_GET:
       return Get(vecArguments[0], strOut);
@@ -70,10 +68,10 @@ void CommandRunner::Run(CommandId_t eCommand, const Arguments_t& vecArguments,
       return AppendInteger(strOut, CountExisting(vecArguments));
     case CMD_MGET:
       AppendArrayHead(strOut, vecArguments.size());
-      for (const std::string_view strKey : vecArguments) {
-        Get(strKey, strOut);
+      for (size_t i = 0; i < vecArguments.size() && strOut.size() - iStart <= m_iMaxReply; ++i) {
+        Get(vecArguments[i], strOut);
       }
-      return;
+      return LimitReply(strOut, iStart);
     case CMD_MSET:
       return MSet(vecArguments, strOut);
     case CMD_DBSIZE:
@@ -84,6 +82,14 @@ void CommandRunner::Run(CommandId_t eCommand, const Arguments_t& vecArguments,
       return AppendStatus(strOut, "OK");
     default:
       return AppendError(strOut, "ERR command is not one for a worker");
+  }
+}
+
+// A reply of many values is checked while it grows: values are far smaller than the limit.
+void CommandRunner::LimitReply(std::string& strOut, size_t iStart) const {
+  if (strOut.size() - iStart > m_iMaxReply) {
+    strOut.resize(iStart);
+    AppendReplyTooLong(strOut, m_iMaxReply);
   }
 }
 

@@ -7,10 +7,17 @@
 #include "command_table.h"
 #include "key_store.h"
 
+const char NOT_AN_INTEGER[] = "ERR value is not an integer or out of range";
+
+// A whole text that is a signed 64-bit number: no blanks, no plus sign, no leading zeros.
+bool ParseInteger(std::string_view strText, int64_t& iValue);
+
 // Runs commands on a worker's keys. The gateway has looked at names, counts and limits already.
 class CommandRunner {
  public:
-  explicit CommandRunner(KeyStore& stStore) : m_stStore(stStore) {}
+  // A reply of several values that is longer than iMaxReply bytes becomes an error.
+  CommandRunner(KeyStore& stStore, uint64_t iMaxReply)
+      : m_stStore(stStore), m_iMaxReply(iMaxReply) {}
 
   // Appends the reply to strOut; vecArguments come without the command's name.
   void Run(CommandId_t eCommand, const Arguments_t& vecArguments, std::string& strOut);
@@ -26,7 +33,10 @@ class CommandRunner {
   int64_t Remove(const Arguments_t& vecKeys);
   int64_t CountExisting(const Arguments_t& vecKeys);
 
+  void LimitReply(std::string& strOut, size_t iStart) const;
+
   KeyStore& m_stStore;
+  const uint64_t m_iMaxReply;
   uint64_t m_iCommandsRun = 0;
 };
 

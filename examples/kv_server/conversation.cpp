@@ -48,7 +48,7 @@ bool Conversation::RunCommand(RecordReader& stReader, const Arguments_t& vecValu
   const uint32_t iInline = stHead.iArguments - (stHead.iValueFollows != 0 ? 1 : 0);
   RecordReader stLengths(stReader.TakeBytes(stHead.iArguments * sizeof(uint32_t)));
   m_vecArguments.clear();
-  for (uint32_t i = 0; i < iInline && stReader.Good(); ++i) {
+  for (uint32_t i = 0; i < iInline && stReader.Good() && stLengths.Good(); ++i) {
     m_vecArguments.push_back(stReader.TakeBytes(stLengths.Take<uint32_t>()));
   }
   if (stHead.iValueFollows != 0 && iNextValue < vecValues.size()) {

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -71,6 +72,7 @@ Gateway::Gateway(const Settings_t& stSettings, const std::vector<QueueNames_t>& 
     : m_stSettings(stSettings),
       m_vecNames(vecNames),
       m_iLife(iLife),
+      m_iMaster(getppid()),
       m_iNow(time(nullptr)),
       m_iStarted(m_iNow),
       m_stRouter(*this) {}
@@ -143,7 +145,12 @@ int Gateway::WaitMilliseconds() const {
       return 0;
     }
   }
-  return m_bWasBlocked ? BLOCKED_WAIT_MS : IDLE_WAIT_MS;
+  return AnyBlocked() ? BLOCKED_WAIT_MS : IDLE_WAIT_MS;
+}
+
+bool Gateway::AnyBlocked() const {
+  return std::any_of(m_vecLinks.begin(), m_vecLinks.end(),
+                     [](const auto& pLink) { return pLink->Blocked(); });
 }
 
 void Gateway::Turn(int iTimeout) {
@@ -154,7 +161,9 @@ void Gateway::Turn(int iTimeout) {
     OnEvent(astEvents[i].data.u64, astEvents[i].events);
   }
   ResumeSessions();
-  Publish();
+  for (const auto& pLink : m_vecLinks) {
+    Publish(*pLink);
+  }
   DrainLinks();
   MachinePool::Instance().ProcessTimeout(m_iNow);
   FinishSessions();
@@ -243,16 +252,12 @@ void Gateway::ResumeSessions() {
   }
 }
 
-void Gateway::Publish() {
-  bool bBlocked = false;
-  for (const auto& pLink : m_vecLinks) {
-    pLink->Publish();
-    bBlocked = bBlocked || pLink->Blocked();
-  }
-  if (m_bWasBlocked && !bBlocked) {  // whoever waited for room may have waited for this
+void Gateway::Publish(WorkerLink& stLink) {
+  const bool bWasBlocked = stLink.Blocked();
+  stLink.Publish();
+  if (bWasBlocked && !stLink.Blocked()) {  // whoever waited for room may have waited for this
     m_vecResumed.assign(m_setSessions.begin(), m_setSessions.end());
   }
-  m_bWasBlocked = bBlocked;
 }
 
 void Gateway::DrainLinks() {
@@ -287,12 +292,18 @@ void Gateway::OnLost(const ReplyTarget_t& stTarget) {
 void Gateway::OnWorkerStarted(int iWorker) {
   g_pLog->Info("gateway: worker %d is there", iWorker);
   Link(iWorker).Probe();
-  Link(iWorker).Publish();
+  Publish(Link(iWorker));
 }
 
 void Gateway::Touch(Session& stSession) {
   if (stSession.Touch()) {
     m_vecTouched.push_back(stSession.GetId());
+  }
+}
+
+void Gateway::TouchAll() {
+  for (const uint32_t iMachine : m_setSessions) {
+    Touch(*static_cast<Session*>(MachinePool::Instance().GetMachine(iMachine)));
   }
 }
 
@@ -323,16 +334,20 @@ void Gateway::RemoveSession(uint32_t iMachine) {
 
 // Answers what has been received, for as long as the operator allows.
 void Gateway::Stop() {
+  AcceptClients();
   m_stListener.Close();
   GatewayEvent_t stEvent{GatewayEvent_t::STOPPING, 0, nullptr};
   for (const uint32_t iMachine : m_setSessions) {
-    auto* pSession = static_cast<Session*>(MachinePool::Instance().GetMachine(iMachine));
-    pSession->DoNext(nullptr, &stEvent);
-    Touch(*pSession);
+    MachinePool::Instance().GetMachine(iMachine)->DoNext(nullptr, &stEvent);
   }
-  const time_t iDeadline = time(nullptr) + static_cast<time_t>(m_stSettings.iStopTimeout);
+  TouchAll();
+  // When the master was killed the workers are ending too, and a new master waits for us.
+  const bool bOrphan = getppid() != m_iMaster;
+  const time_t iDeadline =
+      time(nullptr) + (bOrphan ? 0 : static_cast<time_t>(m_stSettings.iStopTimeout));
   Turn(0);
   while (!m_setSessions.empty() && m_iNow <= iDeadline) {
+    TouchAll();  // one may have got its last reply meanwhile
     Turn(std::min(WaitMilliseconds(), BLOCKED_WAIT_MS));
   }
   g_pLog->Info("gateway: stopped, %zu clients not answered in time", m_setSessions.size());

@@ -1,6 +1,8 @@
 #ifndef KV_SERVER_GATEWAY_H
 #define KV_SERVER_GATEWAY_H
 
+#include <sys/types.h>
+
 #include <memory>
 #include <set>
 #include <string>
@@ -39,6 +41,7 @@ class Gateway : public ReplyReceiver {
   void Touch(Session& stSession);   // FinishTurn() is called at the end of the turn
   void Resume(Session& stSession);  // a paused session may go on
   void WatchSession(Session& stSession, int iFD, uint32_t iEvents);
+  pid_t Master() const { return m_iMaster; }
   std::string InfoText(int64_t iKeys) const;
 
   void OnPiece(const ReplyTarget_t& stTarget, const ReplyPiece_t& stPiece) override;
@@ -55,16 +58,19 @@ class Gateway : public ReplyReceiver {
   void AddClient(std::unique_ptr<TcpSocket> pSocket);
   void OnSessionEvent(uint32_t iMachine, uint32_t iEvents);
   void DrainLinks();
-  void Publish();
+  void Publish(WorkerLink& stLink);
+  bool AnyBlocked() const;
   void ResumeSessions();
   void FinishSessions();
   void RemoveSession(uint32_t iMachine);
   void Stop();
+  void TouchAll();
   void Tell(uint32_t iMachine, uint32_t iSlot, const ReplyPiece_t* pPiece);
 
   const Settings_t m_stSettings;
   const std::vector<QueueNames_t> m_vecNames;
   const uint64_t m_iLife;
+  const pid_t m_iMaster;
   time_t m_iNow;
   time_t m_iStarted;
   int m_iEpoll = -1;
@@ -73,7 +79,6 @@ class Gateway : public ReplyReceiver {
   std::set<uint32_t> m_setSessions;  // machine ids
   std::vector<uint32_t> m_vecTouched;
   std::vector<uint32_t> m_vecResumed;
-  bool m_bWasBlocked = false;
   uint32_t m_iNextMachine = 0;
   uint64_t m_iConnections = 0;
   RequestRouter m_stRouter;

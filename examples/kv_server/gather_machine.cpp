@@ -45,7 +45,10 @@ bool GatherMachine::Take(const GatewayEvent_t& stEvent) {
     stPart.strReply = ErrorText(WORKER_LOST_ERROR);
     stPart.bDone = true;
   } else {
-    stPart.strReply.append(stEvent.pPiece->strBytes);
+    m_iBytes += stEvent.pPiece->strBytes.size();
+    if (m_iBytes <= m_stGateway.Settings().iMaxOutput) {
+      stPart.strReply.append(stEvent.pPiece->strBytes);
+    }
     stPart.bDone = !stEvent.pPiece->bGoesOn;
   }
   m_iOpenParts -= stPart.bDone ? 1 : 0;
@@ -57,12 +60,16 @@ bool GatherMachine::Take(const GatewayEvent_t& stEvent) {
 }
 
 std::string GatherMachine::Join() const {
+  std::string strReply;
+  if (m_iBytes > m_stGateway.Settings().iMaxOutput) {
+    AppendReplyTooLong(strReply, m_stGateway.Settings().iMaxOutput);
+    return strReply;
+  }
   for (const Part_t& stPart : m_vecParts) {
     if (IsErrorReply(stPart.strReply)) {
       return stPart.strReply;
     }
   }
-  std::string strReply;
   switch (m_eCommand) {
     case CMD_MGET:
       return JoinElements();

@@ -52,6 +52,7 @@ class GatherMachine : public StateMachine {
   const ReplyTarget_t m_stAsker;  // the session and its slot
   std::vector<Part_t> m_vecParts;
   size_t m_iOpenParts = 0;
+  uint64_t m_iBytes = 0;  // of all parts' replies
 };
 
 #endif

@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "command_runner.h"
 #include "reply.h"
 
 namespace {
@@ -27,14 +28,14 @@ void Ping(const Arguments_t& vecArguments, std::string& strOut) {
 }
 
 void Select(const Arguments_t& vecArguments, std::string& strOut) {
-  const std::string_view strIndex = vecArguments[1];
-  if (strIndex == "0") {
-    return AppendStatus(strOut, "OK");
+  int64_t iIndex = 0;
+  if (!ParseInteger(vecArguments[1], iIndex)) {
+    return AppendError(strOut, NOT_AN_INTEGER);
   }
-  const bool bNumber =
-      !strIndex.empty() && strIndex.find_first_not_of("0123456789") == std::string_view::npos;
-  AppendError(strOut, bNumber ? "ERR DB index is out of range"
-                              : "ERR value is not an integer or out of range");
+  if (iIndex != 0) {
+    return AppendError(strOut, "ERR DB index is out of range");
+  }
+  AppendStatus(strOut, "OK");
 }
 
 void DescribeCommand(const Command_t& stCommand, std::string& strOut) {
@@ -97,6 +98,16 @@ std::string CheckKey(std::string_view strKey, const Settings_t& stSettings) {
   return strKey.find('\0') != std::string_view::npos ? "ERR key contains a zero byte" : "";
 }
 
+// FLUSHALL and SHUTDOWN take a word that changes nothing here.
+std::string CheckMode(const Command_t& stCommand, const Arguments_t& vecArguments) {
+  const bool bFlush = stCommand.eId == CMD_FLUSHALL;
+  const bool bKnown =
+      vecArguments.size() == 1 ||
+      (vecArguments.size() == 2 && (Is(vecArguments[1], bFlush ? "async" : "save") ||
+                                    Is(vecArguments[1], bFlush ? "sync" : "nosave")));
+  return bKnown ? "" : "ERR syntax error";
+}
+
 std::string CheckOptions(const Arguments_t& vecArguments) {
   size_t iBytes = 0;
   for (size_t i = 3; i < vecArguments.size(); ++i) {
@@ -129,7 +140,8 @@ void AppendUnknownCommand(std::string& strOut, const Arguments_t& vecArguments) 
                          "', with args beginning with: ";
   const size_t iLimit = strError.size() + SHOWN_ARGUMENT;
   for (size_t i = 1; i < vecArguments.size() && strError.size() < iLimit; ++i) {
-    strError.append("'").append(vecArguments[i].substr(0, iLimit - strError.size())).append("' ");
+    const size_t iRoom = iLimit - strError.size();
+    strError.append("'").append(vecArguments[i].substr(0, iRoom)).append("' ");
   }
   AppendError(strOut, strError);
 }
@@ -141,6 +153,9 @@ void AppendWrongArity(std::string& strOut, const Command_t& stCommand) {
 
 std::string CheckArguments(const Command_t& stCommand, const Arguments_t& vecArguments,
                            const Settings_t& stSettings) {
+  if (stCommand.eId == CMD_FLUSHALL || stCommand.eId == CMD_SHUTDOWN) {
+    return CheckMode(stCommand, vecArguments);
+  }
   const bool bOne = stCommand.eRoute == ROUTE_ONE_KEY;
   const bool bPairs = stCommand.eRoute == ROUTE_PAIRS;
   if (!bOne && !bPairs && stCommand.eRoute != ROUTE_KEYS) {

@@ -16,8 +16,8 @@ void RunLocalCommand(const Command_t& stCommand, const Arguments_t& vecArguments
 void AppendUnknownCommand(std::string& strOut, const Arguments_t& vecArguments);
 void AppendWrongArity(std::string& strOut, const Command_t& stCommand);
 
-// Why these arguments can not be run: a key too long or with a zero byte, keys and values that do
-// not pair. Empty when they can.
+// Why these arguments can not be run: a key too long or with a zero byte, options that are
+// unknown. Empty when they can.
 std::string CheckArguments(const Command_t& stCommand, const Arguments_t& vecArguments,
                            const Settings_t& stSettings);
 

@@ -90,7 +90,9 @@ int Master::Run() {
 // only when the last process of an earlier server has gone.
 bool Master::TakeRunDirectory() {
   if (MakeDir(m_stSettings.strRunDir.c_str(), 0750) != 0) {
-    return false;  // MakeDir has said why
+    fprintf(stderr, "kv_server: server.run_dir = \"%s\": can not be made\n",
+            m_stSettings.strRunDir.c_str());
+    return false;  // MakeDir has said why, on standard output
   }
   const std::string strLock = m_stSettings.strRunDir + "/lock";
   m_iLockFD = open(strLock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);

@@ -33,9 +33,11 @@ bool CreateQueue(const QueueName_t& stName, unsigned int iBytes) {
 
 bool QueueSet::Create(unsigned int iWorkers, unsigned int iBytes) {
   RemoveListed();
+  std::random_device stRandom;
+  const uint64_t iMark = std::uniform_int_distribution<uint64_t>()(stRandom);
   for (unsigned int i = 0; i < iWorkers; ++i) {
     const std::string strFifo = m_strDirectory + "/worker." + std::to_string(i);
-    m_vecNames.push_back({{strFifo + ".in", UnusedKey()}, {strFifo + ".out", UnusedKey()}});
+    m_vecNames.push_back({{strFifo + ".in", UnusedKey()}, {strFifo + ".out", UnusedKey()}, iMark});
   }
   if (!List()) {  // before anything is made, so that nothing made is ever unlisted
     return false;

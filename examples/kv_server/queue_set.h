@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,7 @@ struct QueueName_t {
 struct QueueNames_t {
   QueueName_t stIn;   // requests
   QueueName_t stOut;  // answers
+  uint64_t iMark;     // starts each batch, drawn at random for each server
 };
 
 // The queues of all workers, made and removed by the master.

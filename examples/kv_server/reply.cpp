@@ -51,6 +51,11 @@ void AppendArrayHead(std::string& strOut, size_t iCount) {
   AppendNumberLine(strOut, '*', static_cast<int64_t>(iCount));
 }
 
+void AppendReplyTooLong(std::string& strOut, uint64_t iLimit) {
+  AppendError(strOut, "ERR reply longer than the limit of " + std::to_string(iLimit) +
+                          " bytes (limits.output)");
+}
+
 bool IsErrorReply(std::string_view strReply) { return !strReply.empty() && strReply[0] == '-'; }
 
 int64_t IntegerOfReply(std::string_view strReply) {

@@ -14,6 +14,8 @@ void AppendBulk(std::string& strOut, std::string_view strValue);     // $3 abc
 void AppendNull(std::string& strOut);                                // $-1
 void AppendArrayHead(std::string& strOut, size_t iCount);            // *2
 
+void AppendReplyTooLong(std::string& strOut, uint64_t iLimit);
+
 const char WORKER_LOST_ERROR[] = "ERR worker restarted, the command may or may not have run";
 
 // Takes replies apart that a worker of ours has made, for joining them.

@@ -1,12 +1,17 @@
 #include "reply_outbox.h"
 
-#include <ctime>
-
 #include "process_signals.h"
 #include "zelk_variable.h"
 
-ReplyOutbox::ReplyOutbox(MessageQueue& stQueue, uint64_t iQueueBytes)
-    : m_stQueue(stQueue), m_iLimit(RecordLimit(iQueueBytes)) {}
+namespace {
+
+// Closed records are pushed before the end of the turn when they are so many.
+const size_t MANY_RECORDS = 8;
+
+}  // namespace
+
+ReplyOutbox::ReplyOutbox(MessageQueue& stQueue, uint64_t iQueueBytes, int iStopSeconds)
+    : m_stQueue(stQueue), m_iLimit(RecordLimit(iQueueBytes)), m_iStopSeconds(iStopSeconds) {}
 
 void ReplyOutbox::OpenRecord() {
   m_strRecord.clear();
@@ -54,6 +59,9 @@ void ReplyOutbox::EndCommand() {
   ++m_iCommands;
   if (m_strRecord.size() >= m_iLimit) {
     CutPiece();
+    if (m_vecClosed.size() >= MANY_RECORDS) {
+      Publish();
+    }
   }
 }
 
@@ -83,18 +91,18 @@ void ReplyOutbox::CutPiece() {
   OpenPiece();
 }
 
-bool ReplyOutbox::Publish(int iStopSeconds) {
-  time_t iDeadline = 0;
+bool ReplyOutbox::Publish() {
   while (!m_vecClosed.empty()) {
     if (PushSome()) {
       continue;
     }
     // The gateway is slow, stopped or just being started again: its queue keeps what it has.
     PauseMilliseconds(1);
-    if (!g_bRunFlag && iDeadline == 0) {
-      iDeadline = time(nullptr) + iStopSeconds;
+    if (!g_bRunFlag && m_iDeadline == 0) {
+      m_iDeadline = time(nullptr) + m_iStopSeconds;
     }
-    if (iDeadline != 0 && time(nullptr) > iDeadline) {
+    if (m_iDeadline != 0 && time(nullptr) > m_iDeadline) {
+      m_vecClosed.clear();
       return false;
     }
   }

@@ -1,6 +1,7 @@
 #ifndef KV_SERVER_REPLY_OUTBOX_H
 #define KV_SERVER_REPLY_OUTBOX_H
 
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -11,7 +12,8 @@
 // are pushed together at its end, or earlier when they have become large.
 class ReplyOutbox {
  public:
-  ReplyOutbox(MessageQueue& stQueue, uint64_t iQueueBytes);
+  // Once the process is asked to stop, the answers wait for room for so many seconds.
+  ReplyOutbox(MessageQueue& stQueue, uint64_t iQueueBytes, int iStopSeconds);
 
   void Hello();
 
@@ -23,9 +25,9 @@ class ReplyOutbox {
   void EndRun();
   void EndBatch();
 
-  // Pushes everything, and waits for room for up to the given time once the process is asked to
-  // stop. False when answers were given up.
-  bool Publish(int iStopSeconds);
+  // Pushes everything, however long that takes, unless the process is asked to stop. False when
+  // answers were given up.
+  bool Publish();
 
  private:
   void OpenRecord();
@@ -38,6 +40,8 @@ class ReplyOutbox {
 
   MessageQueue& m_stQueue;
   const size_t m_iLimit;
+  const int m_iStopSeconds;
+  time_t m_iDeadline = 0;  // when waiting ends; 0: nobody has asked us to stop
   ReplyHead_t m_stHead{};
   std::string m_strRecord;
   size_t m_iPiece = 0;       // where the open piece's head stands

@@ -166,7 +166,7 @@ void RequestRouter::RunHere(Session& stSession, const Command_t& stCommand,
   }
   if (stCommand.eId == CMD_SHUTDOWN) {
     g_pLog->Info("gateway: client %u asks for the end", stSession.GetId());
-    kill(getppid(), SIGTERM);
+    kill(m_stGateway.Master(), SIGTERM);
     return stSession.StartClosing();
   }
   RunLocalCommand(stCommand, vecArguments, m_stGateway.Settings(), stSession.LocalReply());

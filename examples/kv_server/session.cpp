@@ -1,7 +1,11 @@
 #include "session.h"
 
+#include <linux/sockios.h>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+
+#include <algorithm>
 
 #include "connection_pool.h"
 #include "gateway.h"
@@ -86,7 +90,7 @@ int Session::OnOpenEvent(StateMachine* pMachine, InternalHead_t* /*pHead*/, void
       break;
     case GatewayEvent_t::STOPPING:
       pSession->Receive();
-      pSession->m_bPeerClosed = true;  // nothing that comes later was received
+      pSession->m_bStopping = true;
       pSession->RunRequests();
       break;
     default:
@@ -101,14 +105,14 @@ int Session::OnClosingEvent(StateMachine* pMachine, InternalHead_t* /*pHead*/, v
   if (stEvent.eType == GatewayEvent_t::PIECE || stEvent.eType == GatewayEvent_t::LOST) {
     pSession->OnAnswer(stEvent);
   }
-  pSession->m_bPeerClosed |= stEvent.eType == GatewayEvent_t::STOPPING;
+  pSession->m_bStopping |= stEvent.eType == GatewayEvent_t::STOPPING;
   return 0;
 }
 
 int Session::OnLingeringEvent(StateMachine* pMachine, InternalHead_t* /*pHead*/, void* pMessage) {
   auto* pSession = static_cast<Session*>(pMachine);
-  const bool bStopping = Event(pMessage).eType == GatewayEvent_t::STOPPING;
-  if (bStopping || pSession->m_pSocket->Recv() == -1) {
+  pSession->m_bStopping |= Event(pMessage).eType == GatewayEvent_t::STOPPING;
+  if (pSession->m_pSocket->Recv() == -1) {
     pSession->m_iState = SESSION_DEAD;
   }
   pSession->m_iConsumed = pSession->m_pSocket->RecvBufferSize();
@@ -121,6 +125,9 @@ int Session::OnDeadEvent(StateMachine* /*pMachine*/, InternalHead_t* /*pHead*/,
 }
 
 void Session::Receive() {
+  if (m_bStopping) {
+    return;  // what comes now was not received; large values still stand in the buffer
+  }
   // A client that has closed its sending side may still wait for its answers.
   m_bPeerClosed = m_pSocket->Recv() == -1 || m_bPeerClosed;
   RunRequests();
@@ -152,14 +159,24 @@ void Session::RunRequests() {
     m_iConsumed += m_stParser.Size();
     m_stParser.Reset();
   }
-  if (m_bPeerClosed) {
+  if (m_bPeerClosed || m_bStopping) {
     StartClosing();
   }
 }
 
 bool Session::MayRunMore() const {
+  const size_t iLatest = m_dqSlots.empty() ? 0 : m_dqSlots.back().strHeld.size();
   return m_iUnanswered < m_stGateway.Settings().iMaxUnanswered &&
-         m_pSocket->SendBufferSize() + m_strOut.size() < OUTPUT_PAUSE;
+         m_pSocket->SendBufferSize() + m_strOut.size() + m_iHeld + iLatest < OUTPUT_PAUSE;
+}
+
+// Bytes that wait for replies before them.
+size_t Session::HeldSize() const {
+  size_t iSize = 0;
+  for (const Slot_t& stSlot : m_dqSlots) {
+    iSize += stSlot.strHeld.size();
+  }
+  return iSize;
 }
 
 std::string& Session::LocalReply() {
@@ -203,10 +220,13 @@ void Session::OnAnswer(const GatewayEvent_t& stEvent) {
   }
   const ReplyPiece_t& stPiece = *stEvent.pPiece;
   strOut.append(stPiece.strBytes);
-  stSlot.iCommands -= stPiece.iCommands;
-  m_iUnanswered -= stPiece.iCommands;
+  const uint32_t iAnswered = std::min(stPiece.iCommands, stSlot.iCommands);
+  stSlot.iCommands -= iAnswered;
+  m_iUnanswered -= iAnswered;
   stSlot.bTorn = stPiece.bTorn;
-  stSlot.bDone = !stPiece.bGoesOn;
+  if (!stPiece.bGoesOn) {
+    FinishSlot(stSlot, strOut);
+  }
   ReleaseSlots();
   if (m_bPaused) {
     m_stGateway.Resume(*this);
@@ -217,11 +237,16 @@ void Session::OnLost(Slot_t& stSlot, std::string& strOut) {
   if (stSlot.bTorn) {
     return Abort("its worker died inside a reply");
   }
+  FinishSlot(stSlot, strOut);
+  ReleaseSlots();
+}
+
+// A reply for each command, whatever happened to the worker: later ones must not shift.
+void Session::FinishSlot(Slot_t& stSlot, std::string& strOut) {
   for (; stSlot.iCommands > 0; --stSlot.iCommands, --m_iUnanswered) {
     AppendError(strOut, WORKER_LOST_ERROR);
   }
   stSlot.bDone = true;
-  ReleaseSlots();
 }
 
 // Passes on what the slots before the first open one hold.
@@ -277,21 +302,23 @@ void Session::FinishTurn() {
 }
 
 void Session::SendOutput() {
+  m_iHeld = HeldSize();
   if (!m_strOut.empty()) {
     SendMessageToOutProcess(&m_sInternalHead, m_strOut.data(),
                             static_cast<unsigned int>(m_strOut.size()));
     m_strOut.clear();
   }
-  if (m_pSocket->SendBufferSize() == 0) {
-    return;
-  }
-  const int iSent = m_pSocket->Send();
+  const bool bWrites = m_pSocket->SendBufferSize() > 0;
+  const int iSent = bWrites ? m_pSocket->Send() : 0;
   if (iSent < 0) {
     m_iState = SESSION_DEAD;  // it is gone, and will not read what is left
     return;
   }
-  if (m_pSocket->SendBufferSize() > m_stGateway.Settings().iMaxOutput) {
+  if (m_pSocket->SendBufferSize() + m_iHeld > m_stGateway.Settings().iMaxOutput) {
     return Abort("too much output waits for it (limits.output)");
+  }
+  if (!bWrites) {
+    return;
   }
   WatchProgress(iSent > 0);
   if (m_bPaused && MayRunMore()) {
@@ -300,10 +327,13 @@ void Session::SendOutput() {
 }
 
 void Session::AdvanceClosing() {
+  if (m_iState == SESSION_LINGERING && HasNothingToLose()) {
+    m_iState = SESSION_DEAD;
+  }
   if (m_iState != SESSION_CLOSING || Busy()) {
     return;
   }
-  if (m_bPeerClosed) {
+  if (m_bPeerClosed || HasNothingToLose()) {
     m_iState = SESSION_DEAD;
     return;
   }
@@ -311,6 +341,13 @@ void Session::AdvanceClosing() {
   m_iState = SESSION_LINGERING;
   shutdown(m_pSocket->FD(), SHUT_WR);
   StartStateTimeout(LINGER_SECONDS);
+}
+
+// At the server's end a client that has all its replies is not waited for.
+bool Session::HasNothingToLose() const {
+  int iUnacknowledged = 0;
+  return m_bStopping && ioctl(m_pSocket->FD(), SIOCOUTQ, &iUnacknowledged) == 0 &&
+         iUnacknowledged == 0;
 }
 
 void Session::WatchProgress(bool bProgress) {
@@ -328,8 +365,8 @@ void Session::StartStateTimeout(unsigned int iSeconds) {
 }
 
 void Session::UpdateInterest() {
-  const bool bReads =
-      m_iState == SESSION_LINGERING || (m_iState == SESSION_OPEN && !m_bPaused && !m_bPeerClosed);
+  const bool bReads = m_iState == SESSION_LINGERING ||
+                      (m_iState == SESSION_OPEN && !m_bPaused && !m_bPeerClosed && !m_bStopping);
   const bool bWrites = m_pSocket->SendBufferSize() > 0;
   const uint32_t iInterest = (bReads ? EPOLLIN : 0u) | (bWrites ? EPOLLOUT : 0u);
   if (iInterest != m_iInterest) {

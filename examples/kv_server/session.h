@@ -80,12 +80,15 @@ class Session : public StateMachine {
   void Receive();
   void RunRequests();
   bool MayRunMore() const;
+  size_t HeldSize() const;
   void OnAnswer(const GatewayEvent_t& stEvent);
   void OnLost(Slot_t& stSlot, std::string& strOut);
+  void FinishSlot(Slot_t& stSlot, std::string& strOut);
   void ReleaseSlots();
   void Abort(const char* pReason);
   void SendOutput();
   void AdvanceClosing();
+  bool HasNothingToLose() const;
   void WatchProgress(bool bProgress);
   void StartStateTimeout(unsigned int iSeconds);
   void UpdateInterest();
@@ -96,9 +99,11 @@ class Session : public StateMachine {
   size_t m_iConsumed = 0;  // received bytes whose requests were run this turn
   bool m_bPaused = false;  // requests wait in the receive buffer for replies, room or a worker
   bool m_bPeerClosed = false;
+  bool m_bStopping = false;  // the server ends: no more is received
   bool m_bTouched = false;
   uint32_t m_iInterest;  // epoll events asked for
   size_t m_iUnanswered = 0;
+  size_t m_iHeld = 0;  // HeldSize() at the end of the latest turn
   uint32_t m_iFirstSlot = 0;
   std::deque<Slot_t> m_dqSlots;
   std::string m_strOut;  // this turn's output

@@ -20,8 +20,8 @@ Worker::Worker(const Settings_t& stSettings, const QueueNames_t& stNames, int iI
     : m_stSettings(stSettings),
       m_stNames(stNames),
       m_iIndex(iIndex),
-      m_stRunner(m_stStore),
-      m_stOutbox(m_stOut, stSettings.iQueueBytes) {}
+      m_stRunner(m_stStore, stSettings.iMaxOutput),
+      m_stOutbox(m_stOut, stSettings.iQueueBytes, static_cast<int>(stSettings.iStopTimeout)) {}
 
 int Worker::Run() {
   if (!Start()) {
@@ -56,7 +56,7 @@ bool Worker::Start() {
   }
   g_pLog->Info("worker %d: started", m_iIndex);
   m_stOutbox.Hello();
-  return m_stOutbox.Publish(static_cast<int>(m_stSettings.iStopTimeout));
+  return m_stOutbox.Publish();
 }
 
 // Runs everything that is in the queue and answers it.
@@ -65,7 +65,7 @@ void Worker::Turn() {
     while (!m_dqRecords.empty()) {
       RunFirst();
     }
-    if (!m_stOutbox.Publish(static_cast<int>(m_stSettings.iStopTimeout))) {
+    if (!m_stOutbox.Publish()) {
       g_pLog->Warning("worker %d: nobody takes its answers, they are given up", m_iIndex);
       return;
     }
@@ -96,8 +96,8 @@ bool Worker::FetchAtLeast(size_t iCount) {
 void Worker::RunFirst() {
   RecordReader stReader(std::string_view(m_dqRecords[0].pData.get(), m_dqRecords[0].iSize));
   const auto stHead = stReader.Take<RequestHead_t>();
-  if (!stReader.Good() || !FetchAtLeast(1 + stHead.iValues)) {
-    g_pLog->Error("worker %d: a record is damaged", m_iIndex);
+  if (!stReader.Good() || stHead.iMark != m_stNames.iMark || !FetchAtLeast(1 + stHead.iValues)) {
+    g_pLog->Warning("worker %d: a value is dropped, its batch was another one's", m_iIndex);
     m_dqRecords.pop_front();
     return;
   }

@@ -19,6 +19,7 @@ BufferVec_t ToBuffer(std::string_view strBytes) {
 
 bool WorkerLink::Attach(const QueueNames_t& stNames) {
   const auto iBytes = static_cast<unsigned int>(m_iQueueBytes);
+  m_iMark = stNames.iMark;
   Open();
   return m_stIn.AttachWithKey(stNames.stIn.strFifo.c_str(), stNames.stIn.iKey, iBytes) == 0 &&
          m_stOut.AttachWithKey(stNames.stOut.strFifo.c_str(), stNames.stOut.iKey, iBytes) == 0;
@@ -64,7 +65,7 @@ bool WorkerLink::IsFull() const {
 // Numbers the open batch, puts it behind those that wait, and opens the next one.
 void WorkerLink::Close() {
   PatchRecord(m_stOpen.strBatch, 0,
-              RequestHead_t{m_iLife, ++m_iNumber, m_stOpen.iRuns,
+              RequestHead_t{m_iMark, m_iLife, ++m_iNumber, m_stOpen.iRuns,
                             static_cast<uint32_t>(m_stOpen.vecValues.size())});
   m_dqBatches.push_back({m_iNumber, m_stOpen.iRuns});
   m_stOpen.iSize += m_stOpen.strBatch.size() + LENGTH_SIZE;
@@ -83,6 +84,15 @@ void WorkerLink::Publish() {
   if (m_stOpen.iRuns > 0) {
     Close();
   }
+  PushWaiting();
+  m_bBlocked = !m_dqWaiting.empty();
+  for (Unit_t& stUnit : m_dqWaiting) {
+    Keep(stUnit);
+  }
+}
+
+// As many units as there is room for, in one call.
+void WorkerLink::PushWaiting() {
   if (m_dqWaiting.empty()) {
     return;
   }
@@ -95,9 +105,6 @@ void WorkerLink::Publish() {
     }
   }
   PushUnits(iCount);
-  for (Unit_t& stUnit : m_dqWaiting) {
-    Keep(stUnit);
-  }
 }
 
 void WorkerLink::PushUnits(size_t iCount) {
@@ -156,7 +163,12 @@ void WorkerLink::OnRecord(std::string_view strRecord, ReplyReceiver& stReceiver)
   }
   for (uint32_t i = 0; i < stHead.iPieces; ++i) {
     const auto stPiece = stReader.Take<PieceHead_t>();
-    OnPieceOfFirst(stPiece, stReader.TakeBytes(stPiece.iSize), stReceiver);
+    const std::string_view strBytes = stReader.TakeBytes(stPiece.iSize);
+    if (!stReader.Good()) {
+      g_pLog->Error("gateway: worker %d: an answer is damaged", m_iWorker);
+      return DropBefore(stHead.iNumber + 1, stReceiver);
+    }
+    OnPieceOfFirst(stPiece, strBytes, stReceiver);
   }
   if (m_dqBatches.front().iRuns == 0) {
     m_dqBatches.pop_front();

@@ -53,7 +53,8 @@ class WorkerLink {
 
   MessageQueue& In() { return m_stIn; }
   MessageQueue& Out() { return m_stOut; }
-  bool Blocked() const { return !m_dqWaiting.empty(); }
+  // The latest Publish() had to keep something.
+  bool Blocked() const { return m_bBlocked; }
 
   // Starts a run whose replies are for stTarget, then adds commands to it. Arguments are those from
   // iFirst on.
@@ -91,6 +92,7 @@ class WorkerLink {
   void Close();
   bool IsFull() const;
   void Keep(Unit_t& stUnit);
+  void PushWaiting();
   void PushUnits(size_t iCount);
   void OnRecord(std::string_view strRecord, ReplyReceiver& stReceiver);
   void DropBefore(uint64_t iNumber, ReplyReceiver& stReceiver);
@@ -102,11 +104,13 @@ class WorkerLink {
   const uint64_t m_iQueueBytes;
   MessageQueue m_stIn;   // we write
   MessageQueue m_stOut;  // we read
+  uint64_t m_iMark = 0;
   uint64_t m_iNumber = 0;
   Unit_t m_stOpen;
   size_t m_iRunHead = 0;  // where the latest run's head stands in the open batch
   uint32_t m_iRunCommands = 0;
-  std::deque<Unit_t> m_dqWaiting;
+  std::deque<Unit_t> m_dqWaiting;  // closed and not pushed
+  bool m_bBlocked = false;
   std::deque<Batch_t> m_dqBatches;        // not answered completely
   std::deque<ReplyTarget_t> m_dqTargets;  // of their runs, in order
   std::vector<BufferVec_t> m_vecGather;
