@@ -76,6 +76,14 @@ TEST(TestSupportTest, AServersListOfQueuesIsCleanedUpToo) {
   EXPECT_TRUE(WaitUntil([&stKey] { return !SegmentExists(stKey.Key()); }));
 }
 
+TEST(TestSupportTest, JanitorIsNotFoundAmongTheProgramsChildren) {
+  ForkedPeer stProgram([] {
+    StartJanitor();
+    return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD ? 0 : 1;
+  });
+  EXPECT_EQ(0, stProgram.Wait());
+}
+
 TEST(TestSupportTest, KilledProgramLeavesNeitherDirectoryNorSegment) {
   int aiPipe[2];
   ASSERT_EQ(0, pipe(aiPipe));

@@ -6,6 +6,7 @@
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -91,9 +92,15 @@ void StartJanitor() {
     perror("janitor");
     _exit(1);
   }
-  if (fork() == 0) {
-    RunJanitor(iProgramFD);
+  // A grandchild, so that whoever kills the program with all its children leaves it alone.
+  const pid_t iChild = fork();
+  if (iChild == 0) {
+    if (fork() == 0) {
+      RunJanitor(iProgramFD);
+    }
+    _exit(0);
   }
+  waitpid(iChild, nullptr, 0);
   close(iProgramFD);
 }
 
