@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <new>
 
 #include "internal/always_assert.h"
 
@@ -245,7 +246,10 @@ int TcpSocket::Recv(StreamCallback_t* pCallback) {
     return 0;
   }
   for (size_t iTotal = 0;;) {
-    MakeRecvRoom();
+    if (!MakeRecvRoom()) {
+      errno = ENOMEM;
+      return -1;
+    }
     // A callback shall find the zero byte behind the earlier bytes: the new ones land beyond it.
     const size_t iGap = pCallback != nullptr && m_iRecvBegin != m_iRecvEnd ? 1 : 0;
     char* pLanding = m_pBuffer.get() + m_iRecvEnd + iGap;
@@ -353,27 +357,33 @@ void TcpSocket::TakeMessage(time_t iNow) {
   m_dqSendBuffer.pop_front();
 }
 
-// Sees to it that a whole recv() fits behind the received bytes.
-void TcpSocket::MakeRecvRoom() {
+// Sees to it that a whole recv() fits behind the received bytes; false leaves them as they are. How
+// much there is depends on the peer, so that its host gets a failed connection, not an exception.
+bool TcpSocket::MakeRecvRoom() {
   if (m_iRecvBegin == m_iRecvEnd) {
     m_iRecvBegin = m_iRecvEnd = 0;
   }
   if (m_iCapacity - m_iRecvEnd >= RECV_ROOM) {
-    return;
+    return true;
   }
   const size_t iSize = m_iRecvEnd - m_iRecvBegin;
   const char* pFirst = m_pBuffer.get() + m_iRecvBegin;
   if (m_iCapacity - iSize >= RECV_ROOM && iSize <= m_iRecvBegin) {
     std::copy_n(pFirst, iSize, m_pBuffer.get());
   } else {
-    m_iCapacity = RECV_ROOM + RECV_SLACK + 2 * iSize;
-    std::unique_ptr<char[]> pLarger(new char[m_iCapacity]);  // not cleared
+    const size_t iCapacity = RECV_ROOM + RECV_SLACK + 2 * iSize;
+    std::unique_ptr<char[]> pLarger(new (std::nothrow) char[iCapacity]);  // not cleared
+    if (pLarger == nullptr) {
+      return false;
+    }
+    m_iCapacity = iCapacity;
     std::copy_n(pFirst, iSize, pLarger.get());
     m_pBuffer.swap(pLarger);
   }
   m_iRecvBegin = 0;
   m_iRecvEnd = iSize;
   m_pBuffer[iSize] = '\0';
+  return true;
 }
 
 // Takes bytes that recv() has put at or just beyond the end into the received ones.

@@ -45,15 +45,17 @@ class TcpSocket : public Object {
   static unsigned int TranslateAddress(const char* pText);
 
   // Listens on an address as of TranslateAddress(): 0, or -1 with the socket closed. The listener
-  // blocks and has a backlog of 10.
+  // blocks and has a backlog of 10. What cannot be resolved is not detected here: the kernel takes
+  // 0xFFFFFFFF, where no connection ever arrives.
   int Listen(const char* pAddr, unsigned short iPort);
 
   // The next connection, non-blocking, for the caller to delete; null when there is none.
   TcpSocket* Accept();
 
   // Starts a non-blocking connection: 0 when it stands or is in progress, -1 with the socket
-  // closed. In progress the peer's number and port are known, its text and the local end are not;
-  // see CanWrite().
+  // closed. In progress the peer's number and port are known; its text and the local end are those
+  // of an earlier connection or empty. When CanWrite() says that it stands, GetAddressPort() gets
+  // them.
   int Connect(const char* pHost, unsigned short iPort);
   int Connect(unsigned int iAddr, unsigned short iPort);
 
@@ -77,13 +79,14 @@ class TcpSocket : public Object {
   // Returns the bytes written by this call, 0 on a closed socket, or -1 on an error; the socket
   // then stays open, and bytes written before the error are neither counted nor written again.
   //
-  // The callback runs once before the first message and once after each, written or dropped, with
-  // the bytes that were written, which may be none.
+  // The callback runs once for what an earlier call left of a message and then once for each,
+  // written or dropped, with the bytes that were written, which may be none.
   int Send(StreamCallback_t* pCallback = nullptr);
 
   // Reads until the kernel has no more and appends to the receive buffer. Returns the bytes read by
-  // this call, 0 on a closed socket, or -1 on an error and when the peer has closed: what came
-  // before that is in the buffer, and the descriptor stays open.
+  // this call, 0 on a closed socket, or -1: on an error, which may be ENOMEM for the buffer, and
+  // when the peer has closed, which sets no errno. What came before that is in the buffer, and the
+  // descriptor stays open.
   //
   // The callback runs for each piece before it is appended. From the first call on the socket keeps
   // a block of somewhat more than 1 MiB, of which only what was used becomes resident.
@@ -145,7 +148,7 @@ class TcpSocket : public Object {
   bool WriteSendBuffer(size_t& iWritten) const;
   void DropWritten(size_t iWritten);
   void TakeMessage(time_t iNow);
-  void MakeRecvRoom();
+  bool MakeRecvRoom();
   void AddReceived(const char* pLanding, size_t iSize);
 
   int m_iFD = -1;

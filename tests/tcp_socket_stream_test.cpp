@@ -51,6 +51,7 @@ script_t g_stRecv;
 time_t g_iClock = START;
 unsigned int g_iClockCalls = 0;
 unsigned int g_iBlocks = 0;  // receive buffers ever allocated
+bool g_bNoMemory = false;    // while true, no receive buffer can be allocated
 
 // The size that the kernel shall be asked for, or a result in its place.
 long FollowScript(script_t& stScript, size_t iSize, int iFlags) {
@@ -94,7 +95,7 @@ extern "C" time_t time(time_t* pSeconds) noexcept {
 
 // Out of line: inlined, malloc() would face a delete that the compiler knows by name.
 [[gnu::noinline]] void* operator new[](size_t iSize) {
-  void* pMemory = malloc(iSize);
+  void* pMemory = g_bNoMemory && iSize >= READ_SIZE ? nullptr : malloc(iSize);
   if (pMemory == nullptr) {
     throw std::bad_alloc();
   }
@@ -103,6 +104,14 @@ extern "C" time_t time(time_t* pSeconds) noexcept {
     memset(pMemory, 0xA5, iSize);
   }
   return pMemory;
+}
+
+[[gnu::noinline]] void* operator new[](size_t iSize, const std::nothrow_t&) noexcept {
+  try {
+    return operator new[](iSize);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 [[gnu::noinline]] void operator delete[](void* pMemory) noexcept { free(pMemory); }
@@ -168,6 +177,7 @@ class TcpSocketStreamTest : public ::testing::Test {
     g_fnDuring = nullptr;
     g_iClock = START;
     g_iBlocks = 0;
+    g_bNoMemory = false;
     TcpSocket stListener;
     ASSERT_EQ(0, stListener.Listen("127.0.0.1", 0));
     m_iPeer = ConnectTo(stListener, m_iPeerBuffer);
@@ -733,6 +743,38 @@ TEST_F(TcpSocketStreamTest, FirstRecvAllocatesAndNobodyClearsWhatIsNotReached) {
   EXPECT_EQ(3, m_pSocket->Recv(Record));
   EXPECT_EQ(0, m_pSocket->Recv(Record));
   EXPECT_EQ(1u, g_iBlocks);
+}
+
+TEST_F(TcpSocketStreamTest, FirstRecvWithoutMemoryFailsAndMayBeRepeated) {
+  PeerWrites("abc");
+  g_bNoMemory = true;
+  EXPECT_EQ(-1, m_pSocket->Recv(Record));
+  EXPECT_EQ(ENOMEM, errno);
+  EXPECT_EQ(-1, m_pSocket->Recv(Record));
+  g_bNoMemory = false;
+  EXPECT_EQ(0u, g_stRecv.iCalls);
+  EXPECT_EQ(3, m_pSocket->Recv(Record));
+  EXPECT_EQ("abc", Received());
+}
+
+TEST_F(TcpSocketStreamTest, BufferThatCannotGrowKeepsItsBytesAndItsLimit) {
+  const std::string strPiece = Pattern(10000);
+  std::string strExpected;
+  ASSERT_EQ(0, m_pSocket->Recv());
+  g_bNoMemory = true;
+  for (int iResult = 0; iResult != -1; strExpected += strPiece) {
+    ASSERT_LT(strExpected.size(), 2 * READ_SIZE);
+    PeerWrites(strPiece);
+    iResult = m_pSocket->Recv();
+  }
+  errno = 0;
+  EXPECT_EQ(-1, m_pSocket->Recv());
+  EXPECT_EQ(ENOMEM, errno);
+  EXPECT_TRUE(strExpected == Received());
+  g_bNoMemory = false;
+  PeerWrites("more");
+  EXPECT_EQ(4, m_pSocket->Recv());
+  EXPECT_TRUE(strExpected + "more" == Received());
 }
 
 TEST_F(TcpSocketStreamTest, EveryReadAsksForAMebibyte) {
