@@ -23,42 +23,46 @@ Object* MakeF() { return new Named('f'); }
 Object* MakeG() { return new Named('g'); }
 Object* MakeNothing() { return nullptr; }
 
-// The kind of the object made under a name or number; '-' when none is made.
-template <typename Id>
-char KindOf(Id id) {
-  const std::unique_ptr<Object> pObject(ClassFactory::Instance().NewObject(id));
-  const auto* pNamed = dynamic_cast<Named*>(pObject.get());
-  return pNamed == nullptr ? '-' : pNamed->Kind();
-}
-
 // A factory of one's own: the process-wide one can not be emptied between tests.
-class OwnFactory : public ClassFactory {};
+class OwnFactory : public ClassFactory {
+ public:
+  // The kind of the object made under a name or number; '-' when none is made.
+  template <typename Id>
+  char KindOf(Id id) {
+    const std::unique_ptr<Object> pObject(NewObject(id));
+    const auto* pNamed = dynamic_cast<Named*>(pObject.get());
+    return pNamed == nullptr ? '-' : pNamed->Kind();
+  }
+};
 
 TEST(ClassFactoryTest, InstanceIsOneObject) {
   EXPECT_EQ(&ClassFactory::Instance(), &ClassFactory::Instance());
 }
 
 TEST(ClassFactoryTest, FirstRegistrationOfANameWins) {
-  EXPECT_TRUE(ClassFactory::Instance().AddObject("A", MakeF));
-  EXPECT_FALSE(ClassFactory::Instance().AddObject("A", MakeG));
-  EXPECT_EQ('f', KindOf("A"));
+  OwnFactory stFactory;
+  EXPECT_TRUE(stFactory.AddObject("A", MakeF));
+  EXPECT_FALSE(stFactory.AddObject("A", MakeG));
+  EXPECT_EQ('f', stFactory.KindOf("A"));
 }
 
 TEST(ClassFactoryTest, NumbersAreTheirDecimalText) {
-  EXPECT_TRUE(ClassFactory::Instance().AddObject(12, MakeF));
-  EXPECT_TRUE(ClassFactory::Instance().AddObject(-3, MakeG));
-  EXPECT_EQ('f', KindOf("12"));
-  EXPECT_EQ('g', KindOf("-3"));
-  EXPECT_EQ('g', KindOf(-3));
-  EXPECT_EQ(1u, ClassFactory::Instance().ObjectMap().count("-3"));
+  OwnFactory stFactory;
+  EXPECT_TRUE(stFactory.AddObject(12, MakeF));
+  EXPECT_TRUE(stFactory.AddObject(-3, MakeG));
+  EXPECT_EQ('f', stFactory.KindOf("12"));
+  EXPECT_EQ('g', stFactory.KindOf("-3"));
+  EXPECT_EQ('g', stFactory.KindOf(-3));
+  EXPECT_EQ(1u, stFactory.ObjectMap().count("-3"));
 }
 
 TEST(ClassFactoryTest, NumbersAndNamesShareOneKeySpace) {
-  EXPECT_TRUE(ClassFactory::Instance().AddObject(7, MakeF));
-  EXPECT_FALSE(ClassFactory::Instance().AddObject("7", MakeG));
-  EXPECT_TRUE(ClassFactory::Instance().AddObject("8", MakeG));
-  EXPECT_FALSE(ClassFactory::Instance().AddObject(8, MakeF));
-  EXPECT_EQ('g', KindOf(8));
+  OwnFactory stFactory;
+  EXPECT_TRUE(stFactory.AddObject(7, MakeF));
+  EXPECT_FALSE(stFactory.AddObject("7", MakeG));
+  EXPECT_TRUE(stFactory.AddObject("8", MakeG));
+  EXPECT_FALSE(stFactory.AddObject(8, MakeF));
+  EXPECT_EQ('g', stFactory.KindOf(8));
 }
 
 TEST(ClassFactoryTest, SmallestNumberHasItsWholeText) {

@@ -37,6 +37,9 @@ TEST(ZelkVariableTest, HooksCarryTheHostsFunctions) {
   EXPECT_EQ(12, ptrSendInternalRequest(7, &iData));
   EXPECT_EQ(2, ptrSendInternalResponse(&iData, 7));
   EXPECT_EQ(42, ptrPushMessageQueue(request_object_t{42, nullptr, nullptr, nullptr}));
+  ptrSendInternalRequest = nullptr;
+  ptrSendInternalResponse = nullptr;
+  ptrPushMessageQueue = nullptr;
 }
 
 }  // namespace
