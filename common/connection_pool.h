@@ -11,8 +11,10 @@ class TcpSocket;
 
 // The process's open sockets, found by descriptor or by their two ends.
 //
-// Owns a socket from AddConnection() on: RemoveConnection() destroys it. Sockets that are still in
-// the pool when the process exits are left to the kernel. Not locked: one thread at a time.
+// Owns a socket from AddConnection() on: RemoveConnection() destroys it. Add a socket once, and
+// remove it rather than closing it: the kernel gives the number of a closed descriptor to the next
+// connection, which then finds it taken. Sockets that are still in the pool when the process exits
+// are left to the kernel. Not locked: one thread at a time.
 class ConnectionPool : public Object {
  public:
   static ConnectionPool& Instance();
@@ -22,7 +24,8 @@ class ConnectionPool : public Object {
 
   // Enters a socket under its present descriptor and its present peer; both may change later, for
   // instance by Close(), without moving it. When the descriptor is taken, the earlier socket stays
-  // under it and the new one is found by its peer alone.
+  // under it and the new one is found by its peer alone: nothing here destroys it, and its entry
+  // goes only when another socket added under that peer is removed.
   void AddConnection(TcpSocket* pSocket);
 
   // The socket that was added under this descriptor, or null.

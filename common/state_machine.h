@@ -147,7 +147,8 @@ class StateMachine : public Object {
   std::string m_strMsgFrom;
   bool m_bRecordMessage = true;
 
-  // By machine type, then by state. They only grow.
+  // By machine type, then by state. They only grow: DoNext() and DoNext2() may not notice
+  // that a single entry was replaced or erased here.
   static std::map<int, std::map<int, ProcessFunction_t>> m_mapGlobalStateList;
   static std::map<int, std::map<int, ProcessFunction2_t>> m_mapGlobalStateList2;
   static std::map<int, std::map<int, std::string>> m_mapGlobalStateName;

@@ -132,12 +132,22 @@ sockaddr_in LocalEnd(int iFD) {
 
 uint16_t LocalPort(int iFD) { return ntohs(LocalEnd(iFD).sin_port); }
 
-int ConnectRaw(int iFD, uint16_t iPort) {
+sockaddr_in LoopbackEnd(uint16_t iPort) {
   sockaddr_in stAddr{};
   stAddr.sin_family = AF_INET;
   stAddr.sin_addr.s_addr = LOOPBACK;
   stAddr.sin_port = htons(iPort);
-  return connect(iFD, reinterpret_cast<sockaddr*>(&stAddr), sizeof(stAddr));
+  return stAddr;
+}
+
+int ConnectRaw(int iFD, uint16_t iPort) {
+  const sockaddr_in stAddr = LoopbackEnd(iPort);
+  return connect(iFD, reinterpret_cast<const sockaddr*>(&stAddr), sizeof(stAddr));
+}
+
+int BindRaw(int iFD) {
+  const sockaddr_in stAddr = LoopbackEnd(0);
+  return bind(iFD, reinterpret_cast<const sockaddr*>(&stAddr), sizeof(stAddr));
 }
 
 // The unsigned value that listen() was given, as the kernel keeps it for a listener.
@@ -286,6 +296,11 @@ TEST_F(TcpSocketTest, ListenOnAnAddressOfSomeoneElseFails) {
   EXPECT_EQ(-1, m_stSocket.FD());
 }
 
+TEST_F(TcpSocketTest, ListenDoesNotDetectAnAddressThatCannotBeResolved) {
+  EXPECT_EQ(0, m_stSocket.Listen("256.256.256.256", 0));
+  EXPECT_EQ(NO_ADDRESS, LocalEnd(m_stSocket.FD()).sin_addr.s_addr);
+}
+
 TEST_F(TcpSocketTest, FailedListenHasClosedTheOldDescriptor) {
   const auto pAccepted = Establish();
   const int iOld = m_stSocket.FD();
@@ -365,6 +380,15 @@ TEST_F(TcpSocketTest, ConnectionInProgressKnowsThePeersNumberAndPortOnly) {
   EXPECT_STREQ("", m_stSocket.PeerAddressString());
   EXPECT_STREQ("", m_stSocket.SockAddressString());
   EXPECT_EQ(0, m_stSocket.SockPort());
+}
+
+TEST_F(TcpSocketTest, SecondConnectionInProgressStillHasTheTextAndLocalEndOfTheFirst) {
+  const auto pAccepted = Establish();
+  const int iOldSockPort = m_stSocket.SockPort();
+  ASSERT_EQ(0, m_stSocket.Connect(htonl(INADDR_LOOPBACK + 1), m_iPort));
+  EXPECT_EQ(htonl(INADDR_LOOPBACK + 1), m_stSocket.PeerAddress());
+  EXPECT_EQ(iOldSockPort, m_stSocket.SockPort());
+  EXPECT_STREQ("127.0.0.1", m_stSocket.PeerAddressString());
 }
 
 TEST_F(TcpSocketTest, ConnectThatFailsAtOnceLeavesTheSocketClosedAndErrno) {
@@ -460,8 +484,10 @@ TEST_F(TcpSocketTest, CanWriteWaitsItsSeconds) {
 }
 
 TEST_F(TcpSocketTest, CanWriteIsTrueWhenAWriteWouldFail) {
-  const uint16_t iPort = FreePort();
-  ASSERT_EQ(0, m_stSocket.Connect(LOOPBACK, iPort));
+  // A port that is bound and has no listener: nobody else can take it meanwhile.
+  const Descriptor stBound(socket(AF_INET, SOCK_STREAM, 0));
+  ASSERT_EQ(0, BindRaw(stBound.Get()));
+  ASSERT_EQ(0, m_stSocket.Connect(LOOPBACK, LocalPort(stBound.Get())));
   EXPECT_TRUE(m_stSocket.CanWrite(10));
   EXPECT_EQ(ECONNREFUSED, Option(m_stSocket.FD(), SOL_SOCKET, SO_ERROR));
 }
