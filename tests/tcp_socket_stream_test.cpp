@@ -50,8 +50,10 @@ script_t g_stSend;
 script_t g_stRecv;
 time_t g_iClock = START;
 unsigned int g_iClockCalls = 0;
-unsigned int g_iBlocks = 0;  // receive buffers ever allocated
-bool g_bNoMemory = false;    // while true, no receive buffer can be allocated
+unsigned int g_iBlocks = 0;      // receive buffers ever allocated
+bool g_bNoMemory = false;        // while true, no receive buffer can be allocated
+char* g_pBehindBlock = nullptr;  // a byte behind the receive buffer allocated last, '\xA5'
+bool g_bFullRead = false;        // the next recv() fills all it is given
 
 // The size that the kernel shall be asked for, or a result in its place.
 long FollowScript(script_t& stScript, size_t iSize, int iFlags) {
@@ -80,6 +82,11 @@ extern "C" ssize_t send(int iFD, const void* pData, size_t iSize, int iFlags) {
 }
 
 extern "C" ssize_t recv(int iFD, void* pData, size_t iSize, int iFlags) {
+  if (g_bFullRead) {
+    g_bFullRead = false;
+    memset(pData, 'f', iSize);
+    return static_cast<ssize_t>(iSize);
+  }
   const long iNext = FollowScript(g_stRecv, iSize, iFlags);
   return iNext <= 0 ? std::max(iNext, -1L)
                     : syscall(SYS_recvfrom, iFD, pData, iNext, iFlags, nullptr, nullptr);
@@ -95,13 +102,14 @@ extern "C" time_t time(time_t* pSeconds) noexcept {
 
 // Out of line: inlined, malloc() would face a delete that the compiler knows by name.
 [[gnu::noinline]] void* operator new[](size_t iSize) {
-  void* pMemory = g_bNoMemory && iSize >= READ_SIZE ? nullptr : malloc(iSize);
+  void* pMemory = g_bNoMemory && iSize >= READ_SIZE ? nullptr : malloc(iSize + 1);
   if (pMemory == nullptr) {
     throw std::bad_alloc();
   }
   if (iSize >= READ_SIZE) {
     ++g_iBlocks;
-    memset(pMemory, 0xA5, iSize);
+    memset(pMemory, 0xA5, iSize + 1);
+    g_pBehindBlock = static_cast<char*>(pMemory) + iSize;
   }
   return pMemory;
 }
@@ -656,6 +664,9 @@ TEST_F(TcpSocketStreamTest, CountIsSetRightAfterACallbackThatSentTheMessageAgain
   EXPECT_EQ(0u, m_pSocket->SendBufferSize());
   Queue("def");
   EXPECT_EQ(3u, m_pSocket->SendBufferSize());
+  g_fnDuring = nullptr;
+  EXPECT_EQ(3, Send());
+  EXPECT_EQ("def", PeerReads(3));
 }
 
 TEST_F(TcpSocketStreamTest, CallbackThatClosesEndsTheCallAndKeepsTheRest) {
@@ -970,6 +981,19 @@ TEST_F(TcpSocketStreamTest, LongStreamWithARestAllocatesOnce) {
   }
   EXPECT_EQ(strPiece.substr(996), Received());
   EXPECT_EQ(1u, g_iBlocks);
+}
+
+TEST_F(TcpSocketStreamTest, LongestReadBehindTheLongestRestStaysInItsBlock) {
+  for (StreamCallback_t* pCallback : {Record, static_cast<StreamCallback_t*>(nullptr)}) {
+    m_pSocket = std::make_unique<TcpSocket>(dup(m_pSocket->FD()));
+    Receive(Pattern(65536));  // what may lie before a read without being moved
+    g_bFullRead = true;
+    g_bNoMemory = true;  // the block, now full, shall not be replaced by a larger one
+    EXPECT_EQ(-1, m_pSocket->Recv(pCallback));
+    g_bNoMemory = false;
+    EXPECT_EQ('\xA5', *g_pBehindBlock);
+    EXPECT_TRUE(Pattern(65536) + std::string(READ_SIZE, 'f') == Received());
+  }
 }
 
 TEST_F(TcpSocketStreamTest, RestOfEverySizeSurvivesTheMovesOfTheBuffer) {

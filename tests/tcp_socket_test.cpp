@@ -28,6 +28,7 @@ namespace {
 
 bool g_bRefuseNonBlock = false;  // while true, no descriptor can be made non-blocking
 bool g_bConnectAtOnce = false;   // while true, connect() waits and never returns "in progress"
+bool g_bHideLocalEnd = false;    // while true, getsockname() fails
 
 }  // namespace
 
@@ -54,6 +55,14 @@ extern "C" int fcntl(int iFD, int iCommand, ...) {
     return -1;
   }
   return static_cast<int>(syscall(SYS_fcntl, iFD, iCommand, iArgument));
+}
+
+extern "C" int getsockname(int iFD, sockaddr* pAddr, socklen_t* pLength) noexcept {
+  if (g_bHideLocalEnd) {
+    errno = ENOBUFS;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_getsockname, iFD, pAddr, pLength));
 }
 
 extern "C" int connect(int iFD, const sockaddr* pAddr, socklen_t iLength) {
@@ -554,6 +563,18 @@ TEST_F(TcpSocketTest, IdStringAsksForWhatIsUnknown) {
   EXPECT_EQ(strPrefix + "127.0.0.1:" + std::to_string(m_iPort) +
                 "->127.0.0.1:" + std::to_string(LocalPort(stAdopted.FD())),
             stAdopted.IdString());
+}
+
+TEST_F(TcpSocketTest, IdStringAsksWhenOnlyTheLocalEndIsUnknown) {
+  const Descriptor stPeer(socket(AF_INET, SOCK_STREAM, 0));
+  ASSERT_EQ(0, ConnectRaw(stPeer.Get(), m_iPort));
+  g_bHideLocalEnd = true;
+  const std::unique_ptr<TcpSocket> pAccepted(m_stListener.Accept());
+  g_bHideLocalEnd = false;
+  ASSERT_STREQ("127.0.0.1", pAccepted->PeerAddressString());
+  ASSERT_STREQ("", pAccepted->SockAddressString());
+  EXPECT_NE(std::string::npos,
+            std::string(pAccepted->IdString()).find("->127.0.0.1:" + std::to_string(m_iPort)));
 }
 
 TEST_F(TcpSocketTest, IdStringDoesNotAskForWhatIsKnown) {
