@@ -137,8 +137,9 @@ void Log::UpdateFixedFile() {
 }
 
 void Log::SetLineBufferSize(unsigned int iSize) {
-  m_iLineBufferSize = std::max(iSize, 1U);
-  m_pBuffer.reset(new char[std::max(m_iLineBufferSize, ROW_SIZE)]);
+  const unsigned int iLineBufferSize = std::max(iSize, 1U);
+  m_pBuffer.reset(new char[std::max(iLineBufferSize, ROW_SIZE)]);  // may throw: then all stays
+  m_iLineBufferSize = iLineBufferSize;
 }
 
 // The file under a name, false when there is none. Where the name may not be looked up (the
@@ -247,7 +248,7 @@ void Log::WriteLine(size_t iLength) {
   static_cast<void>(!write(m_iFD, m_pBuffer.get(), iLength + 1));  // failed again: it is dropped
 }
 
-void Log::WriteText(LOG_LEVEL eLevel, const char* pFormat, va_list sAp) {
+void Log::WriteText(LOG_LEVEL eLevel, int iError, const char* pFormat, va_list sAp) {
   const char* pName = LogLevelConvert(eLevel);
   char* pBuffer = m_pBuffer.get();
   char* pLast = pBuffer + m_iLineBufferSize - 1;
@@ -255,6 +256,7 @@ void Log::WriteText(LOG_LEVEL eLevel, const char* pFormat, va_list sAp) {
   pEnd = Append(pEnd, pLast, "[");
   pEnd = Append(pEnd, pLast, pName != nullptr ? pName : "(null)");
   pEnd = Append(pEnd, pLast, "] ");
+  errno = iError;  // for "%m": even the time, by a zone without a file, may have changed it
   vsnprintf(pEnd, static_cast<size_t>(pLast - pEnd) + 1, pFormat, sAp);
   WriteLine(static_cast<size_t>(pEnd - pBuffer) + strlen(pEnd));  // a message ends at its first NUL
 }
@@ -283,8 +285,7 @@ __attribute__((noinline)) void Log::WriteEntry(LOG_LEVEL eLevel, const char* pDa
   const int iError = errno;
   CheckFileHandle();
   if (m_iFD != -1) {
-    errno = iError;  // for "%m"
-    WriteText(eLevel, pFormat, sAp);
+    WriteText(eLevel, iError, pFormat, sAp);
     if (iSize != 0 && pData != nullptr) {
       WriteDump(pData, iSize);
     }

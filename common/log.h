@@ -133,8 +133,8 @@ class Log : public Object {
   void CloseFile();
   void WriteEntry(LOG_LEVEL eLevel, const char* pData, unsigned int iSize, const char* pFormat,
                   va_list sAp) __attribute__((format(printf, 5, 0)));
-  void WriteText(LOG_LEVEL eLevel, const char* pFormat, va_list sAp)
-      __attribute__((format(printf, 3, 0)));
+  void WriteText(LOG_LEVEL eLevel, int iError, const char* pFormat, va_list sAp)
+      __attribute__((format(printf, 4, 0)));
   void WriteDump(const char* pData, unsigned int iSize);
   void WriteLine(size_t iLength);
 

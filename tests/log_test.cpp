@@ -1,5 +1,6 @@
 #include "log.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,6 +10,22 @@
 #include <type_traits>
 
 #include "log_test_support.h"
+
+namespace {
+
+bool g_bNoZoneFile = false;
+
+}  // namespace
+
+// Stands before the C library's: its first call in a process leaves ENOENT behind when there is no
+// file for the time zone.
+extern "C" tm* localtime_r(const time_t* pTime, tm* pLocal) noexcept {
+  static const auto pNext =
+      reinterpret_cast<decltype(&localtime_r)>(dlsym(RTLD_NEXT, "localtime_r"));
+  tm* const pResult = pNext(pTime, pLocal);
+  errno = g_bNoZoneFile ? ENOENT : errno;
+  return pResult;
+}
 
 namespace {
 
@@ -243,6 +260,18 @@ TEST_F(LogLineTest, CallersErrnoIsShownAndKept) {
     EXPECT_EQ(ENOTEMPTY, errno);
   }
   EXPECT_EQ((Lines_t{"Directory not empty", "Directory not empty"}), MessagesOf(File("000")));
+}
+
+TEST_F(LogLineTest, CallersErrnoIsShownAlsoWhereTheZoneHasNoFile) {
+  SetZone("AAA0");
+  const std::string strFile = File("000");
+  m_stLog.Info("opens");
+  SetZone("BBB1");  // the next line asks for the local time again
+  g_bNoZoneFile = true;
+  errno = ENOTEMPTY;
+  CallListForm(m_stLog, &Log::vInfo, "%m");
+  g_bNoZoneFile = false;
+  EXPECT_EQ("Directory not empty", MessagesOf(strFile).back());
 }
 
 TEST_F(LogLineTest, TextAndNewlineAreOneWrite) {
