@@ -22,9 +22,11 @@ class CompiledPattern {
 
   bool IsValid() const { return m_bValid; }
 
-  // No flags: a caret shall match at pText wherever that lies in the whole text.
-  int Search(const char* pText, regmatch_t (&aSlots)[SLOT_COUNT]) const {
-    return regexec(&m_sRegex, pText, SLOT_COUNT, aSlots, 0);
+  // Without REG_NOTBOL: a caret shall match at pText wherever that lies in the whole text. The end
+  // is told by the first slot, so that not every search measures the rest of a long text again.
+  int Search(const char* pText, const char* pEnd, regmatch_t (&aSlots)[SLOT_COUNT]) const {
+    aSlots[0] = {0, static_cast<regoff_t>(pEnd - pText)};
+    return regexec(&m_sRegex, pText, SLOT_COUNT, aSlots, REG_STARTEND);
   }
 
  private:
@@ -56,7 +58,7 @@ int RegexUtil::MatchString(const char* pPattern, const char* pText,
   const char* const pEnd = pText + strlen(pText);
   while (pText < pEnd) {
     regmatch_t aSlots[SLOT_COUNT];
-    const int iResult = stPattern.Search(pText, aSlots);
+    const int iResult = stPattern.Search(pText, pEnd, aSlots);
     if (iResult != 0) {
       return iResult == REG_NOMATCH ? 0 : -1;
     }
