@@ -19,8 +19,9 @@ const char FIFO_DATA = '1';
 // A one-way ring of messages in System V shared memory, with a FIFO on disk that wakes the reader.
 //
 // Exactly one process writes and one reads; there is no lock and neither waits for the other. A
-// third may attach to look (CanReadSize, Dump); a fourth is refused. Messages are byte strings
-// without type or alignment. Single-threaded on either side.
+// third may attach to look (CanReadSize, Dump); a fourth is refused, and a forked child counts as
+// one until it detaches, execs or ends. Messages are byte strings without type or alignment.
+// Single-threaded on either side.
 //
 //   writer:  stQueue.Attach("/run/server/worker.1", 1, 1 << 20);
 //            BufferVec_t stMessage{szText, iLength};
@@ -31,6 +32,10 @@ const char FIFO_DATA = '1';
 // Crashes: a writer that dies inside Push leaves all messages of that call or none. A reader that
 // dies inside Pop is given the same messages again when it comes back. A creator that dies before
 // Init leaves a segment whose ring has size 0, which stays so until it is removed.
+//
+// Start: until the creator's Init is through, others see that ring of size 0 too. Pop finds nothing
+// in it, but a Push ends the process by an assertion: let the first attach of a new queue return
+// before another process begins to write.
 //
 // Segment and FIFO outlive every process and are taken up again with the messages in them; the wake
 // bytes last only while some process has the FIFO open, so a reader pops once before it first
@@ -51,7 +56,8 @@ class MessageQueue : public Object {
   MessageQueue(const MessageQueue&) = delete;
   MessageQueue& operator=(const MessageQueue&) = delete;
 
-  // Makes the FIFO at pPath (mode 0700) with its directories, and attaches to the segment under
+  // Makes the FIFO at pPath (mode 0700) with its directories (MakeDir, which prints a line when one
+  // can not be made; nothing else here prints), and attaches to the segment under
   // ftok(pPath, iProjId). Returns 0, or -1 as AttachWithKey. ftok keeps 16 bits of the FIFO's
   // inode: two FIFOs of one file system can share a key, and then a segment.
   int Attach(const char* pPath, int iProjId, unsigned int iSize);
@@ -101,8 +107,9 @@ class MessageQueue : public Object {
   // Leaves the segment and closes the FIFO; neither is removed. Returns 0 and keeps errno.
   int Detach();
 
-  // Removes the segment that was attached last, for good once every process has left it; a second
-  // call does nothing. Does not detach. Returns 0 in all cases.
+  // Removes the segment of the last attach, for good once every process has left it; a second call
+  // does nothing. Beware: that is also the segment of others when the attach found it and was
+  // refused (EBUSY). Does not detach. Returns 0 in all cases.
   int Delete();
 
   // Writes the members and the header's fields.

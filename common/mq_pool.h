@@ -16,8 +16,9 @@ struct MQPair {
 // that sees a descriptor become readable gets from it to the queue and to the worker behind it.
 //
 // One instance per process, until it exits; not locked. It owns no queue: whoever made one destroys
-// it, or has it done by an "AndDelete" operation, for which it must come from new. A queue stays in
-// the registry until removed, so remove it before it is destroyed or detached.
+// it, or has it done by an "AndDelete" operation, for which it must come from new and stand in the
+// registry only once. A queue stays there until removed: remove it before it is destroyed or
+// detached.
 class MQPool : public Object {
  public:
   static MQPool& Instance();

@@ -266,6 +266,18 @@ TEST_F(MessageQueueAttachTest, DeleteDoesNotDetach) {
   EXPECT_EQ("still here", PopText(m_stQueue));
 }
 
+TEST_F(MessageQueueAttachTest, DeleteAfterARefusalRemovesTheSegmentThatIsFull) {
+  MessageQueue astQueues[4];
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(0, Attach(astQueues[i]));
+  }
+  ASSERT_EQ(-1, Attach(astQueues[3]));
+  ASSERT_EQ(3, Attachments(m_stKey.Key()));
+  EXPECT_EQ(0, astQueues[3].Delete());
+  EXPECT_EQ(-1, Attachments(m_stKey.Key())) << "deliberately: a refusal forgets no segment";
+  EXPECT_EQ(1, PushText(astQueues[0], "still here"));
+}
+
 TEST_F(MessageQueueAttachTest, SecondDeleteLeavesASuccessorAlone) {
   ASSERT_EQ(0, Attach(m_stQueue));
   ASSERT_EQ(0, m_stQueue.Delete());
