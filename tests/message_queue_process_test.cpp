@@ -120,19 +120,19 @@ TEST_F(MessageQueueProcessTest, WakeBytesDoNotOutliveTheProcesses) {
   EXPECT_EQ("", TakeWakeBytes());
 }
 
-// Attaches and stays; ends with 0 if it was refused as it should be.
-int AttachOrBeRefused(const std::string& strFifo, key_t iKey, uint32_t iSegment) {
+// 0 when an attach was refused as it should be.
+int BeRefused(const std::string& strFifo, key_t iKey, uint32_t iSegment) {
   MessageQueue stQueue;
   const int iOpen = OpenDescriptors();
   if (stQueue.AttachWithKey(strFifo.c_str(), iKey, iSegment) == 0) {
-    pause();
+    return 1;
   }
   const bool bClosed = stQueue.FifoFD() == -1 && OpenDescriptors() == iOpen;
   return errno == EBUSY && bClosed && !stQueue.Ready() ? 0 : 1;
 }
 
 TEST_F(MessageQueueProcessTest, FourthProcessIsRefusedUntilOneOfThreeIsGone) {
-  const auto fnAttach = [this] { return AttachOrBeRefused(m_strFifo, m_stKey.Key(), m_iSegment); };
+  const auto fnAttach = [this] { return Attach(m_stWriter) == 0 ? pause() : 1; };
   const auto fnAttached = [this](int iCount) {
     return WaitUntil([this, iCount] { return Attachments(m_stKey.Key()) == iCount; });
   };
@@ -142,7 +142,7 @@ TEST_F(MessageQueueProcessTest, FourthProcessIsRefusedUntilOneOfThreeIsGone) {
   ASSERT_TRUE(fnAttached(2));
   ForkedPeer stThird(fnAttach);
   ASSERT_TRUE(fnAttached(3));
-  ForkedPeer stFourth(fnAttach);
+  ForkedPeer stFourth([this] { return BeRefused(m_strFifo, m_stKey.Key(), m_iSegment); });
   EXPECT_EQ(0, stFourth.Wait());
   EXPECT_EQ(3, Attachments(m_stKey.Key()));
   stSecond.Kill(SIGKILL);

@@ -394,6 +394,12 @@ TEST_F(MessageQueueTest, PopOfNothingLeavesTheOffsetsAlone) {
   EXPECT_EQ("waits", PopText(m_stReader));
 }
 
+TEST_F(MessageQueueTest, PopOfNothingBringsAStrayReadOffsetBackIntoTheRing) {
+  StartAt(RING_SIZE + 5);
+  EXPECT_EQ(0, m_stReader.Pop(nullptr, 0));
+  EXPECT_EQ(5u, RawSegment(m_stKey.Key()).Head()->iReadOffset);
+}
+
 TEST_F(MessageQueueTest, PopOfAnEmptyQueueTouchesNoElement) {
   BufferVec_t stMessage{nullptr, 99};
   EXPECT_EQ(0, m_stReader.Pop(&stMessage, 1));
