@@ -1,0 +1,233 @@
+#include "shm_allocator.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <cstddef>
+
+#include "internal/shared_word.h"
+
+#include "internal/always_assert.h"
+
+// DESIGN
+//
+// Segment: header with one list head per block size | reserved area | blocks | never carved.
+//
+// An empty list is filled by carving up to ten blocks from iCurrentOffset, which only grows. All
+// blocks of a batch are written before iCurrentOffset moves over them, and that before the list
+// shows them: a process killed in between leaves them uncarved or lost, never on the list twice
+// or half written. Taking and returning a block change the list by one store of its head. The two
+// counters are raised before that store and lowered after it, so that a kill can leave them too
+// high, never too low: subtracting from them never wraps.
+//
+// Sizes of classes are constants of the format: the hot path shifts by them instead of loading
+// them from the header and dividing.
+
+namespace {
+
+const uint64_t MIN_BYTES = 8;
+const uint64_t MAX_BYTES = 0x400000;
+const uint64_t BEGIN_OFFSET = 0x400050;
+const unsigned int BATCH_COUNT = 10;
+const int32_t READY_FLAG = 9693823;
+const uint64_t NO_OFFSET = static_cast<uint64_t>(-1);
+
+}  // namespace
+
+ShmAllocator::~ShmAllocator() { Detach(); }
+
+bool ShmAllocator::Attach(key_t iKey, uint64_t iSize, uint64_t iReservedSize, bool bReadOnly) {
+  static_assert(sizeof(Head_t) == BEGIN_OFFSET && offsetof(Head_t, iBlockCount) == 32 &&
+                    offsetof(Head_t, iCurrentOffset) == 56 && offsetof(Head_t, iReady) == 72 &&
+                    offsetof(Head_t, szFreeList) == 80 && sizeof(Pointer_t) == 16,
+                "formats shared between processes");
+  Detach();
+  m_iShmID = shmget(iKey, iSize, IPC_CREAT | IPC_EXCL | 0600);
+  const bool bCreated = m_iShmID != -1;
+  if (!bCreated && errno == EEXIST) {
+    m_iShmID = shmget(iKey, iSize, IPC_CREAT | 0600);
+  }
+  if (m_iShmID == -1) {
+    const int iError = errno;
+    dprintf(STDERR_FILENO, "shmget error, %s\n", strerror(iError));
+    errno = iError;
+    return false;
+  }
+
+  void* pAddress = shmat(m_iShmID, nullptr, bReadOnly ? SHM_RDONLY : 0);
+  if (reinterpret_cast<intptr_t>(pAddress) == -1) {
+    return false;
+  }
+  m_pAddress = static_cast<char*>(pAddress);
+  m_pHead = static_cast<Head_t*>(pAddress);
+  m_iSize = iSize;
+  m_iReservedSize = iReservedSize;
+  if (bCreated) {
+    InitFields();  // the lists of a new segment are zero: their 4 MiB need not be touched
+    return true;
+  }
+  if (AcquireWord<int32_t>(&m_pHead->iReady) != READY_FLAG) {
+    return false;
+  }
+  m_iSize = m_pHead->iMemorySize;
+  m_iReservedSize = m_pHead->iReservedSize;
+  return true;
+}
+
+bool ShmAllocator::Attach(const char* pPath, int iProjId, uint64_t iSize, uint64_t iReservedSize,
+                          bool bReadOnly) {
+  const key_t iKey = ftok(pPath, iProjId);
+  return iKey != -1 && Attach(iKey, iSize, iReservedSize, bReadOnly);
+}
+
+void ShmAllocator::Detach() {
+  if (m_pAddress != nullptr) {
+    shmdt(m_pAddress);
+  }
+  m_pAddress = nullptr;
+  m_pHead = nullptr;
+  m_iShmID = -1;
+}
+
+bool ShmAllocator::Init() {
+  memset(m_pHead->szFreeList, 0, sizeof(m_pHead->szFreeList));
+  InitFields();
+  return true;
+}
+
+// Everything but the lists.
+void ShmAllocator::InitFields() {
+  m_pHead->iAlignSize = ALIGN_SIZE;
+  m_pHead->iMemorySize = m_iSize;
+  m_pHead->iMinBytes = MIN_BYTES;
+  m_pHead->iMaxBytes = MAX_BYTES;
+  m_pHead->iReservedSize = m_iReservedSize;
+  m_pHead->iBeginOffset = BEGIN_OFFSET;
+  m_pHead->iBlockCount = 0;
+  m_pHead->iCurrentOffset = BEGIN_OFFSET + m_iReservedSize;
+  PublishWord(&m_pHead->iReady, READY_FLAG);
+}
+
+uint64_t ShmAllocator::RoundUp(uint64_t n) {
+  const uint64_t iMask = ALIGN_SIZE - 1;
+  return (n + iMask) & ~iMask;
+}
+
+inline ShmAllocator::Pointer_t* ShmAllocator::Block(uint64_t iOffset) const {
+  return reinterpret_cast<Pointer_t*>(m_pAddress + iOffset);
+}
+
+// Wraps for an address below the start, to more than any segment's size.
+inline uint64_t ShmAllocator::OffsetOf(const void* p) const {
+  return reinterpret_cast<uintptr_t>(p) - reinterpret_cast<uintptr_t>(m_pAddress);
+}
+
+// The link of an 8-byte block lies behind it: the segment's last one has none.
+inline bool ShmAllocator::HasLink(uint64_t iOffset) const {
+  return iOffset + sizeof(Pointer_t) <= m_pHead->iMemorySize;
+}
+
+void* ShmAllocator::Allocate(uint64_t iSize) {
+  const uint64_t iBlockSize = RoundUp(iSize + sizeof(uint64_t));
+  if (iBlockSize == 0 || iBlockSize > MAX_BYTES) {
+    return nullptr;
+  }
+  uint64_t* pList = &m_pHead->szFreeList[iBlockSize / ALIGN_SIZE - 1];
+  uint64_t iOffset = *pList;
+  if (__builtin_expect(iOffset == 0, 0)) {
+    if (!AllocateBatch(iBlockSize)) {
+      return nullptr;
+    }
+    iOffset = *pList;
+  }
+  Pointer_t* pBlock = Block(iOffset);
+  m_pHead->iBlockCount += 1;
+  PublishWord(pList, HasLink(iOffset) ? pBlock->iNext : 0);
+  m_pHead->iManagedSize -= iBlockSize;
+  return &pBlock->iNext;
+}
+
+__attribute__((noinline, cold)) bool ShmAllocator::AllocateBatch(uint64_t iBlockSize) {
+  uint64_t* pList = &m_pHead->szFreeList[iBlockSize / ALIGN_SIZE - 1];
+  const uint64_t iMemorySize = m_pHead->iMemorySize;
+  const uint64_t iBegin = m_pHead->iCurrentOffset;
+  if (iMemorySize - iBegin < iBlockSize) {
+    return false;
+  }
+  // From low to high: the link of an 8-byte block gives way to the next one's size.
+  uint64_t iLast = *pList;
+  uint64_t iEnd = iBegin;
+  for (unsigned int i = 0; i < BATCH_COUNT && iMemorySize - iEnd >= iBlockSize; ++i) {
+    Pointer_t* pBlock = Block(iEnd);
+    pBlock->iSize = iBlockSize;
+    if (HasLink(iEnd)) {
+      pBlock->iNext = iLast;
+    }
+    iLast = iEnd;
+    iEnd += iBlockSize;
+  }
+  m_pHead->iManagedSize += iEnd - iBegin;
+  PublishWord(&m_pHead->iCurrentOffset, iEnd);
+  PublishWord(pList, iLast);
+  return true;
+}
+
+void ShmAllocator::Deallocate(void* p) {
+  const uint64_t iOffset = OffsetOf(p);
+  assert(iOffset < m_pHead->iMemorySize && iOffset > sizeof(uint64_t));
+  Pointer_t* pBlock = Block(iOffset - sizeof(uint64_t));
+  const uint64_t iBlockSize = pBlock->iSize;
+  uint64_t* pList = &m_pHead->szFreeList[static_cast<int>(iBlockSize / ALIGN_SIZE - 1)];
+  m_pHead->iManagedSize += iBlockSize;
+  pBlock->iNext = *pList;
+  PublishWord(pList, iOffset - sizeof(uint64_t));
+  m_pHead->iBlockCount -= 1;
+}
+
+bool ShmAllocator::IsSameClass(const void* p, uint64_t iSize) const {
+  uint64_t iBlockSize = 0;
+  memcpy(&iBlockSize, static_cast<const char*>(p) - sizeof(uint64_t), sizeof(uint64_t));
+  return iBlockSize == RoundUp(iSize + sizeof(uint64_t));
+}
+
+uint64_t ShmAllocator::GetOffset(const void* p) {
+  const uint64_t iOffset = OffsetOf(p);
+  return iOffset < m_pHead->iMemorySize ? iOffset : NO_OFFSET;
+}
+
+void* ShmAllocator::GetPointer(uint64_t iOffset) {
+  return iOffset < m_pHead->iMemorySize ? m_pAddress + iOffset : nullptr;
+}
+
+uint64_t ShmAllocator::GetReservedSize() { return m_pHead->iReservedSize; }
+
+void* ShmAllocator::GetReservedPointer() {
+  return m_pHead->iReservedSize == 0 ? nullptr : m_pAddress + m_pHead->iBeginOffset;
+}
+
+const ShmStat_t& ShmAllocator::GetStat() {
+  m_sStat.iFreeSize = m_pHead->iMemorySize - m_pHead->iCurrentOffset;
+  m_sStat.iTotalFreeSize = m_sStat.iFreeSize + m_pHead->iManagedSize;
+  return m_sStat;
+}
+
+void ShmAllocator::Dump(int iFD) {
+  dprintf(iFD, "m_pHead->iMemorySize=\"%lu\"\n", m_pHead->iMemorySize);
+  dprintf(iFD, "m_pHead->iMinBytes=\"%lu\"\n", m_pHead->iMinBytes);
+  dprintf(iFD, "m_pHead->iMaxBytes=\"%lu\"\n", m_pHead->iMaxBytes);
+  dprintf(iFD, "m_pHead->iAlignSize=\"%lu\"\n", m_pHead->iAlignSize);
+  dprintf(iFD, "m_pHead->iBlockCount=\"%lu\"\n", m_pHead->iBlockCount);
+  dprintf(iFD, "m_pHead->iBeginOffset=\"%lu\"\n", m_pHead->iBeginOffset);
+  dprintf(iFD, "m_pHead->iCurrentOffset=\"%lu\"\n", m_pHead->iCurrentOffset);
+  dprintf(iFD, "m_pHead->iReady=\"%d\"\n", m_pHead->iReady);
+  // From the second list on, although there are 8-byte blocks: deliberate.
+  for (uint64_t i = MIN_BYTES / ALIGN_SIZE; i < MAX_BYTES / ALIGN_SIZE; ++i) {
+    for (uint64_t iOffset = m_pHead->szFreeList[i]; iOffset != 0; iOffset = Block(iOffset)->iNext) {
+      dprintf(iFD, "[%lu][%lu bytes] offset:%lu, next:%lu\n", i, (i + 1) * ALIGN_SIZE, iOffset,
+              Block(iOffset)->iNext);
+    }
+  }
+}
