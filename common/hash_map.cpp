@@ -26,6 +26,7 @@ const uint64_t SPARE_SIZE = 1024;  // added when RESERVED_SIZE has to grow
 const uint64_t FNV_BASIS = 2166136261;
 const uint64_t FNV_PRIME = 16777619;
 const uint64_t BKDR_SEED = 131;
+const uint64_t PREFETCH_BUCKETS = 8;  // iterating, this far ahead
 
 // A byte as the hashes see it: bytes from 0x80 on are negative.
 inline uint64_t SignExtended(char c) {
@@ -310,28 +311,20 @@ void HashMap::Dump(int iFD) {
 
 HashMap::iterator HashMap::find(const char* pKey) {
   const Place_t stPlace = Find(pKey);
-  return stPlace.pItem == nullptr ? end() : IteratorAt(stPlace.iBucket, stPlace.pItem);
+  iterator it;
+  if (stPlace.pItem != nullptr) {
+    it.MoveTo(this, stPlace.iBucket, stPlace.pItem);
+  }
+  return it;
 }
 
-HashMap::iterator HashMap::begin() { return FirstFrom(0); }
+HashMap::iterator HashMap::begin() {
+  iterator it;
+  it.MoveToFirstFrom(this, 0);
+  return it;
+}
 
 HashMap::iterator HashMap::end() { return {}; }
-
-// The first entry of the lowest bucket from iBucket on that has one.
-HashMap::iterator HashMap::FirstFrom(uint64_t iBucket) {
-  for (const uint64_t iCount = m_pHead->iBucketCount; iBucket < iCount; ++iBucket) {
-    InternalItem_t* pItem = ItemAt(AcquireWord<uint64_t>(&Bucket(iBucket)->iBucket));
-    if (pItem != nullptr) {
-      return IteratorAt(iBucket, pItem);
-    }
-  }
-  return end();
-}
-
-inline HashMap::iterator HashMap::IteratorAt(uint64_t iBucket, InternalItem_t* pItem) {
-  const HashItem_t stItem = View(pItem);
-  return {iBucket, pItem->iNext, this, stItem.pKey, stItem.iValueSize, stItem.pValue};
-}
 
 HashMap::iterator::iterator(uint64_t iBucket, uint64_t iNext, HashMap* pHashMap, char* pKey,
                             uint32_t iValueSize, char* pValue)
@@ -344,14 +337,35 @@ void HashMap::iterator::make_end() {
   m_pHashMap = nullptr;
 }
 
-HashMap::iterator& HashMap::iterator::operator++() {
-  if (m_pHashMap == nullptr) {
-    return *this;
+inline void HashMap::iterator::MoveTo(HashMap* pHashMap, uint64_t iBucket, InternalItem_t* pItem) {
+  m_iBucket = iBucket;
+  m_iNext = pItem->iNext;
+  m_sItem = View(pItem);
+  m_pHashMap = pHashMap;
+}
+
+// To the first entry of the lowest bucket from iBucket on that has one.
+inline void HashMap::iterator::MoveToFirstFrom(HashMap* pHashMap, uint64_t iBucket) {
+  const uint64_t iCount = pHashMap->m_pHead->iBucketCount;
+  const Bucket_t* pBuckets = pHashMap->Bucket(0);
+  for (; iBucket < iCount; ++iBucket) {
+    InternalItem_t* pItem = pHashMap->ItemAt(AcquireWord<uint64_t>(&pBuckets[iBucket].iBucket));
+    if (iBucket + PREFETCH_BUCKETS < iCount) {
+      // The entries lie anywhere: ask for one while those before it are looked at.
+      __builtin_prefetch(pHashMap->m_pBase + pBuckets[iBucket + PREFETCH_BUCKETS].iBucket);
+    }
+    if (pItem != nullptr) {
+      return MoveTo(pHashMap, iBucket, pItem);
+    }
   }
+  make_end();
+}
+
+HashMap::iterator& HashMap::iterator::operator++() {
   if (m_iNext != 0) {
-    *this = m_pHashMap->IteratorAt(m_iBucket, m_pHashMap->ItemAt(m_iNext));
-  } else {
-    *this = m_pHashMap->FirstFrom(m_iBucket + 1);
+    MoveTo(m_pHashMap, m_iBucket, m_pHashMap->ItemAt(m_iNext));
+  } else if (m_pHashMap != nullptr) {
+    MoveToFirstFrom(m_pHashMap, m_iBucket + 1);
   }
   return *this;
 }
@@ -361,11 +375,6 @@ HashMap::iterator& HashMap::iterator::operator++(int) {
   stCopy = *this;
   ++*this;
   return stCopy;
-}
-
-bool HashMap::iterator::operator==(const iterator& stOther) const {
-  return this == &stOther || (m_pHashMap == stOther.m_pHashMap && m_iNext == stOther.m_iNext &&
-                              m_iBucket == stOther.m_iBucket);
 }
 
 HashMap::iterator::operator uint64_t() const {

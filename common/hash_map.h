@@ -174,8 +174,6 @@ class HashMap : public Object {
   Place_t Find(const char* pKey) const;
   void Unlink(const Place_t& stPlace);
   InternalItem_t* MakeRoom(const Place_t& stPlace, uint32_t iValueSize);
-  iterator FirstFrom(uint64_t iBucket);
-  iterator IteratorAt(uint64_t iBucket, InternalItem_t* pItem);
   static HashItem_t View(InternalItem_t* pItem);
 
   char* m_pBase = nullptr;     // the segment's start: offsets count from here
@@ -198,7 +196,10 @@ class HashMap::iterator {
   iterator& operator++(int);
 
   // Compares the map, the bucket and what comes next, not the entry.
-  bool operator==(const iterator& stOther) const;
+  bool operator==(const iterator& stOther) const {
+    return this == &stOther || (m_pHashMap == stOther.m_pHashMap && m_iNext == stOther.m_iNext &&
+                                m_iBucket == stOther.m_iBucket);
+  }
   bool operator!=(const iterator& stOther) const { return !(*this == stOther); }
 
   // The value as a number of 8 or 4 bytes (0 when it has another size), or where it lies.
@@ -214,6 +215,8 @@ class HashMap::iterator {
            char* pValue);
 
   void make_end();
+  void MoveTo(HashMap* pHashMap, uint64_t iBucket, InternalItem_t* pItem);
+  void MoveToFirstFrom(HashMap* pHashMap, uint64_t iBucket);
 
   uint64_t m_iBucket = 0;
   uint64_t m_iNext = 0;  // kept here, so that the current entry may be deleted before ++

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstddef>
+#include <cstdlib>
 
 #include "internal/shared_word.h"
 
@@ -23,13 +24,13 @@
 // counters are raised before that store and lowered after it, so that a kill can leave them too
 // high, never too low: subtracting from them never wraps.
 //
-// Sizes of classes are constants of the format: the hot path shifts by them instead of loading
-// them from the header and dividing.
+// Taking and returning a block are a dozen instructions and stand in the header, for hosts to have
+// them in line; carving is out of line. Sizes of classes are constants of the format: the hot path
+// shifts by them instead of loading them from the segment and dividing.
 
 namespace {
 
 const uint64_t MIN_BYTES = 8;
-const uint64_t MAX_BYTES = 0x400000;
 const uint64_t BEGIN_OFFSET = 0x400050;
 const unsigned int BATCH_COUNT = 10;
 const int32_t READY_FLAG = 9693823;
@@ -111,47 +112,12 @@ void ShmAllocator::InitFields() {
   PublishWord(&m_pHead->iReady, READY_FLAG);
 }
 
-uint64_t ShmAllocator::RoundUp(uint64_t n) {
-  const uint64_t iMask = ALIGN_SIZE - 1;
-  return (n + iMask) & ~iMask;
+void* ShmAllocator::AllocateFromBatch(uint64_t iBlockSize) {
+  return AllocateBatch(iBlockSize) ? TakeFirst(iBlockSize) : nullptr;
 }
 
-inline ShmAllocator::Pointer_t* ShmAllocator::Block(uint64_t iOffset) const {
-  return reinterpret_cast<Pointer_t*>(m_pAddress + iOffset);
-}
-
-// Wraps for an address below the start, to more than any segment's size.
-inline uint64_t ShmAllocator::OffsetOf(const void* p) const {
-  return reinterpret_cast<uintptr_t>(p) - reinterpret_cast<uintptr_t>(m_pAddress);
-}
-
-// The link of an 8-byte block lies behind it: the segment's last one has none.
-inline bool ShmAllocator::HasLink(uint64_t iOffset) const {
-  return iOffset + sizeof(Pointer_t) <= m_pHead->iMemorySize;
-}
-
-void* ShmAllocator::Allocate(uint64_t iSize) {
-  const uint64_t iBlockSize = RoundUp(iSize + sizeof(uint64_t));
-  if (iBlockSize == 0 || iBlockSize > MAX_BYTES) {
-    return nullptr;
-  }
-  uint64_t* pList = &m_pHead->szFreeList[iBlockSize / ALIGN_SIZE - 1];
-  uint64_t iOffset = *pList;
-  if (__builtin_expect(iOffset == 0, 0)) {
-    if (!AllocateBatch(iBlockSize)) {
-      return nullptr;
-    }
-    iOffset = *pList;
-  }
-  Pointer_t* pBlock = Block(iOffset);
-  m_pHead->iBlockCount += 1;
-  PublishWord(pList, HasLink(iOffset) ? pBlock->iNext : 0);
-  m_pHead->iManagedSize -= iBlockSize;
-  return &pBlock->iNext;
-}
-
-__attribute__((noinline, cold)) bool ShmAllocator::AllocateBatch(uint64_t iBlockSize) {
-  uint64_t* pList = &m_pHead->szFreeList[iBlockSize / ALIGN_SIZE - 1];
+bool ShmAllocator::AllocateBatch(uint64_t iBlockSize) {
+  uint64_t* pList = ListOf(iBlockSize);
   const uint64_t iMemorySize = m_pHead->iMemorySize;
   const uint64_t iBegin = m_pHead->iCurrentOffset;
   if (iMemorySize - iBegin < iBlockSize) {
@@ -175,22 +141,9 @@ __attribute__((noinline, cold)) bool ShmAllocator::AllocateBatch(uint64_t iBlock
   return true;
 }
 
-void ShmAllocator::Deallocate(void* p) {
-  const uint64_t iOffset = OffsetOf(p);
+void ShmAllocator::RejectOffset(uint64_t iOffset) const {
   assert(iOffset < m_pHead->iMemorySize && iOffset > sizeof(uint64_t));
-  Pointer_t* pBlock = Block(iOffset - sizeof(uint64_t));
-  const uint64_t iBlockSize = pBlock->iSize;
-  uint64_t* pList = &m_pHead->szFreeList[static_cast<int>(iBlockSize / ALIGN_SIZE - 1)];
-  m_pHead->iManagedSize += iBlockSize;
-  pBlock->iNext = *pList;
-  PublishWord(pList, iOffset - sizeof(uint64_t));
-  m_pHead->iBlockCount -= 1;
-}
-
-bool ShmAllocator::IsSameClass(const void* p, uint64_t iSize) const {
-  uint64_t iBlockSize = 0;
-  memcpy(&iBlockSize, static_cast<const char*>(p) - sizeof(uint64_t), sizeof(uint64_t));
-  return iBlockSize == RoundUp(iSize + sizeof(uint64_t));
+  abort();
 }
 
 uint64_t ShmAllocator::GetOffset(const void* p) {

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 
 #include "object.h"
@@ -102,6 +103,8 @@ class ShmAllocator : public Object {
  protected:
   enum { ALIGN_SIZE = 8 };
 
+  static const uint64_t MAX_BYTES = 0x400000;
+
   // Start of the segment. A format shared between processes.
   struct Head_t {
     uint64_t iMemorySize;     // of the whole segment
@@ -115,7 +118,8 @@ class ShmAllocator : public Object {
     uint64_t iManagedSize;    // bytes of all free blocks
     int32_t iReady;           // READY_FLAG when all of this is written
     uint32_t iPadding;
-    uint64_t szFreeList[0x400000 / ALIGN_SIZE];  // [i]: offset of a free block of (i + 1) * 8 bytes
+    uint64_t
+        szFreeList[MAX_BYTES / ALIGN_SIZE];  // [i]: offset of a free block of (i + 1) * 8 bytes
   };
 
   // Start of a block. The caller's part begins at iNext.
@@ -137,9 +141,14 @@ class ShmAllocator : public Object {
 
  private:
   void InitFields();
-  Pointer_t* Block(uint64_t iOffset) const;
+  void* AllocateFromBatch(uint64_t iBlockSize);
+  [[noreturn]] void RejectOffset(uint64_t iOffset) const;
   uint64_t OffsetOf(const void* p) const;
+  Pointer_t* Block(uint64_t iOffset) const;
   bool HasLink(uint64_t iOffset) const;
+  uint64_t* ListOf(uint64_t iBlockSize) const;
+  static void SetList(uint64_t* pList, uint64_t iOffset);
+  void* TakeFirst(uint64_t iBlockSize);
 
  protected:
   char* m_pAddress = nullptr;  // where the segment is attached
@@ -149,5 +158,80 @@ class ShmAllocator : public Object {
   Head_t* m_pHead = nullptr;
   ShmStat_t m_sStat{};
 };
+
+inline uint64_t ShmAllocator::RoundUp(uint64_t n) {
+  const uint64_t iMask = ALIGN_SIZE - 1;
+  return (n + iMask) & ~iMask;
+}
+
+// Wraps for an address below the start, to more than any segment's size.
+inline uint64_t ShmAllocator::OffsetOf(const void* p) const {
+  return reinterpret_cast<uintptr_t>(p) - reinterpret_cast<uintptr_t>(m_pHead);
+}
+
+inline ShmAllocator::Pointer_t* ShmAllocator::Block(uint64_t iOffset) const {
+  return reinterpret_cast<Pointer_t*>(reinterpret_cast<char*>(m_pHead) + iOffset);
+}
+
+// The link of an 8-byte block lies behind it: the segment's last one has none.
+inline bool ShmAllocator::HasLink(uint64_t iOffset) const {
+  return iOffset + sizeof(Pointer_t) <= m_pHead->iMemorySize;
+}
+
+// The head of the list of blocks of that size.
+inline uint64_t* ShmAllocator::ListOf(uint64_t iBlockSize) const {
+  return &m_pHead->szFreeList[iBlockSize / ALIGN_SIZE - 1];
+}
+
+// Keeps the compiler from moving anything over this store, the caller's use of the block included:
+// the process may be killed before or after it.
+inline void ShmAllocator::SetList(uint64_t* pList, uint64_t iOffset) {
+  std::atomic_thread_fence(std::memory_order_release);
+  *pList = iOffset;
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+// Of a list that is not empty.
+inline void* ShmAllocator::TakeFirst(uint64_t iBlockSize) {
+  Head_t* pHead = m_pHead;
+  uint64_t* pList = ListOf(iBlockSize);
+  const uint64_t iOffset = *pList;
+  Pointer_t* pBlock = Block(iOffset);
+  pHead->iBlockCount += 1;
+  SetList(pList, HasLink(iOffset) ? pBlock->iNext : 0);
+  pHead->iManagedSize -= iBlockSize;
+  return reinterpret_cast<char*>(pBlock) + sizeof(uint64_t);
+}
+
+inline void* ShmAllocator::Allocate(uint64_t iSize) {
+  const uint64_t iBlockSize = RoundUp(iSize + sizeof(uint64_t));
+  if (__builtin_expect(iBlockSize - 1 >= MAX_BYTES, 0)) {
+    return nullptr;  // too large, or 0 after an overflow
+  }
+  if (__builtin_expect(*ListOf(iBlockSize) == 0, 0)) {
+    return AllocateFromBatch(iBlockSize);
+  }
+  return TakeFirst(iBlockSize);
+}
+
+inline void ShmAllocator::Deallocate(void* p) {
+  Head_t* pHead = m_pHead;
+  const uint64_t iOffset = OffsetOf(p);
+  if (__builtin_expect(iOffset >= pHead->iMemorySize || iOffset <= sizeof(uint64_t), 0)) {
+    RejectOffset(iOffset);
+  }
+  Pointer_t* pBlock = Block(iOffset - sizeof(uint64_t));
+  const uint64_t iBlockSize = pBlock->iSize;
+  uint64_t* pList = ListOf(iBlockSize);
+  pHead->iManagedSize += iBlockSize;
+  pBlock->iNext = *pList;
+  SetList(pList, iOffset - sizeof(uint64_t));
+  pHead->iBlockCount -= 1;
+}
+
+inline bool ShmAllocator::IsSameClass(const void* p, uint64_t iSize) const {
+  const Pointer_t* pBlock = Block(OffsetOf(p) - sizeof(uint64_t));
+  return pBlock->iSize == RoundUp(iSize + sizeof(uint64_t));
+}
 
 #endif
