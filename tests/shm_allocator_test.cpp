@@ -140,6 +140,16 @@ TEST_F(ShmAllocatorTest, LargerSizeThanTheSegmentsIsRefusedWithAMessage) {
   EXPECT_EQ(-1, stSecond.m_iShmID);
 }
 
+TEST_F(ShmAllocatorTest, ErrnoIsThatOfShmgetAlsoWhenTheMessageIsLost) {
+  Make();
+  ForkedPeer stPeer([&] {
+    Heap stSecond;
+    close(STDERR_FILENO);
+    return stSecond.Attach(m_stKey.Key(), SIZE + 4096, RESERVED, false) ? 0 : errno;
+  });
+  EXPECT_EQ(EINVAL, stPeer.Wait());
+}
+
 TEST_F(ShmAllocatorTest, SizeZeroDoesNotCreateASegment) {
   const std::string strText =
       CaptureOutput(2, [&] { EXPECT_FALSE(m_stHeap.Attach(m_stKey.Key(), 0, 0, false)); });
