@@ -22,7 +22,7 @@
 
 #include "test_support.h"
 
-// Opening, closing and naming of sockets; tcp_socket_stream_test.cpp has sending and receiving.
+// Opening, closing and naming of sockets; two more files have sending and receiving.
 
 namespace {
 
