@@ -6,6 +6,7 @@
 #include <chrono>
 #include <fstream>
 
+#include "batch.h"
 #include "kv_server_fixture.h"
 #include "message_queue.h"
 
@@ -27,14 +28,15 @@ void Reset(Client& stClient) {  // close() then resets the connection
 // 0: each reply was the right one, the error of a lost worker, or missing at the end.
 class Load {
  public:
-  Load(const ServerProcess& stServer, size_t iValue)
-      : m_stPeer([iPort = stServer.Port(), iValue] { return Run(iPort, iValue); }) {}
+  Load(const ServerProcess& stServer, size_t iValue) {
+    Client stClient(stServer);  // connected here, so that there is a load when we return
+    m_pPeer = std::make_unique<ForkedPeer>([&] { return Run(stClient, iValue); });
+  }
 
-  int Wait() { return m_stPeer.Wait(); }
+  int Wait() { return m_pPeer->Wait(); }
 
  private:
-  static int Run(uint16_t iPort, size_t iValue) {
-    Client stClient(iPort);
+  static int Run(Client& stClient, size_t iValue) {
     for (int iRound = 0;; ++iRound) {
       const std::string strRound = std::to_string(iRound);
       const std::string strKey = "load" + std::to_string(iRound % 50);
@@ -67,19 +69,23 @@ class Load {
     return false;  // closed
   }
 
-  ForkedPeer m_stPeer;
+  std::unique_ptr<ForkedPeer> m_pPeer;
 };
 
-// Waits until each worker has started so many times.
-void WaitForStarts(const ServerProcess& stServer, const std::string& strName, int iTimes) {
+// Waits until the log has that text so many times.
+void WaitForLines(const ServerProcess& stServer, const std::string& strText, int iTimes) {
   EXPECT_TRUE(WaitUntil([&] {
     int iCount = 0;
     const std::string strLog = stServer.Log();
-    for (size_t i = 0; (i = strLog.find(strName + " started, pid", i)) != std::string::npos; ++i) {
+    for (size_t i = 0; (i = strLog.find(strText, i)) != std::string::npos; ++i) {
       ++iCount;
     }
     return iCount >= iTimes;
-  }));
+  })) << stServer.Log();
+}
+
+void WaitForStarts(const ServerProcess& stServer, const std::string& strName, int iTimes) {
+  WaitForLines(stServer, strName + " started, pid", iTimes);
 }
 
 TEST(KvServerCrashTest, AKilledWorkersRequestsAreAnsweredWithAnError) {
@@ -98,16 +104,47 @@ TEST(KvServerCrashTest, AKilledWorkersRequestsAreAnsweredWithAnError) {
   EXPECT_EQ(Bulk("kept"), stClient.Ask({"GET", KeyOf(1, 2)}));
 }
 
-// Room in the queue of the only worker's answers.
-unsigned int RoomForAnswers(const ServerProcess& stServer) {
+// One more look at a queue of the only worker: ".in" or ".out".
+void AttachQueue(const ServerProcess& stServer, const std::string& strEnd, MessageQueue& stQueue) {
   std::ifstream stFile(stServer.Directory() + "/queues");
   key_t iKey = 0;
   std::string strFifo;
-  while (stFile >> iKey >> strFifo && strFifo.find(".out") == std::string::npos) {
+  while (stFile >> iKey >> strFifo && strFifo.find(strEnd) == std::string::npos) {
   }
+  ASSERT_EQ(0, stQueue.AttachWithKey(strFifo.c_str(), iKey, 64));
+}
+
+unsigned int RoomForAnswers(const ServerProcess& stServer) {
   MessageQueue stQueue;
-  EXPECT_EQ(0, stQueue.AttachWithKey(strFifo.c_str(), iKey, 64));
+  AttachQueue(stServer, ".out", stQueue);
   return stQueue.CanWriteSize();
+}
+
+// A run of two commands gets one reply and then an end: in place of the worker the test answers.
+TEST(KvServerCrashTest, AnAnswerThatIsTooShortShiftsNoReply) {
+  ServerProcess stServer;
+  Client stClient(stServer);
+  Client stOther(stServer);
+  stClient.Ask({"GET", "a"});  // by now the fresh worker is being asked what it knows,
+  stClient.Ask({"GET", "a"});  // and by now it has answered that
+  const StoppedProcess stStopped(stServer.Worker(0));
+  stClient.Send(Request({"GET", "a"}) + Request({"GET", "b"}) + Request({"ECHO", "end"}));
+  EXPECT_EQ("+PONG\r\n", stOther.Ask({"PING"}));
+  MessageQueue stIn;
+  MessageQueue stOut;
+  AttachQueue(stServer, ".in", stIn);
+  AttachQueue(stServer, ".out", stOut);
+  BufferVec_t stRecord{};
+  ASSERT_EQ(1, stIn.Pop(&stRecord, 1));
+  const std::unique_ptr<char[]> pRecord(stRecord.pData);
+  const auto stHead = RecordReader({stRecord.pData, stRecord.iSize}).Take<RequestHead_t>();
+  std::string strAnswer;
+  AppendRecord(strAnswer, ReplyHead_t{stHead.iLife, stHead.iNumber, REPLY_ANSWERS, 1});
+  AppendRecord(strAnswer, PieceHead_t{5, 1, 0});
+  strAnswer += "$-1\r\n";
+  BufferVec_t stAnswer{strAnswer.data(), static_cast<uint32_t>(strAnswer.size())};
+  ASSERT_EQ(1, stOut.Push(&stAnswer, 1));
+  EXPECT_EQ("$-1\r\n" + std::string(LOST) + Bulk("end"), stClient.Read(3));
 }
 
 // A worker dies with half of a reply in the queue, which is shorter than the reply.
@@ -154,24 +191,24 @@ TEST(KvServerCrashTest, WorkersMayDieUnderLoad) {
   EXPECT_EQ("", stServer.Remains());
 }
 
+// The new gateway's first batches have the numbers of those that the old one left unanswered.
 TEST(KvServerCrashTest, AKilledGatewayClosesAndANewOneServesWithoutOldReplies) {
   ServerProcess stServer(THREE_WORKERS);
   Client stOld(stServer);
-  stOld.Ask({"SET", KeyOf(0, 3), "old"});
+  std::unique_ptr<Client> pNew;
   {
     const StoppedProcess stStopped(stServer.Worker(0));
-    stOld.Send(Repeat(Request({"GET", KeyOf(0, 3)}), 100));
+    stOld.Send(Repeat(Request({"INCR", KeyOf(0, 3)}), 100));
     EXPECT_EQ("+PONG\r\n", Client(stServer).Ask({"PING"}));
     SendSignal(stServer.Gateway(), SIGKILL);
     EXPECT_TRUE(stOld.ClosedWithin(2000));
-    WaitForStarts(stServer, "gateway", 2);
+    WaitForLines(stServer, "gateway: serving", 2);
+    pNew = std::make_unique<Client>(stServer);
+    pNew->Send(Request({"GET", KeyOf(0, 3, 1)}) + Request({"PING"}));
+    EXPECT_EQ("+PONG\r\n", Client(stServer).Ask({"PING"}));
   }
-  EXPECT_TRUE(WaitUntil([&] {
-    return stServer.Log().rfind("gateway: serving") > stServer.Log().rfind("gateway started");
-  }));
-  Client stNew(stServer);
-  EXPECT_EQ("$-1\r\n", stNew.Ask({"GET", "none"}));
-  EXPECT_EQ(Bulk("old"), stNew.Ask({"GET", KeyOf(0, 3)}));
+  EXPECT_EQ("$-1\r\n+PONG\r\n", pNew->Read(2));
+  EXPECT_EQ(Bulk("100"), pNew->Ask({"GET", KeyOf(0, 3)})) << "what was queued has run";
 }
 
 TEST(KvServerCrashTest, GatewaysMayDieUnderLoad) {
@@ -181,8 +218,8 @@ TEST(KvServerCrashTest, GatewaysMayDieUnderLoad) {
     Load stLarge(stServer, 40000);
     EXPECT_EQ("+PONG\r\n", Client(stServer).Ask({"PING"}));
     SendSignal(stServer.Gateway(), SIGKILL);
-    EXPECT_EQ(0, stSmall.Wait() % 125) << "closed, or not connected any more";
-    EXPECT_EQ(0, stLarge.Wait() % 125);
+    EXPECT_EQ(0, stSmall.Wait());
+    EXPECT_EQ(0, stLarge.Wait());
     EXPECT_TRUE(WaitUntil([&] {
       try {
         return Client(stServer).Ask({"DBSIZE"}).substr(0, 1) == ":";
@@ -226,25 +263,35 @@ TEST(KvServerCrashTest, SigtermAnswersWhatWasReceived) {
   EXPECT_EQ("", stServer.Remains());
 }
 
-// A client that goes on sending and reads late: closing with its bytes unread would reset the
-// connection and take the replies away that are still under way.
-TEST(KvServerCrashTest, SigtermUnderLoadTakesNoReplyAway) {
+// A client that goes on sending and does not read yet: closing with its bytes unread would reset
+// the connection and take the replies away that are still under way.
+TEST(KvServerCrashTest, SigtermTakesNoReplyAwayFromAClientThatGoesOnSending) {
   ServerProcess stServer;
   Client stClient(stServer);
+  const int iSmall = 65536;
+  setsockopt(stClient.FD(), SOL_SOCKET, SO_RCVBUF, &iSmall, sizeof(iSmall));
   stClient.Ask({"SET", "a", std::string(100000, 'v')});
-  ASSERT_LT(0u, stClient.SendSome(Repeat(Request({"GET", "a"}), 30)));
-  ASSERT_EQ('$', stClient.Read()[0]);
+  stClient.SendSome(Repeat(Request({"GET", "a"}), 10));
+  EXPECT_EQ("$-1\r\n", Client(stServer).Ask({"GET", "b"}));
   SendSignal(stServer.Master(), SIGTERM);
-  while (stServer.Log().find("gateway ended") == std::string::npos && !stClient.ClosedWithin(0)) {
-    try {
-      stClient.SendSome("PING\r\n");
-    } catch (const std::exception&) {
-      break;  // closed
-    }
+  for (int i = 0; i < 200; ++i) {
+    stClient.SendSome("PING\r\n");
+    usleep(1000);
   }
-  std::string strReplies = stClient.ReadToEnd();
-  EXPECT_TRUE(Repeat(Bulk(std::string(100000, 'v')), 29) ==
-              strReplies.substr(0, 29 * Bulk(std::string(100000, 'v')).size()));
+  const std::string strExpected = Repeat(Bulk(std::string(100000, 'v')), 10);
+  EXPECT_TRUE(strExpected == stClient.ReadToEnd().substr(0, strExpected.size()));
+  EXPECT_EQ(0, stServer.Wait());
+}
+
+TEST(KvServerCrashTest, SigtermAnswersConnectionsNotYetAccepted) {
+  ServerProcess stServer;
+  auto pStopped = std::make_unique<StoppedProcess>(stServer.Gateway());
+  Client stClient(stServer);
+  stClient.Send(Request({"SET", "a", "1"}) + Request({"GET", "a"}));
+  SendSignal(stServer.Master(), SIGTERM);
+  SendSignal(stServer.Gateway(), SIGTERM);
+  pStopped.reset();
+  EXPECT_EQ("+OK\r\n$1\r\n1\r\n", stClient.ReadToEnd());
   EXPECT_EQ(0, stServer.Wait());
 }
 

@@ -249,24 +249,26 @@ Client::~Client() { close(m_iFD); }
 
 size_t Client::SendSome(const std::string& strBytes) {
   const ssize_t iSent = send(m_iFD, strBytes.data(), strBytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-  if (iSent == -1 && errno != EAGAIN) {
+  if (iSent != -1) {
+    return static_cast<size_t>(iSent);
+  }
+  if (errno == EPIPE || errno == ECONNRESET) {
+    m_bBroken = true;  // what was received before can still be read
+  } else if (errno != EAGAIN) {
     Fail(std::string("send: ") + strerror(errno));
   }
-  return iSent == -1 ? 0 : static_cast<size_t>(iSent);
+  return 0;
 }
 
 // Reads while it writes: a server that waits for its replies to be taken shall not stop us.
 void Client::Send(const std::string& strBytes) {
-  for (size_t iSent = 0; iSent < strBytes.size();) {
+  for (size_t iSent = 0; iSent < strBytes.size() && !m_bBroken && !m_bClosed;) {
     pollfd stPoll{m_iFD, POLLIN | POLLOUT, 0};
     if (poll(&stPoll, 1, PATIENCE_MS) != 1) {
       Fail("the server takes no more");
     }
     if ((stPoll.revents & POLLIN) != 0) {
       Receive(0);
-    }
-    if (m_bClosed || (stPoll.revents & (POLLERR | POLLHUP)) != 0) {
-      return;  // the reader will see it
     }
     iSent += SendSome(iSent == 0 ? strBytes : strBytes.substr(iSent));
   }

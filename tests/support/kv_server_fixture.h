@@ -86,6 +86,7 @@ class Client {
 
   int FD() const { return m_iFD; }
 
+  // A connection that the server has closed takes nothing; Read() then tells of it.
   void Send(const std::string& strBytes);
   // Sends what the socket takes now; the number of bytes.
   size_t SendSome(const std::string& strBytes);
@@ -109,7 +110,8 @@ class Client {
   std::string Take(size_t iSize);
 
   int m_iFD = -1;
-  bool m_bClosed = false;
+  bool m_bClosed = false;  // nothing more will be received
+  bool m_bBroken = false;  // nothing more can be sent
   std::string m_strReceived;
 };
 
