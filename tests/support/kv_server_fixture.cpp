@@ -6,6 +6,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
@@ -170,9 +171,12 @@ void ServerProcess::KillAll() {
     const pid_t iPid = ProcessOf(strProcess);
     if (IsAlive(iPid)) {
       SendSignal(iPid, SIGKILL);
-      WaitUntil([iPid] { return !IsAlive(iPid); });
     }
   }
+  // One that the master had not told of yet ends by itself. The lock is free when all have gone.
+  const int iLock = open((Directory() + "/lock").c_str(), O_RDWR | O_CLOEXEC);
+  WaitUntil([iLock] { return iLock == -1 || flock(iLock, LOCK_EX | LOCK_NB) == 0; });
+  close(iLock);
 }
 
 std::string ServerProcess::Remains() const {
