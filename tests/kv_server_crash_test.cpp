@@ -345,6 +345,18 @@ TEST(KvServerCrashTest, ASecondServerInTheSameDirectoryIsRefused) {
   EXPECT_EQ("+PONG\r\n", Client(stServer).Ask({"PING"}));
 }
 
+TEST(KvServerCrashTest, APortInUseIsToldAtTheStart) {
+  const ServerProcess stServer;
+  const PrivateDirectory stDirectory;
+  const std::string strListen = "127.0.0.1:" + std::to_string(stServer.Port());
+  const RunResult_t stSecond = RunServer(
+      {"--set", "server.run_dir=" + stDirectory.Path(), "--set", "server.listen=" + strListen});
+  EXPECT_EQ(1, stSecond.iExit);
+  EXPECT_EQ("kv_server: can not listen on server.listen = \"" + strListen +
+                "\": Address already in use\n",
+            stSecond.strError);
+}
+
 TEST(KvServerCrashTest, ClientsThatVanishLeaveTheServerAsItWas) {
   ServerProcess stServer({"server.workers=2"});
   Client stClient(stServer);

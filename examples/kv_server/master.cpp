@@ -17,6 +17,7 @@
 #include "gateway.h"
 #include "log.h"
 #include "process_signals.h"
+#include "tcp_socket.h"
 #include "worker.h"
 #include "zelk_variable.h"
 
@@ -59,7 +60,7 @@ Master::~Master() {
 
 int Master::Run() {
   InstallSignals();
-  if (!TakeRunDirectory()) {
+  if (!TakeRunDirectory() || !CanListen()) {
     return 1;
   }
   Log stLog;
@@ -110,6 +111,17 @@ bool Master::TakeRunDirectory() {
   } while (g_bRunFlag && NowMilliseconds() < iDeadline);
   fprintf(stderr, "kv_server: another server runs in server.run_dir = \"%s\"\n",
           m_stSettings.strRunDir.c_str());
+  return false;
+}
+
+// Tried once here, so that a port in use is told at the start and not found in the log.
+bool Master::CanListen() const {
+  TcpSocket stProbe;
+  if (stProbe.Listen(m_stSettings.Host().c_str(), m_stSettings.Port()) == 0) {
+    return true;
+  }
+  fprintf(stderr, "kv_server: can not listen on server.listen = \"%s\": %s\n",
+          m_stSettings.strListen.c_str(), strerror(errno));
   return false;
 }
 

@@ -34,6 +34,7 @@ class Master {
   };
 
   bool TakeRunDirectory();
+  bool CanListen() const;
   void StartDue();
   void StartChild(Child_t& stChild);
   int RunChild(const Child_t& stChild, uint64_t iLife) const;
