@@ -41,18 +41,23 @@ class Expression {
 
 class ReferenceScannerTest : public ::testing::TestWithParam<const char*> {
  protected:
-  void SetUp() override { ASSERT_NE(nullptr, setlocale(LC_ALL, GetParam())); }
+  void SetUp() override {
+    ASSERT_NE(nullptr, setlocale(LC_ALL, GetParam()));
+    // Scanners are static as a rule: the expression of each is compiled once and kept.
+    static ReferenceScanner szScanners[2];
+    m_pScanner = &szScanners[std::string(GetParam()) == UTF8_LOCALE ? 1 : 0];
+  }
   void TearDown() override { setlocale(LC_ALL, "C"); }
 
   std::string Find(const std::string& strText) {
     Reference stFound{};
-    if (!m_stScanner.Find(strText, stFound)) {
+    if (!m_pScanner->Find(strText, stFound)) {
       return "(none)";
     }
     return std::to_string(stFound.iBegin) + "-" + std::to_string(stFound.iEnd);
   }
 
-  ReferenceScanner m_stScanner;
+  ReferenceScanner* m_pScanner = nullptr;
 };
 
 INSTANTIATE_TEST_SUITE_P(Locales, ReferenceScannerTest, ::testing::Values("C", UTF8_LOCALE),
@@ -134,30 +139,30 @@ TEST_P(ReferenceScannerTest, SameAsTheExpressionOnRandomBytes) {
   }
 }
 
+ReferenceScanner g_stScanner;
+
 std::string Macro(const std::string& strName) { return "<" + strName + ">"; }
 
 TEST(ReferenceScannerTranslateTest, ReplacesEveryReference) {
-  ReferenceScanner stScanner;
   setenv("ZELK_SCANNER_TEST", "1", 1);
-  EXPECT_EQ("1x<b.c>y", stScanner.Translate("${ZELK_SCANNER_TEST}x@(b.c)y", Macro));
-  EXPECT_EQ("< b >", stScanner.Translate("@( b }", Macro));
+  EXPECT_EQ("1x<b.c>y", g_stScanner.Translate("${ZELK_SCANNER_TEST}x@(b.c)y", Macro));
+  EXPECT_EQ("< b >", g_stScanner.Translate("@( b }", Macro));
   unsetenv("ZELK_SCANNER_TEST");
-  EXPECT_EQ("x", stScanner.Translate("${ZELK_SCANNER_TEST}x", Macro));
+  EXPECT_EQ("x", g_stScanner.Translate("${ZELK_SCANNER_TEST}x", Macro));
 }
 
 TEST(ReferenceScannerTranslateTest, SearchesTheWholeTextAgainAfterEachReplacement) {
-  ReferenceScanner stScanner;
   const auto fnNested = [](const std::string& strName) {
     return std::string(strName == "a" ? "@(b)" : strName == "b" ? "" : "(" + strName + ")");
   };
-  EXPECT_EQ("", stScanner.Translate("@(a)", fnNested));
-  EXPECT_EQ("", stScanner.Translate("$@(ZELK_NOT_SET)", fnNested));
-  EXPECT_EQ("(c)", stScanner.Translate("@@(b)@(c)", fnNested));
+  EXPECT_EQ("", g_stScanner.Translate("@(a)", fnNested));
+  EXPECT_EQ("", g_stScanner.Translate("$@(ZELK_NOT_SET)", fnNested));
+  EXPECT_EQ("(c)", g_stScanner.Translate("@@(b)@(c)", fnNested));
 }
 
 TEST(ReferenceScannerTranslateTest, KeepsWhatStandsBehindANul) {
-  ReferenceScanner stScanner;
-  EXPECT_EQ(std::string("<a>\0@(b)", 8), stScanner.Translate(std::string("@(a)\0@(b)", 9), Macro));
+  EXPECT_EQ(std::string("<a>\0@(b)", 8),
+            g_stScanner.Translate(std::string("@(a)\0@(b)", 9), Macro));
 }
 
 }  // namespace
