@@ -1,0 +1,148 @@
+// Patterns that do not compile, and matches that can not be. The patterns are compiled once per
+// process, so every case has a child of its own and the parent loads nothing.
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <regex.h>
+#include <clocale>
+#include <csignal>
+
+#include "ini_config.h"
+#include "ini_fixture.h"
+
+namespace {
+
+int g_iCompiled = 0;  // patterns that are compiled and not freed
+int g_iCompileCalls = 0;
+int g_iFailingCall = 0;    // the call of regcomp() that fails, from 1
+int g_iMatchedSlots = -1;  // when set, each search matches with so many slots in use
+int g_iSearches = 0;       // searches to pass over before
+
+template <class Function_t>
+Function_t* Next(const char* pName) {
+  return reinterpret_cast<Function_t*>(dlsym(RTLD_NEXT, pName));
+}
+
+}  // namespace
+
+// These stand before the C library's.
+extern "C" int regcomp(regex_t* pRegex, const char* pPattern, int iFlags) {
+  if (++g_iCompileCalls == g_iFailingCall) {
+    return REG_ESPACE;
+  }
+  ++g_iCompiled;
+  return Next<decltype(regcomp)>("regcomp")(pRegex, pPattern, iFlags);
+}
+
+extern "C" void regfree(regex_t* pRegex) {
+  --g_iCompiled;
+  Next<decltype(regfree)>("regfree")(pRegex);
+}
+
+extern "C" int regexec(const regex_t* pRegex, const char* pText, size_t iSlots, regmatch_t* pSlots,
+                       int iFlags) {
+  if (g_iMatchedSlots < 0) {
+    return Next<decltype(regexec)>("regexec")(pRegex, pText, iSlots, pSlots, iFlags);
+  }
+  if (g_iSearches-- > 0) {
+    return REG_NOMATCH;
+  }
+  for (int i = 0; i < static_cast<int>(iSlots); ++i) {
+    pSlots[i] = i < g_iMatchedSlots ? regmatch_t{0, 1} : regmatch_t{-1, -1};
+  }
+  return 0;
+}
+
+namespace {
+
+const int ABORTED = 1000 + SIGABRT;
+
+// The child's exit code: 0 when fnHolds is true.
+int InChild(const std::function<bool()>& fnHolds) {
+  return ForkedPeer([&] { return fnHolds() ? 0 : 1; }).Wait();
+}
+
+class IniConfigPatternFaultTest : public ::testing::TestWithParam<int> {};
+
+TEST_P(IniConfigPatternFaultTest, LoadFailsAndTheNextOneTriesAgain) {
+  EXPECT_EQ(0, InChild([] {
+              g_iFailingCall = GetParam();
+              IniConfig stConfig;
+              return stConfig.LoadFromMemory("a=1") == -1 && stConfig.AllItems().empty() &&
+                     g_iCompiled == 0 && g_iCompileCalls == g_iFailingCall &&
+                     stConfig.LoadFromMemory("a=1") == 0 && stConfig.Count("", "a") == 1 &&
+                     g_iCompiled == 4;
+            }));
+}
+
+TEST_P(IniConfigPatternFaultTest, EveryFormOfLoadingFails) {
+  EXPECT_EQ(0, InChild([] {
+              const PrivateDirectory stDirectory;
+              WriteFile(stDirectory.File("a.ini"), "a=1\n");
+              g_iFailingCall = GetParam();
+              IniConfig stConfig;
+              const int iFile = stConfig.LoadFromFile(stDirectory.File("a.ini").c_str());
+              g_iCompileCalls = 0;
+              const int iLines = stConfig.LoadFromMemory(Texts_t{"a=1"});
+              // The file was opened, so that it is the one to reload.
+              return iFile == -1 && iLines == -1 && stConfig.AllItems().empty() &&
+                     stConfig.Reload() == 0 && stConfig.Count("", "a") == 1;
+            }));
+}
+
+INSTANTIATE_TEST_SUITE_P(EachPattern, IniConfigPatternFaultTest, ::testing::Range(1, 5));
+
+TEST(IniConfigFaultTest, PatternsAreCompiledOnceForAllObjects) {
+  EXPECT_EQ(0, InChild([] {
+              IniConfig stFirst;
+              IniConfig stSecond;
+              return stFirst.LoadFromMemory("a=1") == 0 && stSecond.LoadFromMemory("a=1") == 0 &&
+                     stFirst.TranslateValue("$(a)").empty() &&
+                     stSecond.TranslateValue("$(b)").empty() && g_iCompileCalls == 5 &&
+                     g_iCompiled == 5;
+            }));
+}
+
+TEST(IniConfigFaultTest, TextIsUnchangedWhileTheReferencePatternDoesNotCompile) {
+  EXPECT_EQ(0, InChild([] {
+              g_iFailingCall = 1;
+              IniConfig stConfig;
+              stConfig.SetValue("", "a", "1");
+              return stConfig.TranslateValue("<@(a)>") == "<@(a)>" &&
+                     stConfig.TranslateValue("<@(a)>") == "<1>";
+            }));
+}
+
+struct impossible_t {
+  int iSearch;  // the search of a line that matches
+  int iMatchedSlots;
+  const char* pText;  // of the assertion
+};
+
+class IniConfigAssertionTest : public ::testing::TestWithParam<impossible_t> {};
+
+TEST_P(IniConfigAssertionTest, MatchWithoutItsGroupsEndsTheProcess) {
+  const std::string strError = CaptureOutput(2, [] {
+    EXPECT_EQ(ABORTED, InChild([] {
+                // Bytes that only the expressions can judge.
+                if (setlocale(LC_ALL, "C.UTF-8") == nullptr) {
+                  return false;
+                }
+                g_iSearches = GetParam().iSearch;
+                g_iMatchedSlots = GetParam().iMatchedSlots;
+                IniConfig().LoadFromMemory("[\xc3\xa4]");
+                return true;
+              }));
+  });
+  EXPECT_NE(std::string::npos, strError.find(GetParam().pText)) << strError;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EachGroup, IniConfigAssertionTest,
+    ::testing::Values(
+        impossible_t{1, 1, "`matchs[1].rm_so != -1 && matchs[1].rm_eo != -1'"},    // section
+        impossible_t{2, 1, "`matchs[1].rm_so != -1 && matchs[1].rm_eo != -1'"},    // key and value
+        impossible_t{2, 2, "`matchs[2].rm_so != -1 && matchs[2].rm_eo != -1'"},    // its value
+        impossible_t{3, 1, "`matchs[1].rm_so != -1 && matchs[1].rm_eo != -1'"}));  // key alone
+
+}  // namespace
