@@ -114,6 +114,10 @@ TEST(ClassFactoryTest, ObjectMapListsNamesInByteOrder) {
   EXPECT_EQ((std::vector<std::string>{"10", "9", "B", "b", "\xe4"}), vecNames);
 }
 
+TEST(ClassFactoryTest, LoadingTheLibraryRegistersItsOwnMethod) {
+  EXPECT_EQ(1u, ClassFactory::Instance().ObjectMap().count("ExecuteShell2"));
+}
+
 TEST(ClassFactoryTest, DumpWritesNothing) {
   EXPECT_EQ("", CaptureDescriptor([](int iFD) { ClassFactory::Instance().Dump(iFD); }));
 }

@@ -1,0 +1,29 @@
+#include "execute_shell2.h"
+
+#include "class_factory.h"
+#include "execute_shell.h"
+
+namespace {
+
+const char NAME[] = "ExecuteShell2";
+
+Object* Create() {
+  auto* pMethod = new ExecuteShell2;
+  pMethod->Method(NAME);
+  return pMethod;
+}
+
+[[maybe_unused]] const bool _bUnused = ClassFactory::Instance().AddObject(NAME, Create);
+
+}  // namespace
+
+void ExecuteShell2::Command(const std::string& strCommand) {
+  m_mapParams.erase("command");
+  Param("command", strCommand);
+}
+
+int ExecuteShell2::Do() {
+  ExecuteShell stShell;
+  stShell.Command(Command());
+  return stShell.Do();
+}
