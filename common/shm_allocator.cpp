@@ -26,7 +26,7 @@
 //
 // Taking and returning a block are a dozen instructions and stand in the header, for hosts to have
 // them in line; carving is out of line. Sizes of classes are constants of the format: the hot path
-// shifts by them instead of loading them from the segment and dividing.
+// neither loads them from the segment nor divides.
 
 namespace {
 
@@ -129,7 +129,7 @@ bool ShmAllocator::AllocateBatch(uint64_t iBlockSize) {
   for (unsigned int i = 0; i < BATCH_COUNT && iMemorySize - iEnd >= iBlockSize; ++i) {
     Pointer_t* pBlock = Block(iEnd);
     pBlock->iSize = iBlockSize;
-    if (HasLink(iEnd)) {
+    if (HasLink(iEnd, iBlockSize)) {
       pBlock->iNext = iLast;
     }
     iLast = iEnd;

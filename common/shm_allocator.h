@@ -27,7 +27,9 @@ struct ShmStat_t {
 //
 // Crashes: a process killed at any instruction leaves a heap that the next one can use. At most
 // the blocks in its hands are lost: one, or the batch of ten being carved. iBlockCount and the
-// total of free bytes may then stand too high by what was in flight, never too low.
+// total of free bytes may then stand too high by what was in flight, never too low. One case needs
+// an operator: the segment of a creator killed inside Attach() is refused until someone removes it
+// (ipcrm).
 //
 // The segment outlives every process; this class never removes one.
 class ShmAllocator : public Object {
@@ -145,7 +147,7 @@ class ShmAllocator : public Object {
   [[noreturn]] void RejectOffset(uint64_t iOffset) const;
   uint64_t OffsetOf(const void* p) const;
   Pointer_t* Block(uint64_t iOffset) const;
-  bool HasLink(uint64_t iOffset) const;
+  bool HasLink(uint64_t iOffset, uint64_t iBlockSize) const;
   uint64_t* ListOf(uint64_t iBlockSize) const;
   static void SetList(uint64_t* pList, uint64_t iOffset);
   void* TakeFirst(uint64_t iBlockSize);
@@ -174,13 +176,16 @@ inline ShmAllocator::Pointer_t* ShmAllocator::Block(uint64_t iOffset) const {
 }
 
 // The link of an 8-byte block lies behind it: the segment's last one has none.
-inline bool ShmAllocator::HasLink(uint64_t iOffset) const {
-  return iOffset + sizeof(Pointer_t) <= m_pHead->iMemorySize;
+inline bool ShmAllocator::HasLink(uint64_t iOffset, uint64_t iBlockSize) const {
+  return iBlockSize >= sizeof(Pointer_t) || iOffset + sizeof(Pointer_t) <= m_pHead->iMemorySize;
 }
 
-// The head of the list of blocks of that size.
+// The head of the list of blocks of that size: entry i = size / 8 - 1, which begins size - 8 bytes
+// behind the first one. So the address, which Deallocate() waits for, needs no division or shift.
 inline uint64_t* ShmAllocator::ListOf(uint64_t iBlockSize) const {
-  return &m_pHead->szFreeList[iBlockSize / ALIGN_SIZE - 1];
+  static_assert(ALIGN_SIZE == sizeof(uint64_t), "an entry is as long as the sizes' step");
+  char* pLists = reinterpret_cast<char*>(m_pHead->szFreeList);
+  return reinterpret_cast<uint64_t*>(pLists + (iBlockSize - ALIGN_SIZE));
 }
 
 // Keeps the compiler from moving anything over this store, the caller's use of the block included:
@@ -198,7 +203,7 @@ inline void* ShmAllocator::TakeFirst(uint64_t iBlockSize) {
   const uint64_t iOffset = *pList;
   Pointer_t* pBlock = Block(iOffset);
   pHead->iBlockCount += 1;
-  SetList(pList, HasLink(iOffset) ? pBlock->iNext : 0);
+  SetList(pList, HasLink(iOffset, iBlockSize) ? pBlock->iNext : 0);
   pHead->iManagedSize -= iBlockSize;
   return reinterpret_cast<char*>(pBlock) + sizeof(uint64_t);
 }
@@ -220,7 +225,8 @@ inline void ShmAllocator::Deallocate(void* p) {
   if (__builtin_expect(iOffset >= pHead->iMemorySize || iOffset <= sizeof(uint64_t), 0)) {
     RejectOffset(iOffset);
   }
-  Pointer_t* pBlock = Block(iOffset - sizeof(uint64_t));
+  // By p, which is there before the offset is.
+  auto* pBlock = reinterpret_cast<Pointer_t*>(static_cast<char*>(p) - sizeof(uint64_t));
   const uint64_t iBlockSize = pBlock->iSize;
   uint64_t* pList = ListOf(iBlockSize);
   pHead->iManagedSize += iBlockSize;

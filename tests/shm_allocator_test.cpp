@@ -259,6 +259,10 @@ TEST_F(ShmAllocatorDeathTest, ReadOnlyAttachCanNotWrite) {
   EXPECT_DEATH(stReader.Allocate(20), "");
 }
 
+TEST_F(ShmAllocatorDeathTest, CreatingReadOnlyEndsTheProcess) {
+  EXPECT_DEATH(m_stHeap.Attach(m_stKey.Key(), SIZE, RESERVED, true), "");
+}
+
 // Init.
 
 TEST_F(ShmAllocatorTest, InitEmptiesTheListsAndLeavesTheManagedSize) {
