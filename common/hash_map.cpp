@@ -116,7 +116,10 @@ bool HashMap::Init() {
 
 void HashMap::PrepareLookup() {
   const uint32_t iCount = m_pHead->iBucketCount;
-  m_iReciprocal = iCount == 0 ? 0 : UINT64_MAX / iCount;
+  if (iCount != 0) {
+    m_iReciprocal = UINT64_MAX / iCount;
+    m_iReciprocalOf = iCount;
+  }
 }
 
 // iHash % iBucketCount without a division. The product with floor((2^64 - 1) / n) is less than 1
@@ -124,6 +127,9 @@ void HashMap::PrepareLookup() {
 inline uint32_t HashMap::BucketOf(uint64_t iHash) const {
   __extension__ typedef unsigned __int128 uint128_t;
   const uint64_t iCount = m_pHead->iBucketCount;
+  if (__builtin_expect(iCount != m_iReciprocalOf, 0)) {
+    return static_cast<uint32_t>(iHash % iCount);  // another process has made the table anew
+  }
   const auto iQuotient = static_cast<uint64_t>((uint128_t{iHash} * m_iReciprocal) >> 64);
   const uint64_t iRemainder = iHash - iQuotient * iCount;
   return static_cast<uint32_t>(iRemainder < iCount ? iRemainder : iRemainder - iCount);

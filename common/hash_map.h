@@ -63,10 +63,12 @@ class HashMap : public Object {
   // Creates the table of iKey or attaches the one that is there; see ShmAllocator::Attach() for
   // iKey, iSize, bReadOnly and the message.
   //
-  // iBucketCount: at least 1 (not checked), about the number of entries expected. An existing
-  // table keeps its own; but it must have been made with the RESERVED_SIZE that this process has,
-  // after a large iBucketCount has raised it (a failing call leaves it raised). iSize must hold
-  // 4194384 + RESERVED_SIZE bytes and the entries. The first to attach must not be bReadOnly.
+  // iBucketCount: about the number of entries expected, at least 1: not checked here, but with 0
+  // the first lookup ends the process. An existing table keeps its own; but it must have been made
+  // with the RESERVED_SIZE that this process has, after a large iBucketCount has raised it (a
+  // failing call leaves it raised). iSize must hold 4194384 + RESERVED_SIZE bytes and the entries.
+  // Whoever finds the table not ready makes it anew: let the writer attach first, alone, and not
+  // bReadOnly, which would end it.
   // Returns false when the segment can not be had, or has another reserved size and is detached.
   bool Attach(key_t iKey, uint64_t iSize, uint64_t iBucketCount, bool bReadOnly);
   // The same with the key ftok(pPath, iProjId); false when there is none.
@@ -176,8 +178,9 @@ class HashMap : public Object {
   InternalItem_t* MakeRoom(const Place_t& stPlace, uint32_t iValueSize);
   static HashItem_t View(InternalItem_t* pItem);
 
-  char* m_pBase = nullptr;     // the segment's start: offsets count from here
-  uint64_t m_iReciprocal = 0;  // of the bucket count, see BucketOf()
+  char* m_pBase = nullptr;              // the segment's start: offsets count from here
+  uint64_t m_iReciprocal = UINT64_MAX;  // see BucketOf()
+  uint32_t m_iReciprocalOf = 1;         // the bucket count that it belongs to
 };
 
 // Refers to its map, which must outlive it. A default-constructed one is the end of every map.

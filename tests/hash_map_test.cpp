@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ipc.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -77,6 +78,8 @@ class HashMapTest : public ::testing::Test {
   Map m_stMap;
   std::unique_ptr<HeapImage> m_pRaw;
 };
+
+typedef HashMapTest HashMapDeathTest;
 
 // Hashes.
 
@@ -155,6 +158,31 @@ TEST_F(HashMapTest, AttachInitialisesATableThatIsNotReady) {
   EXPECT_EQ(READY, m_pRaw->Half(HEAD + 16));
   EXPECT_EQ(0u, m_pRaw->Half(HEAD + 20));
   EXPECT_TRUE(stSecond.begin() == stSecond.end());
+}
+
+// Two processes may both find a new table not ready, with bucket counts of their own in mind.
+TEST_F(HashMapTest, BucketCountOfTheHeadIsUsedAlsoWhenAnotherProcessHasChangedIt) {
+  for (const uint64_t iLater : {1u, 10u, 999u, 1001u, 65532u}) {
+    const PrivateKey stKey;
+    Map stOther;
+    ASSERT_TRUE(m_stMap.Attach(stKey.Key(), SIZE, 1000, false));
+    HeapImage stRaw(stKey.Key());
+    stRaw.SetHalf(HEAD + 16, 0);
+    ASSERT_TRUE(stOther.Attach(stKey.Key(), SIZE, iLater, false));
+    for (int i = 0; i < 300; ++i) {
+      ASSERT_TRUE(m_stMap.Set(std::to_string(i).c_str(), static_cast<uint64_t>(i)));
+      ASSERT_EQ(static_cast<uint64_t>(i), stOther.GetInt(std::to_string(i).c_str(), 999));
+    }
+    EXPECT_EQ("", CheckTable(stRaw).Faults()) << iLater;
+  }
+}
+
+TEST_F(HashMapDeathTest, FirstLookupInATableWithoutBucketsEndsTheProcess) {
+  Make(0);
+  const auto fnNotByRunningWild = [](int iStatus) {
+    return iStatus != 0 && !(WIFSIGNALED(iStatus) && WTERMSIG(iStatus) == SIGSEGV);
+  };
+  EXPECT_EXIT(m_stMap.Set("key", "value"), fnNotByRunningWild, "");
 }
 
 TEST_F(HashMapTest, InitFailsWhenTheBucketsDoNotFitAndLeavesAZeroHead) {
@@ -642,6 +670,50 @@ TEST_F(HashMapTest, IteratorConvertsToItsValue) {
   const char* pValue = it8;
   EXPECT_EQ(m_stMap.Get("8").pValue, pValue);
   EXPECT_EQ(pValue, static_cast<char*>(it8));
+}
+
+// What a derived iterator may call.
+class Iterator : public HashMap::iterator {
+ public:
+  Iterator(uint64_t iBucket, uint64_t iNext, HashMap* pHashMap, char* pKey, uint32_t iValueSize,
+           char* pValue)
+      : iterator(iBucket, iNext, pHashMap, pKey, iValueSize, pValue) {}
+  using iterator::m_iBucket;
+  using iterator::m_iNext;
+  using iterator::m_pHashMap;
+  using iterator::m_sItem;
+  using iterator::make_end;
+};
+
+TEST_F(HashMapTest, IteratorIsMadeOfItsFieldsAndGoesOnFromThem) {
+  Make(7);
+  ASSERT_TRUE(m_stMap.Set("", "in bucket 2"));
+  ASSERT_TRUE(m_stMap.Set("a", "in bucket 6"));
+  char szKey[] = "key";
+  char szValue[] = "value";
+  Iterator it(1, 0, &m_stMap, szKey, 5, szValue);
+  EXPECT_EQ(szKey, (*it).pKey);
+  EXPECT_EQ(szValue, (*it).pValue);
+  EXPECT_EQ(5u, (*it).iValueSize);
+  EXPECT_STREQ("in bucket 2", (*++it).pValue);
+  EXPECT_EQ(2u, it.m_iBucket);
+  EXPECT_EQ(0u, it.m_iNext);
+  Iterator itNext(4, m_pRaw->Word(BUCKETS + 2 * 16 + 8), &m_stMap, szKey, 5, szValue);
+  EXPECT_STREQ("in bucket 2", (*++itNext).pValue);
+  EXPECT_EQ(4u, itNext.m_iBucket);  // an entry of the same chain, as it was told
+  EXPECT_STREQ("in bucket 6", (*++itNext).pValue);
+}
+
+TEST_F(HashMapTest, MakeEndClearsEveryField) {
+  char szText[] = "text";
+  Iterator it(1, 2, &m_stMap, szText, 3, szText);
+  it.make_end();
+  EXPECT_EQ(0u, it.m_iBucket);
+  EXPECT_EQ(0u, it.m_iNext);
+  EXPECT_EQ(nullptr, it.m_pHashMap);
+  EXPECT_EQ(nullptr, it.m_sItem.pKey);
+  EXPECT_EQ(nullptr, it.m_sItem.pValue);
+  EXPECT_EQ(0u, it.m_sItem.iValueSize);
 }
 
 TEST_F(HashMapTest, EndIteratorConvertsToNothing) {
