@@ -2,6 +2,7 @@
 // is left must be sound, must not have lost more than is promised, and must serve the next writer.
 
 #include <gtest/gtest.h>
+#include <sys/shm.h>
 
 #include <cstring>
 #include <functional>
@@ -14,35 +15,23 @@
 #include "hash_map.h"
 #include "heap_image.h"
 #include "shm_allocator.h"
-#include "single_step.h"
+#include "sweep.h"
 #include "test_support.h"
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || !defined(__OPTIMIZE__)
-const unsigned int STRIDE = 31;  // an operation is thousands of instructions
-#else
-const unsigned int STRIDE = 1;
-#endif
-
-const uint64_t SIZE = 4194384 + 4096 + 65536;
+const uint64_t HEAD_SIZE = 4194384;
+const uint64_t RESERVED = 4096;
+const uint64_t SIZE = HEAD_SIZE + RESERVED + 65536;
 const uint64_t BATCH = 10;
 const size_t BLOCK = 32;  // with its size word
 const size_t PAYLOAD = BLOCK - 8;
 
-void ExpectExcessIsUpToOneEntry(const SegmentReport_t& stReport) {
-  for (const int64_t iExcess : {stReport.iObjectCountExcess, stReport.iBucketSizeExcess}) {
-    EXPECT_TRUE(iExcess == 0 || iExcess == 1) << iExcess;
-  }
-  for (const int64_t iExcess : {stReport.iTotalKeySizeExcess, stReport.iTotalValueSizeExcess}) {
-    EXPECT_TRUE(iExcess >= 0 && iExcess < 200) << iExcess;
-  }
-}
-
 // Free bytes may be counted too high, by what was in flight. Blocks of a lost batch are the only
 // ones that are neither free nor counted as handed out.
-void ExpectHeapCountersAreBounded(const SegmentReport_t& stReport, bool bCarves) {
+void ExpectHeapCountersAreBounded(const SegmentReport_t& stReport, bool bCarves, size_t iBlock) {
   EXPECT_GE(stReport.iManagedSizeExcess, 0);
+  EXPECT_LE(stReport.iManagedSizeExcess, static_cast<int64_t>((bCarves ? BATCH : 1) * iBlock));
   EXPECT_EQ(0, stReport.iManagedSizeExcess % 8);
   if (bCarves && stReport.iBlockCountExcess < 0) {
     EXPECT_EQ(-static_cast<int64_t>(BATCH), stReport.iBlockCountExcess);
@@ -55,9 +44,10 @@ void ExpectHeapCountersAreBounded(const SegmentReport_t& stReport, bool bCarves)
 class HeapCrashTest : public ::testing::Test {
  protected:
   // A heap with this many blocks in use, each filled with its number, and this many free ones.
-  void Make(key_t iKey, size_t iUsed, size_t iFree) {
+  void Make(size_t iUsed, size_t iFree) {
+    m_pKey = std::make_unique<PrivateKey>();
     ShmAllocator stHeap;
-    ASSERT_TRUE(stHeap.Attach(iKey, SIZE, 4096, false));
+    ASSERT_TRUE(stHeap.Attach(m_pKey->Key(), SIZE, RESERVED, false));
     std::vector<void*> vecFreed;
     m_vecUsed.clear();
     for (size_t i = 0; i < iUsed + iFree; ++i) {
@@ -76,32 +66,22 @@ class HeapCrashTest : public ::testing::Test {
 
   void Sweep(size_t iUsed, size_t iFree, bool bCarves,
              const std::function<void(ShmAllocator&)>& fnOperation) {
-    unsigned int iInstructions = 0;
-    for (bool bMore = true; bMore; iInstructions += STRIDE) {
-      SCOPED_TRACE("killed after " + std::to_string(iInstructions) + " instructions");
-      const PrivateKey stKey;
-      Make(stKey.Key(), iUsed, iFree);
-      ShmAllocator stHeap;
-      bMore = KillAfter(
-          iInstructions, [&] { stHeap.Attach(stKey.Key(), 0, 0, false); },
-          [&] { fnOperation(stHeap); });
-      Check(stKey.Key(), bCarves, !bMore);
-      ASSERT_FALSE(HasFailure());
-    }
-    EXPECT_GT(iInstructions, 20u);
-    RecordProperty("instructions", static_cast<int>(iInstructions));
+    ShmAllocator stHeap;
+    SweepInstructions(
+        {[&] { Make(iUsed, iFree); }, [&] { stHeap.Attach(m_pKey->Key(), 0, 0, false); },
+         [&] { fnOperation(stHeap); }, [&](bool bComplete) { Check(bCarves, bComplete); }});
   }
 
-  void Check(key_t iKey, bool bCarves, bool bComplete) {
-    const HeapImage stRaw(iKey);
+  void Check(bool bCarves, bool bComplete) {
+    const HeapImage stRaw(m_pKey->Key());
     const SegmentReport_t stReport = CheckHeap(stRaw);
     EXPECT_EQ("", stReport.Faults());
-    ExpectHeapCountersAreBounded(stReport, bCarves);
+    ExpectHeapCountersAreBounded(stReport, bCarves, BLOCK);
     if (bComplete) {
       EXPECT_TRUE(stReport.CountersAgree());
     }
     EXPECT_LE(stReport.OtherBlocks(), m_vecUsed.size() + (bCarves ? BATCH : 1));
-    WorkOn(iKey);
+    WorkOn();
     const SegmentReport_t stLater = CheckHeap(stRaw);
     EXPECT_EQ("", stLater.Faults());
     EXPECT_EQ(stReport.iManagedSizeExcess, stLater.iManagedSizeExcess);
@@ -110,9 +90,9 @@ class HeapCrashTest : public ::testing::Test {
 
   // The next writer takes and returns blocks; those in use are not among them and do not change.
   // The last one in use is what Deallocate() was about to free.
-  void WorkOn(key_t iKey) {
+  void WorkOn() {
     ShmAllocator stHeap;
-    ASSERT_TRUE(stHeap.Attach(iKey, 0, 0, false));
+    ASSERT_TRUE(stHeap.Attach(m_pKey->Key(), 0, 0, false));
     std::set<void*> setTaken;
     for (size_t i = 0; i < 3 * BATCH; ++i) {
       void* p = stHeap.Allocate(PAYLOAD);
@@ -128,6 +108,7 @@ class HeapCrashTest : public ::testing::Test {
     }
   }
 
+  std::unique_ptr<PrivateKey> m_pKey;
   std::vector<uint64_t> m_vecUsed;  // offsets
 };
 
@@ -148,6 +129,29 @@ TEST_F(HeapCrashTest, Deallocate) {
         [this](ShmAllocator& stHeap) { stHeap.Deallocate(stHeap.GetPointer(m_vecUsed.back())); });
 }
 
+// The creator of a heap leaves none, one that is refused, or a whole one.
+TEST_F(HeapCrashTest, Creation) {
+  ShmAllocator stHeap;
+  const auto fnCheck = [this](bool bComplete) {
+    ShmAllocator stNext;
+    const bool bCreatedAlready = shmget(m_pKey->Key(), 0, 0) != -1;
+    if (bCreatedAlready && !stNext.Attach(m_pKey->Key(), 0, 0, false)) {
+      EXPECT_FALSE(bComplete);
+      return;
+    }
+    EXPECT_TRUE(bCreatedAlready || !bComplete);
+    ASSERT_TRUE(stNext.Attach(m_pKey->Key(), SIZE, RESERVED, false));
+    const HeapImage stRaw(m_pKey->Key());
+    EXPECT_EQ(SIZE, stRaw.Word(0));
+    EXPECT_EQ(RESERVED, stRaw.Word(48));
+    EXPECT_EQ(HEAD_SIZE + RESERVED, stRaw.Word(56));
+    EXPECT_EQ(HEAD_SIZE + RESERVED + 9 * BLOCK + 8, stNext.GetOffset(stNext.Allocate(PAYLOAD)));
+    EXPECT_EQ("", CheckHeap(stRaw).Faults());
+  };
+  SweepInstructions({[this] { m_pKey = std::make_unique<PrivateKey>(); }, [] {},
+                     [&] { stHeap.Attach(m_pKey->Key(), SIZE, RESERVED, false); }, fnCheck});
+}
+
 // The table: keys of one chain around the one that the operation is about.
 
 typedef std::map<std::string, std::string> Content_t;
@@ -155,17 +159,24 @@ typedef std::map<std::string, std::string> Content_t;
 const char KEY[] = "the key";
 const char OLD_VALUE[] = "old value of 24 bytes ..";
 const char SAME_CLASS[] = "new value of 25 bytes ...";
-const char OTHER_CLASS[] =
-    "a new value that is so long that it needs a larger block than the old one";
+const char OTHER_CLASS[] = "a new value that is so long that it needs a larger block";  // of 88
+const char CARVED_CLASS[] =
+    "a value of a size that no value had before, for which the first blocks have to be carved";
+const size_t LARGEST_BLOCK = 128;
 
 class TableCrashTest : public ::testing::Test {
  protected:
-  TableCrashTest() { RESERVED_SIZE = 4096; }
+  TableCrashTest() { RESERVED_SIZE = RESERVED; }
+  ~TableCrashTest() override { RESERVED_SIZE = DEFAULT_RESERVED; }
 
-  // A table whose one chain has this key at this place among three others.
-  void Make(key_t iKey, size_t iPlace) {
+  // A table whose one chain has this key at this place among three others, and whose heap has free
+  // blocks of all classes but one.
+  void Make(size_t iPlace) {
+    m_pKey = std::make_unique<PrivateKey>();
     HashMap stMap;
-    ASSERT_TRUE(stMap.Attach(iKey, SIZE, 1, false));
+    ASSERT_TRUE(stMap.Attach(m_pKey->Key(), SIZE, 1, false));
+    ASSERT_TRUE(stMap.Set(KEY, OTHER_CLASS));
+    ASSERT_TRUE(stMap.Delete(KEY));
     const std::vector<std::string> vecOthers = {"first other", "second other", "third other"};
     for (size_t i = 0; i <= vecOthers.size(); ++i) {
       if (i == iPlace) {
@@ -181,33 +192,37 @@ class TableCrashTest : public ::testing::Test {
   // setAfter: what may be under the key once the operation was begun, "" standing for nothing.
   void Sweep(size_t iPlace, const std::set<std::string>& setAfter, const std::string& strComplete,
              const std::function<void(HashMap&)>& fnOperation) {
-    unsigned int iInstructions = 0;
-    for (bool bMore = true; bMore; iInstructions += STRIDE) {
-      SCOPED_TRACE("killed after " + std::to_string(iInstructions) + " instructions");
-      const PrivateKey stKey;
-      Make(stKey.Key(), iPlace);
-      HashMap stMap;
-      bMore = KillAfter(
-          iInstructions, [&] { stMap.Attach(stKey.Key(), 0, 1, false); },
-          [&] { fnOperation(stMap); });
-      Check(stKey.Key(), bMore ? setAfter : std::set<std::string>{strComplete}, !bMore);
-      ASSERT_FALSE(HasFailure());
-    }
-    EXPECT_GT(iInstructions, 50u);
-    RecordProperty("instructions", static_cast<int>(iInstructions));
+    HashMap stMap;
+    SweepInstructions({[&] { Make(iPlace); }, [&] { stMap.Attach(m_pKey->Key(), 0, 1, false); },
+                       [&] { fnOperation(stMap); },
+                       [&](bool bComplete) {
+                         Check(bComplete ? std::set<std::string>{strComplete} : setAfter,
+                               setAfter.count(CARVED_CLASS) != 0, bComplete);
+                       }});
   }
 
-  void Check(key_t iKey, const std::set<std::string>& setAllowed, bool bComplete) {
-    const HeapImage stRaw(iKey);
+  static void ExpectExcessIsUpToOneEntry(const SegmentReport_t& stReport) {
+    for (const int64_t iExcess : {stReport.iObjectCountExcess, stReport.iBucketSizeExcess}) {
+      EXPECT_TRUE(iExcess == 0 || iExcess == 1) << iExcess;
+    }
+    const int64_t iKeyExcess = stReport.iTotalKeySizeExcess;
+    EXPECT_TRUE(iKeyExcess == 0 || iKeyExcess == sizeof(KEY)) << iKeyExcess;
+    const std::set<int64_t> setSizes = {0, sizeof(OLD_VALUE), sizeof(SAME_CLASS),
+                                        sizeof(OTHER_CLASS), sizeof(CARVED_CLASS)};
+    EXPECT_EQ(1u, setSizes.count(stReport.iTotalValueSizeExcess));
+  }
+
+  void Check(const std::set<std::string>& setAllowed, bool bCarves, bool bComplete) {
+    const HeapImage stRaw(m_pKey->Key());
     const SegmentReport_t stReport = CheckTable(stRaw);
     EXPECT_EQ("", stReport.Faults());
     ExpectExcessIsUpToOneEntry(stReport);
-    ExpectHeapCountersAreBounded(stReport, true);
-    EXPECT_LE(stReport.OtherBlocks(), bComplete ? 0 : BATCH);
+    ExpectHeapCountersAreBounded(stReport, bCarves, LARGEST_BLOCK);
+    EXPECT_LE(stReport.OtherBlocks(), bComplete ? 0 : bCarves ? BATCH : 1);
     if (bComplete) {
       EXPECT_TRUE(stReport.CountersAgree());
     }
-    WorkOn(iKey, setAllowed);
+    WorkOn(setAllowed);
     const SegmentReport_t stLater = CheckTable(stRaw);
     EXPECT_EQ("", stLater.Faults());
     EXPECT_EQ(stReport.OtherBlocks(), stLater.OtherBlocks());
@@ -215,9 +230,9 @@ class TableCrashTest : public ::testing::Test {
   }
 
   // The next writer finds all other keys and one of the allowed values, and uses the table.
-  void WorkOn(key_t iKey, const std::set<std::string>& setAllowed) {
+  void WorkOn(const std::set<std::string>& setAllowed) {
     HashMap stMap;
-    ASSERT_TRUE(stMap.Attach(iKey, 0, 1, false));
+    ASSERT_TRUE(stMap.Attach(m_pKey->Key(), 0, 1, false));
     for (const auto& stOther : m_stOthers) {
       ASSERT_NE(nullptr, stMap.GetString(stOther.first.c_str()));
       EXPECT_EQ(stOther.second, stMap.GetString(stOther.first.c_str()));
@@ -235,20 +250,21 @@ class TableCrashTest : public ::testing::Test {
   }
 
   static const uint64_t DEFAULT_RESERVED = 1048576;
-  ~TableCrashTest() override { RESERVED_SIZE = DEFAULT_RESERVED; }
 
+  std::unique_ptr<PrivateKey> m_pKey;
   Content_t m_stOthers;
 };
 
 const size_t NOWHERE = 99;
+const uint64_t BUCKETS = 20;
 
 TEST_F(TableCrashTest, SetOfANewKey) {
   Sweep(NOWHERE, {"", OLD_VALUE}, OLD_VALUE, [](HashMap& stMap) { stMap.Set(KEY, OLD_VALUE); });
 }
 
 TEST_F(TableCrashTest, SetOfANewKeyWithCarving) {
-  Sweep(NOWHERE, {"", OTHER_CLASS}, OTHER_CLASS,
-        [](HashMap& stMap) { stMap.Set(KEY, OTHER_CLASS); });
+  Sweep(NOWHERE, {"", CARVED_CLASS}, CARVED_CLASS,
+        [](HashMap& stMap) { stMap.Set(KEY, CARVED_CLASS); });
 }
 
 TEST_F(TableCrashTest, ReplaceFirstOfTheChainInItsClass) {
@@ -266,6 +282,11 @@ TEST_F(TableCrashTest, ReplaceInTheMiddleByAnotherClass) {
         [](HashMap& stMap) { stMap.Set(KEY, OTHER_CLASS); });
 }
 
+TEST_F(TableCrashTest, ReplaceFirstOfTheChainByAnotherClassWithCarving) {
+  Sweep(3, {"", OLD_VALUE, CARVED_CLASS}, CARVED_CLASS,
+        [](HashMap& stMap) { stMap.Set(KEY, CARVED_CLASS); });
+}
+
 TEST_F(TableCrashTest, DeleteFirst) {
   Sweep(3, {"", OLD_VALUE}, "", [](HashMap& stMap) { stMap.Delete(KEY); });
 }
@@ -276,6 +297,33 @@ TEST_F(TableCrashTest, DeleteInTheMiddle) {
 
 TEST_F(TableCrashTest, DeleteLast) {
   Sweep(0, {"", OLD_VALUE}, "", [](HashMap& stMap) { stMap.Delete(KEY); });
+}
+
+// The first to attach a table finds bytes of any kind where it is to be, and leaves nothing that
+// the next takes for a table, or an empty one.
+TEST_F(TableCrashTest, CreationOverOldBytes) {
+  HashMap stMap;
+  const auto fnArrange = [this] {
+    m_pKey = std::make_unique<PrivateKey>();
+    ShmAllocator stHeap;
+    ASSERT_TRUE(stHeap.Attach(m_pKey->Key(), SIZE, RESERVED, false));
+    memset(stHeap.GetReservedPointer(), 0x5a, RESERVED);
+  };
+  const auto fnCheck = [this](bool /*bComplete*/) {
+    HashMap stNext;
+    ASSERT_TRUE(stNext.Attach(m_pKey->Key(), SIZE, BUCKETS, false));
+    const HeapImage stRaw(m_pKey->Key());
+    EXPECT_EQ(BUCKETS, stRaw.Half(HEAD_SIZE));
+    for (const bool bEmpty : {true, false}) {
+      const SegmentReport_t stReport = CheckTable(stRaw);
+      EXPECT_EQ("", stReport.Faults());
+      EXPECT_TRUE(stReport.CountersAgree());
+      EXPECT_EQ(bEmpty ? 0u : 1u, stReport.iEntries);
+      ASSERT_TRUE(stNext.Set(KEY, OLD_VALUE));
+    }
+  };
+  SweepInstructions(
+      {fnArrange, [] {}, [&] { stMap.Attach(m_pKey->Key(), 0, BUCKETS, false); }, fnCheck});
 }
 
 }  // namespace
