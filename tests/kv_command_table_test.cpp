@@ -52,4 +52,29 @@ TEST(KvCommandTableTest, CommandsOfTheWorkersHaveTheKeysThatTheirRouteReads) {
   }
 }
 
+TEST(KvCommandTableTest, NamesMayBeSwappedAndGivenBack) {
+  RenameCommands({{"get", "set"}, {"set", "get"}, {"incr", "count-one-up"}});
+  EXPECT_EQ(CMD_SET, FindCommand("GET")->eId);
+  EXPECT_EQ(CMD_GET, FindCommand("set")->eId);
+  EXPECT_EQ(CMD_INCR, FindCommand("Count-One-Up")->eId);
+  EXPECT_STREQ("count-one-up", FindCommand("count-one-up")->pName);
+  EXPECT_EQ(nullptr, FindCommand("incr"));
+  RenameCommands({{"get", "set"}, {"set", "get"}, {"count-one-up", "incr"}});
+  EXPECT_EQ(CMD_GET, FindCommand("get")->eId);
+  EXPECT_EQ(CMD_INCR, FindCommand("incr")->eId);
+}
+
+TEST(KvCommandTableTest, NewNamesAreUniqueAndForKnownCommands) {
+  EXPECT_EQ("", CheckCommandNames({{"get", "set"}, {"set", "get"}}));
+  EXPECT_EQ("", CheckCommandNames({{"get", ""}, {"set", ""}, {"incr", std::string(64, 'i')}}));
+  EXPECT_EQ("command \"gut\": there is no such command", CheckCommandNames({{"gut", ""}}));
+  EXPECT_EQ("command \"get\" as \"set\": the new name is another command's",
+            CheckCommandNames({{"get", "set"}}));
+  EXPECT_EQ("command \"set\" as \"x\": the new name is another command's",
+            CheckCommandNames({{"get", "x"}, {"set", "x"}}));
+  EXPECT_EQ("command \"get\" as \"" + std::string(65, 'g') +
+                "\": the new name is longer than 64 characters",
+            CheckCommandNames({{"get", std::string(65, 'g')}}));
+}
+
 }  // namespace

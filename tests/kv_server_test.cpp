@@ -278,7 +278,8 @@ TEST_P(KvServerTest, RedisCliReadsEveryKindOfReply) {
 TEST(KvServerOptionsTest, HelpAndVersion) {
   const RunResult_t stHelp = RunServer({"--help"});
   EXPECT_EQ(0, stHelp.iExit);
-  EXPECT_NE(std::string::npos, stHelp.strOut.find("usage: kv_server [--set KEY=VALUE]..."));
+  EXPECT_NE(std::string::npos,
+            stHelp.strOut.find("usage: kv_server [CONFIG.xml] [--set KEY=VALUE]..."));
   EXPECT_NE(std::string::npos, stHelp.strOut.find("queue.bytes"));
   EXPECT_EQ("kv_server 1.0.0\n", RunServer({"--version"}).strOut);
 }
@@ -290,12 +291,13 @@ TEST(KvServerOptionsTest, WrongSettingsAreNamedAndEndWith2) {
     EXPECT_EQ("", stResult.strOut);
     return stResult.strError;
   };
-  EXPECT_EQ("kv_server: server.workers = \"0\": must be a number from 1 to 64\n",
+  EXPECT_EQ("kv_server: --set server.workers = \"0\": must be a number from 1 to 64\n",
             Complaint({"--set", "server.workers=0"}));
-  EXPECT_EQ("kv_server: no.such = \"1=2\": unknown setting\n", Complaint({"--set", "no.such=1=2"}));
+  EXPECT_EQ("kv_server: --set no.such = \"1=2\": unknown setting\n",
+            Complaint({"--set", "no.such=1=2"}));
   EXPECT_EQ("kv_server: --set needs KEY=VALUE, not \"server.workers\"\n",
             Complaint({"--set", "server.workers"}));
-  EXPECT_EQ("kv_server: server.listen = \"here\": must be an IPv4 address, \":\", a port\n",
+  EXPECT_EQ("kv_server: --set server.listen = \"here\": must be an IPv4 address, \":\", a port\n",
             Complaint({"--set", "server.listen=here"}));
   EXPECT_EQ("kv_server: unknown or incomplete option \"--set\", see --help\n",
             Complaint({"--set"}));

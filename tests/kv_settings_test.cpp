@@ -74,6 +74,18 @@ TEST(KvSettingsTest, UnknownKeysAreNamed) {
   EXPECT_EQ(" = \"\": unknown setting", Set("", ""));
 }
 
+TEST(KvSettingsTest, ErrorsNameTheOriginOfTheValue) {
+  Settings_t stSettings;
+  EXPECT_EQ("kv.xml: server.workers = \"x\": must be a number from 1 to 64",
+            SetSetting(stSettings, "server.workers", "x", "kv.xml: "));
+  EXPECT_EQ("kv.xml: no.such = \"x\": unknown setting",
+            SetSetting(stSettings, "no.such", "x", "kv.xml: "));
+  EXPECT_EQ("", SetSetting(stSettings, "log.level", "loud", "kv.xml: "));
+  EXPECT_EQ("kv.xml: log.level = \"loud\": is no level name", CheckSettings(stSettings));
+  EXPECT_EQ("", SetSetting(stSettings, "log.level", "louder", "--set "));
+  EXPECT_EQ("--set log.level = \"louder\": is no level name", CheckSettings(stSettings));
+}
+
 TEST(KvSettingsTest, ListenIsAnAddressAndAPort) {
   EXPECT_EQ("", CheckWith("server.listen", "0.0.0.0:1"));
   EXPECT_EQ("", CheckWith("server.listen", "10.1.2.3:65535"));

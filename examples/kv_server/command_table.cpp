@@ -1,25 +1,20 @@
 #include "command_table.h"
 
+#include <algorithm>
 #include <cctype>
+#include <list>
+#include <set>
 #include <string>
 #include <unordered_map>
 
 namespace {
 
-const size_t LONGEST_NAME = 16;
+const size_t LONGEST_NAME = 64;
 
-std::unordered_map<std::string_view, const Command_t*> MakeIndex() {
-  std::unordered_map<std::string_view, const Command_t*> mapIndex;
-  for (const Command_t& stCommand : AllCommands()) {
-    mapIndex.emplace(stCommand.pName, &stCommand);
-  }
-  return mapIndex;
-}
+typedef std::unordered_map<std::string_view, const Command_t*> Index_t;
 
-}  // namespace
-
-const std::vector<Command_t>& AllCommands() {
-  static const std::vector<Command_t> vecCommands = {
+std::vector<Command_t>& Commands() {
+  static std::vector<Command_t> vecCommands = {
       {CMD_PING, "ping", -1, ROUTE_GATEWAY, false},
       {CMD_ECHO, "echo", 2, ROUTE_GATEWAY, false},
       {CMD_SELECT, "select", 2, ROUTE_GATEWAY, false},
@@ -43,8 +38,31 @@ const std::vector<Command_t>& AllCommands() {
   return vecCommands;
 }
 
+Index_t MakeIndex() {
+  Index_t mapIndex;
+  for (const Command_t& stCommand : Commands()) {
+    mapIndex.emplace(stCommand.pName, &stCommand);
+  }
+  return mapIndex;
+}
+
+Index_t& Index() {
+  static Index_t mapIndex = MakeIndex();
+  return mapIndex;
+}
+
+std::string Wrong(const CommandNames_t::value_type& stPair, const char* pWhat) {
+  const bool bDisabled = stPair.second.empty();
+  return "command \"" + stPair.first + "\"" + (bDisabled ? "" : " as \"" + stPair.second + "\"") +
+         ": " + pWhat;
+}
+
+}  // namespace
+
+const std::vector<Command_t>& AllCommands() { return Commands(); }
+
 const Command_t* FindCommand(std::string_view strName) {
-  static const auto mapIndex = MakeIndex();
+  const Index_t& mapIndex = Index();
   char szLower[LONGEST_NAME];
   if (strName.size() > LONGEST_NAME) {
     return nullptr;
@@ -59,4 +77,41 @@ const Command_t* FindCommand(std::string_view strName) {
 bool ArityMatches(const Command_t& stCommand, size_t iArguments) {
   return stCommand.iArity >= 0 ? iArguments == static_cast<size_t>(stCommand.iArity)
                                : iArguments >= static_cast<size_t>(-stCommand.iArity);
+}
+
+std::string CheckCommandNames(const CommandNames_t& mapNames) {
+  std::set<std::string> setTaken;
+  for (const Command_t& stCommand : AllCommands()) {
+    if (mapNames.count(stCommand.pName) == 0) {
+      setTaken.insert(stCommand.pName);
+    }
+  }
+  for (const auto& stPair : mapNames) {
+    if (FindCommand(stPair.first) == nullptr) {
+      return Wrong(stPair, "there is no such command");
+    }
+    if (stPair.second.size() > LONGEST_NAME) {
+      return Wrong(stPair, "the new name is longer than 64 characters");
+    }
+    if (!stPair.second.empty() && !setTaken.insert(stPair.second).second) {
+      return Wrong(stPair, "the new name is another command's");
+    }
+  }
+  return "";
+}
+
+void RenameCommands(const CommandNames_t& mapNames) {
+  static std::list<std::string> lstNames;  // what pName points to
+  std::vector<Command_t>& vecCommands = Commands();
+  for (Command_t& stCommand : vecCommands) {
+    const auto it = mapNames.find(stCommand.pName);
+    if (it != mapNames.end()) {
+      lstNames.push_back(it->second);
+      stCommand.pName = lstNames.back().c_str();
+    }
+  }
+  vecCommands.erase(std::remove_if(vecCommands.begin(), vecCommands.end(),
+                                   [](const Command_t& st) { return *st.pName == '\0'; }),
+                    vecCommands.end());
+  Index() = MakeIndex();
 }

@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -51,7 +53,16 @@ const Command_t* FindCommand(std::string_view strName);
 
 bool ArityMatches(const Command_t& stCommand, size_t iArguments);
 
-// All commands, for COMMAND.
+// All commands that may be run, for COMMAND.
 const std::vector<Command_t>& AllCommands();
+
+// New names for commands, both in lower case; an empty one disables the command. Empty, or what is
+// wrong with them.
+typedef std::map<std::string, std::string> CommandNames_t;
+std::string CheckCommandNames(const CommandNames_t& mapNames);
+
+// From now on the commands go by those names only. To be called once, before any is looked up by a
+// client; the names must have been found right.
+void RenameCommands(const CommandNames_t& mapNames);
 
 #endif

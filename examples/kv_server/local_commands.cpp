@@ -68,14 +68,24 @@ void Command(const Arguments_t& vecArguments, std::string& strOut) {
   }
 }
 
+std::string SaveRulesText(const Settings_t& stSettings) {
+  std::string strText;
+  for (const SaveRule_t& stRule : stSettings.vecSaveRules) {
+    strText += (strText.empty() ? "" : " ") + std::to_string(stRule.iSeconds) + " " +
+               std::to_string(stRule.iChanges);
+  }
+  return strText;
+}
+
 void Config(const Arguments_t& vecArguments, const Settings_t& stSettings, std::string& strOut) {
   if (vecArguments.size() != 3 || !Is(vecArguments[1], "get")) {
     return AppendError(strOut, "ERR only CONFIG GET <pattern> is known");
   }
   const std::string strPattern(vecArguments[2]);
   std::vector<SettingRow_t> vecRows = ListSettings(stSettings);
-  vecRows.push_back({"save", "", ""});          // what benchmarks of this protocol ask for
-  vecRows.push_back({"appendonly", "no", ""});  // before they start
+  // What benchmarks of this protocol ask for before they start.
+  vecRows.push_back({"save", SaveRulesText(stSettings), ""});
+  vecRows.push_back({"appendonly", "no", ""});
   std::string strPairs;
   size_t iCount = 0;
   for (const SettingRow_t& stRow : vecRows) {

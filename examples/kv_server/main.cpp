@@ -1,61 +1,55 @@
 #include <cstdio>
-#include <cstring>
 #include <string>
 
+#include "command_line.h"
+#include "command_table.h"
+#include "config_files.h"
 #include "master.h"
-#include "settings.h"
 
 namespace {
 
 const int USAGE_ERROR = 2;
 const char VERSION[] = "1.0.0";
 
-void PrintHelp() {
+int PrintHelp() {
   printf(
       "kv_server - a key-value server for Redis clients, an example of libzelk_common\n\n"
-      "usage: kv_server [--set KEY=VALUE]... | --help | --version\n\n"
-      "Runs in the foreground until SIGTERM or SIGINT. Settings and their defaults:\n");
+      "usage: kv_server [CONFIG.xml] [--set KEY=VALUE]... [OPTION]\n\n"
+      "  --check         look whether the settings are right, and end\n"
+      "  --print-config  print the settings as they would hold, as a CONFIG.xml, and end\n"
+      "  --help          this text\n"
+      "  --version       the version\n\n"
+      "Runs in the foreground until SIGTERM or SIGINT. Wrong settings end it with exit code 2.\n"
+      "Settings, as keys of --set and as elements of the file, and their defaults:\n");
   for (const SettingRow_t& stRow : ListSettings(Settings_t())) {
     printf("  %-20s %-18s %s\n", stRow.pKey, stRow.strValue.c_str(), stRow.pHelp);
   }
+  return 0;
 }
 
-int Complain(const std::string& strWhat) {
-  fprintf(stderr, "kv_server: %s\n", strWhat.c_str());
-  return USAGE_ERROR;
-}
-
-// One "key=value"; empty, or what is wrong.
-std::string SetFromArgument(Settings_t& stSettings, const std::string& strArgument) {
-  const size_t iEquals = strArgument.find('=');
-  if (iEquals == std::string::npos) {
-    return "--set needs KEY=VALUE, not \"" + strArgument + "\"";
-  }
-  return SetSetting(stSettings, strArgument.substr(0, iEquals), strArgument.substr(iEquals + 1));
+int Run(const Settings_t& stSettings) {
+  RenameCommands(stSettings.mapCommandNames);
+  return Master(stSettings).Run();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  Settings_t stSettings;
-  for (int i = 1; i < argc; ++i) {
-    const std::string strOption = argv[i];
-    if (strOption == "--help") {
-      PrintHelp();
-      return 0;
-    }
-    if (strOption == "--version") {
-      printf("kv_server %s\n", VERSION);
-      return 0;
-    }
-    if (strOption != "--set" || i + 1 == argc) {
-      return Complain("unknown or incomplete option \"" + strOption + "\", see --help");
-    }
-    const std::string strError = SetFromArgument(stSettings, argv[++i]);
-    if (!strError.empty()) {
-      return Complain(strError);
-    }
+  const CommandLine_t stLine = ParseCommandLine({argv + 1, argv + argc});
+  if (!stLine.strError.empty()) {
+    fprintf(stderr, "kv_server: %s\n", stLine.strError.c_str());
+    return USAGE_ERROR;
   }
-  const std::string strError = CheckSettings(stSettings);
-  return strError.empty() ? Master(stSettings).Run() : Complain(strError);
+  switch (stLine.eAction) {
+    case ACTION_HELP:
+      return PrintHelp();
+    case ACTION_VERSION:
+      return printf("kv_server %s\n", VERSION) < 0;
+    case ACTION_CHECK:
+      return printf("kv_server: the settings are right\n") < 0;
+    case ACTION_PRINT_CONFIG:
+      return fputs(ConfigText(stLine.stSettings).c_str(), stdout) < 0;
+    default:
+      return Run(stLine.stSettings);
+  }
 }

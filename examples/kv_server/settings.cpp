@@ -30,6 +30,7 @@ struct TextSetting_t {
 const TextSetting_t TEXT_SETTINGS[] = {
     {"server.listen", &Settings_t::strListen, "IPv4 address and port"},
     {"server.run_dir", &Settings_t::strRunDir, "directory of lock, FIFOs and queue keys"},
+    {"server.ini", &Settings_t::strOperatorFile, "INI file of the operators; none"},
     {"log.path", &Settings_t::strLogPath, "directory of the log; \"log\" in the run directory"},
     {"log.level", &Settings_t::strLogLevel, "NET, DEBUG, INFORMATION, WARNING, ERROR or STAT"},
 };
@@ -53,9 +54,11 @@ const NumberSetting_t NUMBER_SETTINGS[] = {
     {"timeout.stop", &Settings_t::iStopTimeout, 0, 3600, "seconds for the last answers"},
 };
 
-std::string Wrong(const std::string& strKey, const std::string& strValue,
-                  const std::string& strWhat) {
-  return strKey + " = \"" + strValue + "\": " + strWhat;
+std::string Wrong(const Settings_t& stSettings, const std::string& strKey,
+                  const std::string& strValue, const std::string& strWhat) {
+  const auto it = stSettings.mapOrigins.find(strKey);
+  const std::string strOrigin = it == stSettings.mapOrigins.end() ? "" : it->second;
+  return strOrigin + strKey + " = \"" + strValue + "\": " + strWhat;
 }
 
 // Digits with at most one of K, M and G behind them: what StringToInt() takes without leaving a
@@ -72,7 +75,7 @@ std::string SetNumber(Settings_t& stSettings, const NumberSetting_t& stRow,
   const int64_t iValue = StringToInt(strValue);
   if (!IsSize(strValue) || iValue < 0 || static_cast<uint64_t>(iValue) < stRow.iMin ||
       static_cast<uint64_t>(iValue) > stRow.iMax) {
-    return Wrong(stRow.pKey, strValue,
+    return Wrong(stSettings, stRow.pKey, strValue,
                  "must be a number from " + std::to_string(stRow.iMin) + " to " +
                      std::to_string(stRow.iMax));
   }
@@ -93,7 +96,8 @@ std::string Settings_t::LogPath() const {
 }
 
 std::string SetSetting(Settings_t& stSettings, const std::string& strKey,
-                       const std::string& strValue) {
+                       const std::string& strValue, const std::string& strOrigin) {
+  stSettings.mapOrigins[strKey] = strOrigin;
   for (const TextSetting_t& stRow : TEXT_SETTINGS) {
     if (strKey == stRow.pKey) {
       stSettings.*stRow.pMember = strValue;
@@ -105,7 +109,7 @@ std::string SetSetting(Settings_t& stSettings, const std::string& strKey,
       return SetNumber(stSettings, stRow, strValue);
     }
   }
-  return Wrong(strKey, strValue, "unknown setting");
+  return Wrong(stSettings, strKey, strValue, "unknown setting");
 }
 
 std::string CheckSettings(const Settings_t& stSettings) {
@@ -114,21 +118,22 @@ std::string CheckSettings(const Settings_t& stSettings) {
   if (iColon == std::string::npos ||
       inet_pton(AF_INET, stSettings.Host().c_str(), &stAddress) != 1 || stSettings.Port() == 0 ||
       std::to_string(stSettings.Port()) != stSettings.strListen.substr(iColon + 1)) {
-    return Wrong("server.listen", stSettings.strListen, "must be an IPv4 address, \":\", a port");
+    return Wrong(stSettings, "server.listen", stSettings.strListen,
+                 "must be an IPv4 address, \":\", a port");
   }
   if (strcasecmp(stSettings.strLogLevel.c_str(), "NONE") != 0 &&
       Log::LogLevelConvert(stSettings.strLogLevel.c_str()) == Log::LL_NONE) {
-    return Wrong("log.level", stSettings.strLogLevel, "is no level name");
+    return Wrong(stSettings, "log.level", stSettings.strLogLevel, "is no level name");
   }
   // The largest command must fit into a ring with room to spare for the one before it.
   const uint64_t iNeeded = 2 * (stSettings.iMaxKey + stSettings.iMaxValue) + (64 << 10);
   if (stSettings.iQueueBytes < iNeeded) {
-    return Wrong("queue.bytes", std::to_string(stSettings.iQueueBytes),
+    return Wrong(stSettings, "queue.bytes", std::to_string(stSettings.iQueueBytes),
                  "must be at least " + std::to_string(iNeeded) +
                      " for the present limits.key and limits.value");
   }
   if (stSettings.strRunDir.empty()) {
-    return Wrong("server.run_dir", "", "must not be empty");
+    return Wrong(stSettings, "server.run_dir", "", "must not be empty");
   }
   return "";
 }

@@ -2,15 +2,23 @@
 #define KV_SERVER_SETTINGS_H
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
+
+// Save after so many seconds if so many changes were made.
+struct SaveRule_t {
+  unsigned int iSeconds;
+  unsigned int iChanges;
+};
 
 // The server's settings, each with its default. Read once by the master; the children inherit
 // them through fork().
 struct Settings_t {
   std::string strListen = "127.0.0.1:6399";
   std::string strRunDir = "kv_server.run";
-  std::string strLogPath;  // empty: "log" below the run directory
+  std::string strOperatorFile;  // empty: none
+  std::string strLogPath;       // empty: "log" below the run directory
   std::string strLogLevel = "INFORMATION";
   uint64_t iWorkers = 1;
   uint64_t iQueueBytes = 8 << 20;
@@ -27,6 +35,13 @@ struct Settings_t {
   uint64_t iWriteTimeout = 60;      // seconds without a byte taken by the client
   uint64_t iStopTimeout = 5;        // seconds for the last answers
 
+  std::vector<SaveRule_t> vecSaveRules;
+  // Lower case: a command's own name and the one it goes by; empty: nobody may run it.
+  std::map<std::string, std::string> mapCommandNames;
+
+  // Where a value that is no default comes from, by its key, as error texts begin with it.
+  std::map<std::string, std::string> mapOrigins;
+
   // Parts of strListen, valid after Check().
   std::string Host() const;
   unsigned short Port() const;
@@ -34,9 +49,9 @@ struct Settings_t {
 };
 
 // Sets one value from its dotted key ("server.workers") and text. Sizes may carry K, M or G.
-// Returns an empty string, or what is wrong, naming key and value.
+// Returns an empty string, or what is wrong, naming origin ("kv.xml: "), key and value.
 std::string SetSetting(Settings_t& stSettings, const std::string& strKey,
-                       const std::string& strValue);
+                       const std::string& strValue, const std::string& strOrigin = "");
 
 // What the values must fulfil together; empty, or what is wrong.
 std::string CheckSettings(const Settings_t& stSettings);

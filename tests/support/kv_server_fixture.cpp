@@ -105,7 +105,10 @@ void ServerProcess::Launch() {
   std::vector<std::string> vecArguments{"--set", "server.run_dir=" + Directory(), "--set",
                                         "server.listen=127.0.0.1:" + std::to_string(m_iPort)};
   for (const std::string& strSetting : m_vecSettings) {
-    vecArguments.insert(vecArguments.end(), {"--set", strSetting});
+    if (strSetting.find('=') != std::string::npos) {
+      vecArguments.push_back("--set");
+    }
+    vecArguments.push_back(strSetting);
   }
   m_iMaster = Spawn(vecArguments);
 }

@@ -13,7 +13,7 @@
 // Destroyed, it is killed with all its processes; what it leaves is removed.
 class ServerProcess {
  public:
-  typedef std::vector<std::string> Settings_t;  // "key=value"
+  typedef std::vector<std::string> Settings_t;  // "key=value", or a configuration file
 
   // Starts the server and waits until it serves.
   explicit ServerProcess(Settings_t vecSettings = {});
