@@ -175,15 +175,17 @@ TEST_F(ShmAllocatorTest, AttachToAnotherSegmentLeavesTheFirst) {
 
 TEST_F(ShmAllocatorTest, SegmentThatIsNotReadyIsRefusedAttachedAndUntouched) {
   m_pRaw = std::make_unique<HeapImage>(m_stKey.Key(), SIZE);
-  m_pRaw->SetHalf(READY, 9693822);
-  const std::string strBefore(m_pRaw->Base(), SIZE);
-  EXPECT_EQ("", CaptureOutput(2, [&] {
-              EXPECT_FALSE(m_stHeap.Attach(m_stKey.Key(), SIZE, RESERVED, false));
-            }));
-  EXPECT_NE(nullptr, m_stHeap.m_pAddress);
-  EXPECT_EQ(2u, m_pRaw->Attachments());
-  EXPECT_EQ(SIZE, m_stHeap.m_iSize);
-  EXPECT_EQ(0, memcmp(strBefore.data(), m_pRaw->Base(), SIZE));
+  for (const uint32_t iReady : {0u, 9693822u}) {
+    m_pRaw->SetHalf(READY, iReady);
+    const std::string strBefore(m_pRaw->Base(), SIZE);
+    EXPECT_EQ("", CaptureOutput(2, [&] {
+                EXPECT_FALSE(m_stHeap.Attach(m_stKey.Key(), SIZE, RESERVED, false));
+              }));
+    EXPECT_NE(nullptr, m_stHeap.m_pAddress);
+    EXPECT_EQ(2u, m_pRaw->Attachments());
+    EXPECT_EQ(SIZE, m_stHeap.m_iSize);
+    EXPECT_EQ(0, memcmp(strBefore.data(), m_pRaw->Base(), SIZE));
+  }
 }
 
 TEST_F(ShmAllocatorTest, SegmentThatCanNotBeMappedKeepsItsIdOnly) {
