@@ -83,9 +83,8 @@ TEST(IdGeneratorTest, FreedIdsStandBetweenRefills) {
   IdGenerator stGenerator;
   EXPECT_EQ(100u, stGenerator.GetId());
   stGenerator.FreeId(100);
-  unsigned int iLast = 0;
-  while (iLast != 99 + REFILL) {
-    iLast = stGenerator.GetId();
+  for (unsigned int iId = 101; iId < 100 + REFILL; ++iId) {
+    ASSERT_EQ(iId, stGenerator.GetId());
   }
   EXPECT_EQ(100u, stGenerator.GetId());
   EXPECT_EQ(100 + REFILL, stGenerator.GetId());
@@ -102,7 +101,7 @@ TEST(IdGeneratorTest, FreedIdIsReusedAfterThoseQueuedBeforeIt) {
 }
 
 TEST(IdGeneratorTest, FreeIdChecksNothing) {
-  IdGenerator stGenerator;
+  Generator stGenerator;
   stGenerator.SetRange(1, 1);
   for (const unsigned int iId : {77u, 77u, 0u, NO_ID}) {
     stGenerator.FreeId(iId);
@@ -110,6 +109,8 @@ TEST(IdGeneratorTest, FreeIdChecksNothing) {
   EXPECT_EQ(77u, stGenerator.GetId());
   EXPECT_EQ(77u, stGenerator.GetId());
   EXPECT_EQ(0u, stGenerator.GetId());
+  ASSERT_EQ(1u, stGenerator.m_queueFreeIds.size());  // also the one that stands for none
+  EXPECT_EQ(NO_ID, stGenerator.m_queueFreeIds.front());
 }
 
 TEST(IdGeneratorTest, SetRangeKeepsWhatIsQueued) {
@@ -140,7 +141,7 @@ TEST(IdGeneratorTest, EveryIdOfARangeComesOnce) {
   stGenerator.SetRange(1000, 251000);
   std::set<unsigned int> setIds;
   for (unsigned int iId = stGenerator.GetId(); iId != NO_ID; iId = stGenerator.GetId()) {
-    EXPECT_TRUE(setIds.insert(iId).second);
+    ASSERT_TRUE(setIds.insert(iId).second) << iId;
   }
   EXPECT_EQ(250000u, setIds.size());
   EXPECT_EQ(1000u, *setIds.begin());
