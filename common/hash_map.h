@@ -44,7 +44,7 @@ extern uint64_t RESERVED_SIZE;
 //
 // Crashes: a process killed at any instruction leaves every chain whole. The one entry that was
 // being set is there or not (the old one under its key may be gone already), and one block may be
-// lost; the statistics may stand too high by that entry, never too low.
+// lost, or what ShmAllocator says; the statistics may stand too high by that entry, never too low.
 //
 // The table outlives every process.
 class HashMap : public Object {
