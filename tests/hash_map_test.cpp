@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -49,7 +50,9 @@ class HashMapTest : public ::testing::Test {
   ~HashMapTest() override { RESERVED_SIZE = DEFAULT_RESERVED; }
 
   void Make(uint64_t iBucketCount, uint64_t iSize = SIZE) {
-    ASSERT_TRUE(m_stMap.Attach(m_stKey.Key(), iSize, iBucketCount, false));
+    if (!m_stMap.Attach(m_stKey.Key(), iSize, iBucketCount, false)) {
+      throw std::runtime_error("not attached");  // ends the test, not its caller alone
+    }
     m_pRaw = std::make_unique<HeapImage>(m_stKey.Key());
   }
   // A table in which the heap has exactly this much room.

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <memory>
 #include <random>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -49,7 +50,9 @@ class Heap : public ShmAllocator {
 class ShmAllocatorTest : public ::testing::Test {
  protected:
   void Make(uint64_t iSize = SIZE, uint64_t iReserved = RESERVED) {
-    ASSERT_TRUE(m_stHeap.Attach(m_stKey.Key(), iSize, iReserved, false));
+    if (!m_stHeap.Attach(m_stKey.Key(), iSize, iReserved, false)) {
+      throw std::runtime_error("not attached");  // ends the test, not its caller alone
+    }
     m_pRaw = std::make_unique<HeapImage>(m_stKey.Key());
   }
   // A heap with exactly this much room for blocks.
@@ -385,9 +388,10 @@ TEST_F(ShmAllocatorTest, DeallocatePutsTheBlockFirstOnItsList) {
 }
 
 TEST_F(ShmAllocatorTest, LargestBlockIsFourMebibytesWithItsSizeWord) {
-  Make(HEAP_BEGIN + 2 * 4194304);
+  Make(HEAP_BEGIN + 2 * 4194304 + 16);
+  EXPECT_EQ(nullptr, m_stHeap.Allocate(4194297));  // there is room
+  EXPECT_EQ(HEAP_BEGIN, m_pRaw->Word(CURRENT_OFFSET));
   EXPECT_EQ(HEAP_BEGIN + 4194304 + 8, OffsetOf(m_stHeap.Allocate(4194296)));
-  EXPECT_EQ(nullptr, m_stHeap.Allocate(4194297));
   EXPECT_EQ(4194304u, m_pRaw->Word(HEAP_BEGIN));
   EXPECT_EQ(HEAP_BEGIN, m_pRaw->Word(ListOf(4194304)));
 }
