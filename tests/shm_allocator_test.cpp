@@ -493,6 +493,12 @@ TEST_F(ShmAllocatorTest, EightByteBlockAtTheVeryEndIsNotReadOrWrittenBeyond) {
   EXPECT_EQ(nullptr, m_stHeap.Allocate(0));
 }
 
+TEST_F(ShmAllocatorTest, EightByteBlockWhoseLinkJustFitsIsLinked) {
+  MakeWithRoom(10 * 8 + 8);
+  EXPECT_EQ(HEAP_BEGIN + 80, OffsetOf(m_stHeap.Allocate(0)));
+  EXPECT_EQ(HEAP_BEGIN + 72, OffsetOf(m_stHeap.Allocate(0)));
+}
+
 // Assertion of Deallocate, in every build type.
 
 const char ASSERTION[] = "iOffset < m_pHead->iMemorySize && iOffset > sizeof\\(uint64_t\\)";
