@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 #include <string_view>
 
 #include "internal/always_assert.h"
@@ -14,6 +15,7 @@ const size_t TAG_MARGIN = 5;
 const size_t FIELD_WIDTH = 10;
 const size_t FIGURES = 4;       // count, min, avg, max
 const size_t NUMBER_SIZE = 20;  // of the longest 64-bit number
+const size_t INDEX_SIZE = 256;  // buckets that are found without a search
 
 timeval TimeOrNow(const timeval* pTime) {
   timeval tvNow{};
@@ -33,9 +35,15 @@ void AppendField(std::string& strTable, size_t iWidth, std::string_view strText)
 }
 
 void AppendNumber(std::string& strTable, uint64_t iNumber) {
-  char szNumber[NUMBER_SIZE];
-  const char* pEnd = std::to_chars(szNumber, szNumber + sizeof(szNumber), iNumber).ptr;
-  AppendField(strTable, FIELD_WIDTH, {szNumber, static_cast<size_t>(pEnd - szNumber)});
+  char szField[NUMBER_SIZE];
+  memset(szField, ' ', sizeof(szField));
+  char* pEnd = szField + sizeof(szField);
+  char* pDigit = pEnd;
+  do {
+    *--pDigit = static_cast<char>('0' + iNumber % 10);
+    iNumber /= 10;
+  } while (iNumber != 0);
+  strTable.append(std::min(pDigit, pEnd - FIELD_WIDTH), pEnd);
 }
 
 void AppendLabel(std::string& strTable, unsigned int iBegin, unsigned int iEnd) {
@@ -59,6 +67,20 @@ void AppendItem(std::string& strTable, const StatItem_t& stItem, unsigned int iM
   }
 }
 
+// Finds or makes the count of a bucket. A map's entries keep their addresses.
+unsigned int& CountOf(std::map<unsigned int, unsigned int>& mapInterval,
+                      std::vector<unsigned int*>& vecIndex, unsigned int iKey) {
+  if (iKey < vecIndex.size() && vecIndex[iKey] != nullptr) {
+    return *vecIndex[iKey];
+  }
+  unsigned int& iCount = mapInterval[iKey];
+  if (iKey < INDEX_SIZE) {
+    vecIndex.resize(std::max(vecIndex.size(), size_t{iKey} + 1));
+    vecIndex[iKey] = &iCount;
+  }
+  return iCount;
+}
+
 }  // namespace
 
 void DelayStat::SetInterval(unsigned int iMax, unsigned int iInterval, unsigned int /*iUnused*/) {
@@ -70,15 +92,15 @@ void DelayStat::PushData(const char* pTag, unsigned int iValue) {
   const std::string_view strTag(pTag);
   auto itItem = m_mapData.find(strTag);
   if (itItem == m_mapData.end()) {
-    itItem = m_mapData.emplace(strTag, StatItem_t()).first;
+    itItem = m_mapData.try_emplace(pTag).first;
   }
-  StatItem_t& stItem = itItem->second;
+  IndexedItem_t& stItem = itItem->second;
   stItem.iMin = std::min(stItem.iMin, iValue);
   ++stItem.iCount;
   stItem.iMax = std::max(stItem.iMax, iValue);
   stItem.iTotal += iValue;
   const unsigned int iKey = std::min(iValue, m_iMax) / m_iInterval;
-  ++stItem.mapInterval[iKey];
+  ++CountOf(stItem.mapInterval, stItem.vecIndex, iKey);
   m_iTagMaxSize = std::max(m_iTagMaxSize, static_cast<unsigned int>(strTag.size()));
   m_iMaxKey = std::max(m_iMaxKey, iKey);
 }

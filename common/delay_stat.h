@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "object.h"
 
@@ -35,9 +36,13 @@ struct TempData_t {
 //
 // Tags, identifiers and sessions are C strings, copied where they are kept. What is unknown is
 // ignored. A measurement or session that is never ended stays as long as the object. Not locked:
-// one thread. Dump() writes nothing.
+// one thread. Not copyable. Dump() writes nothing.
 class DelayStat : public Object {
  public:
+  DelayStat() = default;
+  DelayStat(const DelayStat&) = delete;
+  DelayStat& operator=(const DelayStat&) = delete;
+
   // Bucket k holds [k * iInterval, (k + 1) * iInterval); values from iMax on share bucket
   // iMax / iInterval. At first 2000 and 50. iInterval must not be 0; the third number is unused.
   // For an object without samples: those it has stay in their buckets, under other labels.
@@ -84,12 +89,22 @@ class DelayStat : public Object {
   void Dump(int iFD) override;
 
  protected:
+  // An item with the addresses of the counts in its mapInterval, so that a sample need not search
+  // there; null or out of range: not known. Nothing may be erased from mapInterval alone.
+  struct IndexedItem_t : StatItem_t {
+    IndexedItem_t() = default;
+    IndexedItem_t(const IndexedItem_t&) = delete;
+    IndexedItem_t& operator=(const IndexedItem_t&) = delete;
+
+    std::vector<unsigned int*> vecIndex;
+  };
+
   unsigned int m_iMax = 2000;
   unsigned int m_iInterval = 50;
   unsigned int m_iTagMaxSize = 0;  // since the last Clear(), as is m_iMaxKey
   unsigned int m_iMaxKey = 0;      // the highest bucket in use
   // std::less<> finds a tag without making a string of it.
-  std::map<std::string, StatItem_t, std::less<>> m_mapData;
+  std::map<std::string, IndexedItem_t, std::less<>> m_mapData;
   std::map<std::string, TempData_t, std::less<>> m_mapTempData;  // by identifier
   // By session, the time of each step.
   std::map<std::string, std::map<unsigned int, timeval>, std::less<>> m_mapSessionData;

@@ -150,6 +150,28 @@ TEST_F(DelayStatTest, MaxThatIsNoMultipleSharesItsBucketWithTheLastValues) {
   EXPECT_EQ((Buckets{{9, 1}, {10, 4}}), Item("tag").mapInterval);
 }
 
+TEST_F(DelayStatTest, BucketsFarUpAreCountedLikeOthers) {
+  SetInterval(4294967295u, 1, 0);
+  for (int i = 0; i < 3; ++i) {
+    for (const unsigned int iValue : {0u, 254u, 255u, 256u, 257u, 4294967295u}) {
+      PushData("tag", iValue);
+    }
+  }
+  EXPECT_EQ((Buckets{{0, 3}, {254, 3}, {255, 3}, {256, 3}, {257, 3}, {4294967295u, 3}}),
+            Item("tag").mapInterval);
+  EXPECT_EQ(4294967295u, m_iMaxKey);
+}
+
+TEST_F(DelayStatTest, BucketsAreCountedAnewAfterClear) {
+  for (int i = 0; i < 2; ++i) {
+    PushData("tag", 60);
+    PushData("tag", 10);
+    PushData("tag", 60);
+    EXPECT_EQ((Buckets{{0, 1}, {1, 2}}), Item("tag").mapInterval);
+    Clear();
+  }
+}
+
 TEST_F(DelayStatTest, DifferenceTakesSecondsAndMicrosecondsApart) {
   EXPECT_EQ(1, DiffTimeValue(At(1, 999999), At(2, 0)));
   EXPECT_EQ(1000, DiffTimeValue(At(1, 999), At(2, 0)));
