@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -310,8 +311,10 @@ TEST_F(AIOUtilTest, FailedSubmissionGivesItsControlBlockBack) {
   iocb* pBlock = m_pAIO->NewIOCB();
   m_pAIO->FreeIOCB(pBlock);
   ASSERT_EQ(-EBADF, m_pAIO->SubmitSyncRequest(-1, 1));
+  void* pOther = malloc(sizeof(iocb));  // would get the memory of a block that was freed
   EXPECT_EQ(pBlock, m_pAIO->NewIOCB());
   m_pAIO->FreeIOCB(pBlock);
+  free(pOther);
 }
 
 TEST_F(AIOUtilTest, FinishedRequestGivesItsControlBlockBack) {
