@@ -21,7 +21,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
@@ -39,7 +38,6 @@ std::string g_strFile;
 
 [[noreturn]] void Fail(const char* pWhat) {
   perror(pWhat);
-  std::filesystem::remove(g_strFile);
   exit(1);
 }
 
@@ -232,6 +230,7 @@ void Register(const std::string& strName) {
 void MakeFile() {
   g_strFile = "aio_bench." + std::to_string(getpid());
   const int iFD = open(g_strFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  atexit([] { unlink(g_strFile.c_str()); });
   const std::string strZeros(BLOCKS * WRITE_SIZE, '\0');
   if (iFD == -1 || write(iFD, strZeros.data(), strZeros.size()) == -1 || fsync(iFD) != 0) {
     Fail("the file");
@@ -251,7 +250,5 @@ int main(int argc, char** argv) {
   } else {
     printf("io_uring is switched off on this system\n");
   }
-  const int iResult = RunWithRatios(argc, argv);
-  std::filesystem::remove(g_strFile);
-  return iResult;
+  return RunWithRatios(argc, argv);
 }
