@@ -19,6 +19,11 @@
 
 #include "class_factory.h"
 
+// DESIGN. The text form is that of libcrypto's base64 filter BIO, of which this source takes only
+// the decoder, and only for text that Encode() did not write. A chain of BIOs costs more than a
+// short text and goes byte by byte through a long one; the same lines come from libcrypto's block
+// functions, 48 bytes at a time. The tests hold both against the chain, on a million random inputs.
+
 const std::string METHOD_KEY = "_METHOD_KEY_";
 
 namespace {
@@ -108,6 +113,50 @@ size_t PairsSize(const std::multimap<std::string, std::string>& mapPairs) {
     iSize += FieldSize(strKey) + FieldSize(strValue);
   }
   return iSize;
+}
+
+// Decodes whole lines as Encode() writes them; false when anything is different from that.
+bool DecodeLines(const std::string& strText, std::string& strBytes) {
+  const size_t iData = strText.find_last_not_of('=') + 1;
+  const size_t iPadding = strText.size() - iData;
+  if (iPadding > 2 || strText.find('=') < iData) {
+    return false;
+  }
+  strBytes.resize(strText.size() / 4 * 3);
+  const auto* pIn = reinterpret_cast<const unsigned char*>(strText.data());
+  auto* pOut = reinterpret_cast<unsigned char*>(strBytes.data());
+  size_t iBytes = 0;
+  for (size_t i = 0; i < strText.size(); i += LINE_CHARACTERS + 1) {
+    const size_t iCount = std::min(LINE_CHARACTERS, strText.size() - i);
+    const size_t iEnd = i + iCount;
+    const size_t iLine = iCount / 4 * 3;
+    if (iCount % 4 != 0 || (iEnd < strText.size() && strText[iEnd] != '\n') ||
+        EVP_DecodeBlock(pOut + iBytes, pIn + i, static_cast<int>(iCount)) !=
+            static_cast<int>(iLine)) {
+      return false;
+    }
+    iBytes += iLine;
+  }
+  strBytes.resize(iBytes - iPadding);
+  return true;
+}
+
+// Decodes any text as far as libcrypto's filter understands it.
+std::string DecodeByChain(const std::string& strText) {
+  if (strText.size() > INT_MAX - 2) {
+    return "";
+  }
+  const std::string strLines = strText + '\n';
+  Chain_t pSource(BIO_new_mem_buf(strLines.data(), static_cast<int>(strLines.size())));
+  const Chain_t pFilter(BIO_new(BIO_f_base64()));
+  if (pSource == nullptr || pFilter == nullptr) {
+    return "";
+  }
+  BIO_push(pFilter.get(), pSource.release());
+  std::string strBytes(strText.size() + 2, '\0');
+  const int iCount = BIO_read(pFilter.get(), strBytes.data(), static_cast<int>(strBytes.size()));
+  strBytes.resize(static_cast<size_t>(std::max(iCount, 0)));
+  return strBytes;
 }
 
 // Null when the name is unknown, or when its objects are no methods.
@@ -228,7 +277,8 @@ bool LongActionMethod::Parse(const char* pBuffer, unsigned int iLength) {
     }
     if (iState == VALUE) {
       // Serialised pairs come in ascending order; the hint keeps equal keys in arrival order.
-      m_mapParams.emplace_hint(m_mapParams.end(), std::move(strKey), std::move(strValue));
+      m_mapParams.emplace_hint(m_mapParams.end(), std::exchange(strKey, {}),
+                               std::exchange(strValue, {}));
     }
   }
   return true;
@@ -267,7 +317,6 @@ void LongActionMethod::Execute(const char* pBuffer, unsigned int iLength) {
   m_iResultCode = m_pRealMethod->Do();
 }
 
-// The text that a chain of libcrypto's base64 filter BIO and a memory BIO gives, without the chain.
 std::string LongActionMethod::Encode(const std::string& strBytes) {
   const size_t iLines = (strBytes.size() + LINE_BYTES - 1) / LINE_BYTES;
   const size_t iQuads = (strBytes.size() + 2) / 3;
@@ -286,20 +335,8 @@ std::string LongActionMethod::Encode(const std::string& strBytes) {
 }
 
 std::string LongActionMethod::Decode(const std::string& strText) {
-  if (strText.size() > INT_MAX - 2) {
-    return "";
-  }
-  const std::string strLines = strText + '\n';
-  Chain_t pSource(BIO_new_mem_buf(strLines.data(), static_cast<int>(strLines.size())));
-  const Chain_t pFilter(BIO_new(BIO_f_base64()));
-  if (pSource == nullptr || pFilter == nullptr) {
-    return "";
-  }
-  BIO_push(pFilter.get(), pSource.release());
-  std::string strBytes(strText.size() + 2, '\0');
-  const int iCount = BIO_read(pFilter.get(), strBytes.data(), static_cast<int>(strBytes.size()));
-  strBytes.resize(static_cast<size_t>(std::max(iCount, 0)));
-  return strBytes;
+  std::string strBytes;
+  return DecodeLines(strText, strBytes) ? strBytes : DecodeByChain(strText);
 }
 
 int LongActionMethod::EncodeToStdout(const std::string& strBytes) {
@@ -327,7 +364,7 @@ int LongActionUtil::Perform(LongActionMethod* pMethod, unsigned int iMachineID,
       !Watch(m_iEpollFD, pResponse->fd_stderr[0]) || !Launch(pMethod, pResponse.get())) {
     return -1;
   }
-  pResponse.release();
+  static_cast<void>(pResponse.release());  // it is in the tables now
   return 0;
 }
 
@@ -342,7 +379,7 @@ int LongActionUtil::Perform2(LongActionMethod* pMethod, unsigned int iMachineID,
   if (!Launch(pMethod, pResponse.get())) {
     return -1;
   }
-  pResponse.release();
+  static_cast<void>(pResponse.release());  // it is in the tables now
   return 0;
 }
 

@@ -106,8 +106,8 @@ class LongActionMethod : public Object {
   // Base64 in lines of 64 characters, without a newline at the end; "" for "".
   static std::string Encode(const std::string& strBytes);
 
-  // The bytes of what Encode() made. Of another text, what the decoder of libcrypto makes of it;
-  // "" when that is nothing, and for texts of 2 GiB and more.
+  // The bytes of what Encode() made. Of another text, what the base64 filter of libcrypto reads
+  // from it, with a newline added: "" when that is nothing, and always from 2 GiB on.
   static std::string Decode(const std::string& strText);
 
   // Writes the encoded bytes to descriptor 1 or 2 in one write(), which may block on a full pipe.
@@ -171,9 +171,11 @@ struct pid_retcode_t {
 //   read ends are dry, then PollChild() until it is null. Each response is the host's to delete.
 //
 // A host that reaps its children itself calls ChildExit(pid, exit code) in place of the last line;
-// null says that the child was none of these. IsLongAction() tells that too, but not for ever: a
-// slot that ChildExit() leaves in use stays so (deliberately), and only 1000 children have one.
-// With a SIGCHLD handler that reaps all and keeps no status, nothing here ever learns of an end.
+// null says that the child was none of these. IsLongAction() tells that too, but it sweeps: poll
+// afterwards for children whose codes it took. Deliberately, ChildExit() frees no slot: the pid
+// stays known, the sweep waits for whoever gets its number next, and after 1000 such children
+// further ones have no slot. With signal_init(), whose handler reaps all and keeps no status, the
+// sweep learns nothing: the host finds out by itself who has ended, and calls ChildExit().
 //
 // The child is a copy of the host. It gets standard output and error, SIGCHLD's default and nothing
 // else: every other descriptor stays open in it, connections, queues and the epoll set included,
