@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "long_action_fixture.h"
+#include "process_util.h"
 
 namespace {
 
@@ -82,9 +83,9 @@ TEST_F(LongActionLoadTest, AThousandActionsLeaveNoDescriptorAndNoChild) {
     std::vector<pid_t> vecPids;
     for (int j = 0; j < 50; ++j) {
       vecPids.push_back(Start(
-          [j] {
+          [j]() -> int {
             WriteText(1, std::to_string(j));
-            return j;
+            _exit(j);  // sooner over than exit()
           },
           static_cast<unsigned int>(j)));
     }
@@ -104,7 +105,7 @@ TEST_F(LongActionLoadTest, HostThatReapsItselfFinishesMoreChildrenThanThereAreSl
   const int iOpen = OpenDescriptors();
   for (size_t i = 0; i < SWEPT_CHILDREN + 50; i += 50) {
     for (int j = 0; j < 50; ++j) {
-      Start([] { return 0; });
+      Start([]() -> int { _exit(0); });
     }
     for (const int iPid : m_stUtil.EnumAllChildren()) {
       WaitAndReap(iPid);
@@ -113,6 +114,37 @@ TEST_F(LongActionLoadTest, HostThatReapsItselfFinishesMoreChildrenThanThereAreSl
   }
   EXPECT_FALSE(m_stUtil.IsLongAction(0, 0));  // every slot stays in use
   EXPECT_EQ(iOpen, OpenDescriptors());
+}
+
+// With signal_init() the handler reaps every child and keeps no status: the sweep learns nothing,
+// and the host finishes its children through ChildExit().
+class HostWithSignalInitTest : public LongActionFixture {
+ protected:
+  static bool IsGone(pid_t iPid) { return kill(iPid, 0) == -1 && errno == ESRCH; }
+
+  // Runs in a child of the test, whose handlers are its own.
+  bool SweepLearnsNothingAndChildExitFinishes() {
+    signal_init();
+    const int iOpen = OpenDescriptors();
+    const pid_t iPid = Start([] {
+      WriteText(1, "done");
+      return 3;
+    });
+    if (!WaitUntil([&] { return IsGone(iPid); })) {
+      return false;
+    }
+    const bool bKnown = m_stUtil.IsLongAction(iPid, 0);
+    const bool bPolled = Poll() != nullptr;
+    Drain();
+    const Response_t pResponse = Exit(iPid, 3);
+    return bKnown && !bPolled && pResponse != nullptr && pResponse->strStdOut == "done" &&
+           pResponse->iRetcode == 3 && OpenDescriptors() == iOpen;
+  }
+};
+
+TEST_F(HostWithSignalInitTest, SweepLearnsNothingAndChildExitFinishesTheChild) {
+  ForkedPeer stPeer([this] { return SweepLearnsNothingAndChildExitFinishes() ? 0 : 1; });
+  EXPECT_EQ(0, stPeer.Wait());
 }
 
 }  // namespace

@@ -44,6 +44,18 @@ TEST_F(LongActionUtilTest, ResponseHasOutputErrorsCodeAndTags) {
   EXPECT_EQ(nullptr, pResponse->event_stderr);
 }
 
+TEST_F(LongActionUtilTest, NextChildWithTheSameDescriptorsIsHeardToo) {
+  for (const char* pText : {"first", "second"}) {
+    const pid_t iPid = Start([=] {
+      WriteText(1, pText);
+      return 0;
+    });
+    WaitForEnd(iPid);
+    EXPECT_EQ(1, Turn());
+    EXPECT_EQ(pText, Finish(iPid)->strStdOut);
+  }
+}
+
 TEST_F(LongActionUtilTest, ExitCodeIsTheLowByteOfTheResult) {
   EXPECT_EQ(0, Run([] { return 256; })->iRetcode);
   EXPECT_EQ(255, Run([] { return -1; })->iRetcode);
