@@ -31,10 +31,11 @@
 
 namespace {
 
-using Items = std::multimap<std::string, std::string>;
+typedef std::multimap<std::string, std::string> Items_t;
 
 const char BLANKS[] = "\n\t ";
 const size_t KEY_SIZE = 256;
+const size_t MIN_SLOTS = 64;
 
 // Results of StringValue(). Storage for twice as many is reserved, deliberately; a pointer lives
 // for RING_SLOTS later calls.
@@ -114,14 +115,6 @@ Document Parse(const char* pBuffer, size_t iLength) {
 
 const char* Text(const xmlChar* pText) { return reinterpret_cast<const char*>(pText); }
 
-std::string JoinKey(const char* pPrefix, const xmlChar* pName) {
-  std::string strKey;
-  if (pPrefix != nullptr) {
-    strKey.append(pPrefix).append(1, '.');
-  }
-  return strKey.append(Text(pName));
-}
-
 std::string TrimmedText(const xmlNode* pText) {
   std::string strText = Text(pText->content);
   Trim(strText, BLANKS);
@@ -137,6 +130,74 @@ std::string AttributeContent(const xmlAttr* pAttribute) {
   }
   return pChild != nullptr ? TrimmedText(pChild) : "";
 }
+
+std::string ElementContent(const xmlNode* pElement) {
+  std::string strContent;
+  for (const xmlNode* pChild = pElement->children; pChild != nullptr; pChild = pChild->next) {
+    if (pChild->type == XML_TEXT_NODE) {
+      strContent += TrimmedText(pChild);
+    }
+  }
+  return strContent;
+}
+
+// Appends what stands in a tree to a map.
+class Flattener {
+ public:
+  Flattener(Items_t& mapItems, const char* pPrefix) : m_mapItems(mapItems) {
+    if (pPrefix != nullptr) {
+      m_strKey = pPrefix;
+    }
+  }
+
+  void Elements(const xmlNode* pNode) {
+    const size_t iLength = m_strKey.size();
+    for (const xmlNode* pChild = pNode->children; pChild != nullptr; pChild = pChild->next) {
+      if (pChild->type == XML_ELEMENT_NODE) {
+        Append(pChild->name);
+        std::string strContent = ElementContent(pChild);
+        if (!strContent.empty()) {
+          Insert(std::move(strContent));
+        }
+        Properties(pChild);
+        Elements(pChild);
+        m_strKey.resize(iLength);
+      }
+    }
+  }
+
+  void Properties(const xmlNode* pNode) {
+    const size_t iLength = m_strKey.size();
+    for (const xmlAttr* pAttribute = pNode->properties; pAttribute != nullptr;
+         pAttribute = pAttribute->next) {
+      Append(pAttribute->name);
+      Insert(AttributeContent(pAttribute));
+      m_strKey.resize(iLength);
+    }
+  }
+
+ private:
+  void Append(const xmlChar* pName) {
+    if (!m_strKey.empty()) {
+      m_strKey += '.';
+    }
+    m_strKey += Text(pName);
+  }
+
+  // Behind all of the same key. Documents are mostly sorted in places, so that the place is often
+  // right behind the last.
+  void Insert(std::string strValue) {
+    const auto itNext = m_itLast != m_mapItems.end() ? std::next(m_itLast) : m_itLast;
+    const bool bBehindLast = m_itLast != m_mapItems.end() && m_itLast->first <= m_strKey &&
+                             (itNext == m_mapItems.end() || m_strKey < itNext->first);
+    m_itLast = bBehindLast ? m_mapItems.emplace_hint(itNext, m_strKey, std::move(strValue))
+                           : m_mapItems.emplace(m_strKey, std::move(strValue));
+  }
+
+  Items_t& m_mapItems;
+  Items_t::iterator m_itLast = m_mapItems.end();
+  std::string m_strKey;  // of the node at hand
+};
 
 bool IsAscii(const std::string& strText) {
   for (const char cByte : strText) {
@@ -176,28 +237,84 @@ class FormattedKey {
 
 // One load with all that it includes.
 struct Config::Includes {
-  struct Directive {
-    const std::string* pValue;
-    bool bConstant;         // without references: one path for the whole load
-    bool bSettled = false;  // constant, and followed
-  };
+  // The value of a directive, and whether it has references.
+  using Directives = std::multimap<std::string_view, std::pair<const std::string*, bool>>;
 
   explicit Includes(std::set<std::string>& setPaths) : setFollowed(setPaths) {}
 
   // Takes up the directives among new items, behind those of the same key.
-  void Note(const Items& mapItems) {
+  void Note(const Items_t& mapItems) {
     for (const auto& [strKey, strValue] : mapItems) {
-      Reference stIgnored{};
       if (IsDirective(strKey)) {
-        mapDirectives.emplace(strKey,
-                              Directive{&strValue, !g_stReferences.Find(strValue, stIgnored)});
+        Reference stIgnored{};
+        const bool bVariable = g_stReferences.Find(strValue, stIgnored);
+        bAnyVariable |= bVariable;
+        mapDirectives.emplace(strKey, std::make_pair(&strValue, bVariable));
       }
     }
   }
 
   std::set<std::string>& setFollowed;
-  std::multimap<std::string_view, Directive> mapDirectives;  // in the order of the items
+  // In the order of the items; those without references leave when they are followed.
+  Directives mapDirectives;
+  bool bAnyVariable = false;
 };
+
+Config::Index& Config::Index::operator=(const Index& /*stOther*/) {
+  Clear();
+  return *this;
+}
+
+void Config::Index::Clear() {
+  m_vecSlots.clear();
+  m_iItems = 0;
+}
+
+// The slot of a key, or the free one where it would stand.
+size_t Config::Index::Place(std::string_view svKey, size_t iHash) const {
+  const size_t iMask = m_vecSlots.size() - 1;
+  size_t iSlot = iHash & iMask;
+  while (m_vecSlots[iSlot].pItem != nullptr &&
+         (m_vecSlots[iSlot].iHash != iHash || m_vecSlots[iSlot].pItem->first != svKey)) {
+    iSlot = (iSlot + 1) & iMask;
+  }
+  return iSlot;
+}
+
+void Config::Index::Grow(size_t iItems) {
+  size_t iSlots = MIN_SLOTS;
+  while (iSlots < iItems * 2) {
+    iSlots *= 2;
+  }
+  std::vector<Slot> vecOld(iSlots);
+  vecOld.swap(m_vecSlots);
+  for (const Slot& stSlot : vecOld) {
+    if (stSlot.pItem != nullptr) {
+      m_vecSlots[Place(stSlot.pItem->first, stSlot.iHash)] = stSlot;
+    }
+  }
+}
+
+void Config::Index::Add(const Items_t& mapNew) {
+  m_iItems += mapNew.size();
+  if (m_iItems * 2 > m_vecSlots.size()) {
+    Grow(m_iItems);
+  }
+  for (const Item_t& stItem : mapNew) {
+    const size_t iHash = std::hash<std::string_view>()(stItem.first);
+    Slot& stSlot = m_vecSlots[Place(stItem.first, iHash)];
+    if (stSlot.pItem == nullptr) {
+      stSlot = {iHash, &stItem};
+    }
+  }
+}
+
+const Config::Index::Item_t* Config::Index::Find(std::string_view svKey) const {
+  if (m_vecSlots.empty()) {
+    return nullptr;
+  }
+  return m_vecSlots[Place(svKey, std::hash<std::string_view>()(svKey))].pItem;
+}
 
 int Config::LoadFromFile(const char* pPath, std::set<std::string>* pIncludes) {
   std::set<std::string> setOwn;
@@ -235,9 +352,10 @@ bool Config::Merge(const char* pBuffer, size_t iLength, Includes& stIncludes) {
   if (pRoot == nullptr) {
     return false;
   }
-  Items mapNew;
+  Items_t mapNew;
   EnumElements(pRoot, nullptr, mapNew);
   stIncludes.Note(mapNew);
+  m_stIndex.Add(mapNew);
   if (m_mapItems.empty()) {
     m_mapItems.swap(mapNew);
   } else {
@@ -247,23 +365,31 @@ bool Config::Merge(const char* pBuffer, size_t iLength, Includes& stIncludes) {
 }
 
 int Config::FollowAll(Includes& stIncludes) {
-  std::vector<std::pair<const Includes::Directive*, std::string>> vecVariable;
-  for (const auto& [strKey, stDirective] : stIncludes.mapDirectives) {
-    if (!stDirective.bConstant) {
-      vecVariable.emplace_back(&stDirective, TranslateValue(stDirective.pValue->c_str()));
+  std::vector<std::pair<const std::string*, std::string>> vecVariable;
+  if (stIncludes.bAnyVariable) {
+    for (const auto& [svKey, stDirective] : stIncludes.mapDirectives) {
+      if (stDirective.second) {
+        vecVariable.emplace_back(stDirective.first, TranslateValue(stDirective.first->c_str()));
+      }
     }
   }
   auto itVariable = vecVariable.begin();
-  // Those that nested loads add on the way are done: such a load has followed them itself.
-  for (auto& [strKey, stDirective] : stIncludes.mapDirectives) {
-    const std::string* pValue = nullptr;
-    if (stDirective.bConstant) {
-      pValue = std::exchange(stDirective.bSettled, true) ? nullptr : stDirective.pValue;
-    } else if (itVariable != vecVariable.end() && itVariable->first == &stDirective) {
-      pValue = &(itVariable++)->second;
+  for (auto it = stIncludes.mapDirectives.begin(); it != stIncludes.mapDirectives.end();) {
+    const auto [pValue, bVariable] = it->second;
+    const std::string* pPath = pValue;
+    if (bVariable) {
+      // One that a nested load has brought in was followed there.
+      const bool bKnown = itVariable != vecVariable.end() && itVariable->first == pValue;
+      pPath = bKnown ? &(itVariable++)->second : nullptr;
+      ++it;
+    } else {
+      stIncludes.mapDirectives.erase(it);
     }
-    if (pValue != nullptr && Follow(PreProcessPath(*pValue), stIncludes) != 0) {
+    if (pPath != nullptr && Follow(PreProcessPath(*pPath), stIncludes) != 0) {
       return -1;
+    }
+    if (!bVariable) {
+      it = stIncludes.mapDirectives.begin();  // a nested load may have taken the next ones
     }
   }
   return 0;
@@ -287,7 +413,10 @@ void Config::Refresh() {
   LoadFromFile(strPath.c_str());
 }
 
-void Config::Clear() { m_mapItems.clear(); }
+void Config::Clear() {
+  m_stIndex.Clear();
+  m_mapItems.clear();
+}
 
 void Config::Dump(int iFD) {
   for (const auto& [strKey, strValue] : m_mapItems) {
@@ -295,13 +424,28 @@ void Config::Dump(int iFD) {
   }
 }
 
+const std::string* Config::FirstValue(const char* pKey) const {
+  if (m_stIndex.Items() != m_mapItems.size()) {  // this object is a copy
+    m_stIndex.Clear();
+    m_stIndex.Add(m_mapItems);
+  }
+  const Index::Item_t* pItem = m_stIndex.Find(pKey);
+  return pItem != nullptr ? &pItem->second : nullptr;
+}
+
 const char* Config::StringValue(const char* pKey) const {
-  const auto itItem = m_mapItems.lower_bound(pKey);
-  if (itItem == m_mapItems.end() || itItem->first != pKey) {
+  const std::string* pRaw = FirstValue(pKey);
+  if (pRaw == nullptr) {
     return "";
   }
-  std::string strValue = TranslateValue(itItem->second.c_str());  // may take slots before this
-  return NextSlot().assign(std::move(strValue)).c_str();
+  Reference stFound{};
+  if (!g_stReferences.Find(*pRaw, stFound)) {
+    return NextSlot().assign(*pRaw).c_str();  // in the memory of an earlier result
+  }
+  std::string strValue = *pRaw;
+  g_stReferences.Replace(strValue, stFound,
+                         [this](const std::string& strName) { return MacroOrValue(strName); });
+  return NextSlot().assign(std::move(strValue)).c_str();  // references took their slots before
 }
 
 int64_t Config::IntValue(const char* pKey) const {
@@ -327,7 +471,7 @@ std::vector<int64_t> Config::IntValues(const std::string& strKey) const {
 }
 
 std::multimap<std::string, std::string> Config::EnumValues(const std::string& strPattern) const {
-  Items mapFound;
+  Items_t mapFound;
   SimpleFilter stFilter;
   if (stFilter.SetRegular(strPattern.c_str()) != 0) {
     return mapFound;
@@ -373,10 +517,13 @@ std::vector<int64_t> Config::vIntValues(const char* pFormat, ...) const {
 }
 
 std::string Config::TranslateValue(const char* pText) const {
-  return g_stReferences.Translate(pText, [this](const std::string& strName) -> std::string {
-    const auto itMacro = m_mapMacros.find(strName);
-    return itMacro != m_mapMacros.end() ? itMacro->second : StringValue(strName.c_str());
-  });
+  return g_stReferences.Translate(
+      pText, [this](const std::string& strName) { return MacroOrValue(strName); });
+}
+
+const char* Config::MacroOrValue(const std::string& strName) const {
+  const auto itMacro = m_mapMacros.find(strName);
+  return itMacro != m_mapMacros.end() ? itMacro->second.c_str() : StringValue(strName.c_str());
 }
 
 void Config::SetMacroVariable(const char* pName, const char* pValue) {
@@ -392,37 +539,17 @@ const char* Config::GetMacroVariable(const char* pName) const {
   return itMacro != m_mapMacros.end() ? itMacro->second.c_str() : "";
 }
 
-void Config::EnumElements(xmlNode* pNode, const char* pPrefix, Items& mapItems) {
-  for (xmlNode* pChild = pNode->children; pChild != nullptr; pChild = pChild->next) {
-    if (pChild->type != XML_ELEMENT_NODE) {
-      continue;
-    }
-    const std::string strKey = JoinKey(pPrefix, pChild->name);
-    std::string strValue = GetElementContent(pChild);
-    if (!strValue.empty()) {
-      mapItems.emplace(strKey, std::move(strValue));
-    }
-    EnumProperties(pChild, strKey.c_str(), mapItems);
-    EnumElements(pChild, strKey.c_str(), mapItems);
-  }
+void Config::EnumElements(xmlNode* pNode, const char* pPrefix, Items_t& mapItems) {
+  Flattener(mapItems, pPrefix).Elements(pNode);
 }
 
-void Config::EnumProperties(xmlNode* pNode, const char* pPrefix, Items& mapItems) {
-  for (const xmlAttr* pAttribute = pNode->properties; pAttribute != nullptr;
-       pAttribute = pAttribute->next) {
-    mapItems.emplace(JoinKey(pPrefix, pAttribute->name), AttributeContent(pAttribute));
-  }
+void Config::EnumProperties(xmlNode* pNode, const char* pPrefix, Items_t& mapItems) {
+  Flattener(mapItems, pPrefix).Properties(pNode);
 }
 
 std::string Config::GetElementContent(xmlNode* pCurrNode) {
   assert(pCurrNode->type == XML_ELEMENT_NODE);
-  std::string strContent;
-  for (const xmlNode* pChild = pCurrNode->children; pChild != nullptr; pChild = pChild->next) {
-    if (pChild->type == XML_TEXT_NODE) {
-      strContent += TrimmedText(pChild);
-    }
-  }
-  return strContent;
+  return ElementContent(pCurrNode);
 }
 
 std::string Config::PreProcessPath(const std::string& strPath) {

@@ -6,6 +6,8 @@
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "object.h"
@@ -111,14 +113,47 @@ class Config : public Object {
  private:
   struct Includes;
 
+  // A hash table of the first item of each key. It refers to the items of one object, so a copy
+  // begins empty and is filled by the first lookup.
+  class Index {
+   public:
+    typedef std::pair<const std::string, std::string> Item_t;
+
+    Index() = default;
+    Index(const Index& /*stOther*/) {}
+    Index& operator=(const Index& /*stOther*/);
+    ~Index() = default;
+
+    // Takes up items behind those of the same key.
+    void Add(const std::multimap<std::string, std::string>& mapNew);
+    void Clear();
+    // How many items were added.
+    size_t Items() const { return m_iItems; }
+    const Item_t* Find(std::string_view svKey) const;
+
+   private:
+    struct Slot {
+      size_t iHash;
+      const Item_t* pItem;  // null: the slot is free
+    };
+    size_t Place(std::string_view svKey, size_t iHash) const;
+    void Grow(size_t iItems);
+
+    std::vector<Slot> m_vecSlots;  // a power of two, at least twice the items
+    size_t m_iItems = 0;
+  };
+
   int LoadFile(const char* pPath, Includes& stIncludes);
   bool Merge(const char* pBuffer, size_t iLength, Includes& stIncludes);
   int FollowAll(Includes& stIncludes);
   int Follow(const std::string& strPath, Includes& stIncludes);
+  const std::string* FirstValue(const char* pKey) const;
+  const char* MacroOrValue(const std::string& strName) const;
 
   std::string m_strFilename;  // last loaded by LoadFromFile(), "" after a failure
   std::multimap<std::string, std::string> m_mapItems;
   std::map<std::string, std::string> m_mapMacros;
+  mutable Index m_stIndex;
 };
 
 #endif

@@ -222,6 +222,46 @@ TEST_F(ConfigTest, ClearRemovesItemsAndKeepsMacros) {
   EXPECT_STREQ("2", m_stConfig.GetMacroVariable("m"));
 }
 
+TEST_F(ConfigTest, CopyHasItemsOfItsOwn) {
+  auto pOriginal = std::make_unique<Config>();
+  ASSERT_EQ(0, pOriginal->LoadFromMemory("<r><a>1</a></r>", 15, nullptr));
+  EXPECT_STREQ("1", pOriginal->StringValue("a"));
+  const Config stCopy(*pOriginal);
+  ASSERT_EQ(0, Load("<b>2</b>"));
+  m_stConfig = *pOriginal;
+  pOriginal.reset();
+  EXPECT_STREQ("1", stCopy.StringValue("a"));
+  EXPECT_STREQ("1", m_stConfig.StringValue("a"));
+  EXPECT_STREQ("", m_stConfig.StringValue("b"));
+}
+
+TEST_F(ConfigTest, EveryOneOfManyKeysIsFound) {
+  const int KEYS = 3000;
+  std::string strContent;
+  for (int i = 0; i < KEYS; ++i) {
+    const std::string strName = "k" + std::to_string(i * 7919 % KEYS);
+    strContent += "<" + strName + ">" + strName + "</" + strName + ">";
+  }
+  ASSERT_EQ(0, Load(strContent.substr(0, strContent.find("<k5>"))));
+  ASSERT_EQ(0, Load(strContent.substr(strContent.find("<k5>"))));
+  EXPECT_EQ(static_cast<size_t>(KEYS), m_stConfig.AllItems().size());
+  for (const auto& [strKey, strValue] : m_stConfig.AllItems()) {
+    ASSERT_EQ(strKey, m_stConfig.StringValue(strKey.c_str()));
+  }
+  EXPECT_STREQ("", m_stConfig.StringValue("k3000"));
+}
+
+TEST_F(ConfigTest, FirstValueStaysFirstWhenMoreAreLoaded) {
+  ASSERT_EQ(0, Load("<a>1</a>"));
+  EXPECT_STREQ("1", m_stConfig.StringValue("a"));
+  ASSERT_EQ(0, Load("<a>0</a><b>2</b>"));
+  EXPECT_STREQ("1", m_stConfig.StringValue("a"));
+  m_stConfig.Clear();
+  ASSERT_EQ(0, Load("<b>3</b>"));
+  EXPECT_STREQ("", m_stConfig.StringValue("a"));
+  EXPECT_STREQ("3", m_stConfig.StringValue("b"));
+}
+
 TEST_F(ConfigTest, DumpListsTheRawItemsInKeyOrder) {
   ASSERT_EQ(0, Load("<b>$(HOME)%s</b><a x=''>1</a><a>2</a>"));
   Object* pObject = &m_stConfig;

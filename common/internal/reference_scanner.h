@@ -31,24 +31,34 @@ class __attribute__((visibility("hidden"))) ReferenceScanner {
   // when there is none, or when the expression does not compile (the next call tries again).
   bool Find(const std::string& strText, Reference& stReference);
 
-  // Replaces the leftmost reference and searches the whole new text again, until none is left: "$"
-  // by the environment variable of the name, nothing when it is not set, "@" by fnMacro(name). A
-  // reference that leads to itself never ends.
+  // Replaces the reference found in a text and searches the whole new text again, until none is
+  // left: "$" by the environment variable of the name, nothing when it is not set, "@" by
+  // fnMacro(name), a string of whatever type. A reference that leads to itself never ends.
+  template <typename Macro>
+  void Replace(std::string& strText, Reference stFound, const Macro& fnMacro) {
+    do {
+      const std::string strName = stFound.Name(strText);
+      const size_t iLength = stFound.iEnd - stFound.iBegin;
+      if (stFound.IsEnvironment(strText)) {
+        const char* pValue = getenv(strName.c_str());
+        strText.replace(stFound.iBegin, iLength, pValue != nullptr ? pValue : "");
+      } else {
+        strText.replace(stFound.iBegin, iLength, fnMacro(strName));
+      }
+    } while (Find(strText, stFound));
+  }
+
+  // The text with all its references replaced.
   template <typename Macro>
   std::string Translate(std::string strText, const Macro& fnMacro) {
-    for (Reference stFound{}; Find(strText, stFound);) {
-      const std::string strName = stFound.Name(strText);
-      strText.replace(stFound.iBegin, stFound.iEnd - stFound.iBegin,
-                      stFound.IsEnvironment(strText) ? Environment(strName) : fnMacro(strName));
+    Reference stFound{};
+    if (Find(strText, stFound)) {
+      Replace(strText, stFound, fnMacro);
     }
     return strText;
   }
 
  private:
-  static std::string Environment(const std::string& strName) {
-    const char* pValue = getenv(strName.c_str());
-    return pValue != nullptr ? pValue : "";
-  }
   bool Compile();
   bool Ask(const std::string& strText, Reference& stReference) const;
 
