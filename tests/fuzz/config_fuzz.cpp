@@ -3,6 +3,7 @@
 
 #include <libxml/xmlerror.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>

@@ -1,8 +1,9 @@
 // Values with references, expanded by Config and by a plain program that runs the expression.
 //
-// Macros are numbered, and a macro's text refers only to macros of a lower number: so no reference
-// leads back to itself. The input's lines are the texts of the macros, the last is the text that is
-// translated. Names are one digit; those of others find nothing.
+// The input's first lines are the texts of macros, named by their numbers, the rest is the text
+// that is translated. A macro refers only to macros of a lower number, and is taken only if nothing
+// is left of sigils and brackets when it is expanded, which could make a reference together with
+// its neighbours: so none leads back to itself.
 
 #include <regex.h>
 
@@ -39,9 +40,8 @@ std::string Expected(std::string strText, const Macros_t& mapMacros) {
   return strText;
 }
 
-// Takes away what could refer to this macro or a later one: its own digit and those above; and
-// what could come together with the text around it: only whole references stay sigils.
-std::string Harmless(const std::string& strText, int iNumber) {
+// Without the digits that would name this macro or a later one.
+std::string BelowOnly(const std::string& strText, int iNumber) {
   std::string strResult;
   for (const char cByte : strText) {
     const bool bDigit = cByte >= '0' && cByte <= '9';
@@ -50,7 +50,6 @@ std::string Harmless(const std::string& strText, int iNumber) {
   return strResult;
 }
 
-// A text whose pieces can not join with a neighbour's: that could name any macro.
 bool IsClosed(const std::string& strText, const Macros_t& mapMacros) {
   const std::string strExpanded = Expected(strText, mapMacros);
   return strExpanded.find_first_of("$@(){}") == std::string::npos;
@@ -59,14 +58,11 @@ bool IsClosed(const std::string& strText, const Macros_t& mapMacros) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t iSize) {
-  static const bool bPrepared = clearenv() == 0;
-  if (!bPrepared || iSize < 1 || iSize > MAX_LENGTH) {
+  static const bool bPrepared = clearenv() == 0 && setlocale(LC_ALL, "C.UTF-8") != nullptr;
+  if (!bPrepared || iSize > MAX_LENGTH) {
     return 0;
   }
-  // The first byte chooses the locale of the process, once: the expression is compiled in it.
-  static const char* const pLocale = setlocale(LC_ALL, *pData % 2 == 0 ? "C" : "C.UTF-8");
-  static_cast<void>(pLocale);
-  std::string strRest(reinterpret_cast<const char*>(pData) + 1, iSize - 1);
+  std::string strRest(reinterpret_cast<const char*>(pData), iSize);
   strRest = strRest.substr(0, strRest.find('\0'));
   Config stConfig;
   Macros_t mapMacros;
@@ -75,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t iSize) {
     if (iLine == std::string::npos) {
       break;
     }
-    const std::string strMacro = Harmless(strRest.substr(0, iLine), i);
+    const std::string strMacro = BelowOnly(strRest.substr(0, iLine), i);
     strRest = strRest.substr(iLine + 1);
     if (IsClosed(strMacro, mapMacros)) {
       mapMacros[std::to_string(i)] = strMacro;
