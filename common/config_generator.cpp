@@ -137,8 +137,8 @@ xmlXPathObjectPtr ConfigGenerator::GetNodeSet(const std::string& strExpression, 
   }
   m_pContext->node = pNode;
   Result pResult(xmlXPathEvalExpression(Text(strExpression), m_pContext));
-  if (pResult == nullptr || pResult->type != XPATH_NODESET ||
-      xmlXPathNodeSetIsEmpty(pResult->nodesetval)) {
+  // A number, a text or a truth value has no set.
+  if (pResult == nullptr || xmlXPathNodeSetIsEmpty(pResult->nodesetval)) {
     return nullptr;
   }
   return pResult.release();

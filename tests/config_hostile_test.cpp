@@ -1,6 +1,7 @@
 // Documents that mean harm: they must reach neither a file nor the network, and cost little.
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
 #include <poll.h>
@@ -9,7 +10,9 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "config.h"
 #include "config_test_support.h"
@@ -18,7 +21,7 @@ namespace {
 
 const char SECRET[] = "text of another file";
 
-// A port on the loopback address that tells whether somebody came.
+// A server on the loopback address that hangs up on everybody and tells whether somebody came.
 class Listener {
  public:
   Listener() : m_iFD(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -27,26 +30,44 @@ class Listener {
     stAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t iLength = sizeof(stAddress);
     auto* pAddress = reinterpret_cast<sockaddr*>(&stAddress);
-    m_bReady = bind(m_iFD, pAddress, iLength) == 0 && listen(m_iFD, 8) == 0 &&
-               getsockname(m_iFD, pAddress, &iLength) == 0;
+    m_bReady = pipe2(m_szPipe, O_CLOEXEC) == 0 && bind(m_iFD, pAddress, iLength) == 0 &&
+               listen(m_iFD, 8) == 0 && getsockname(m_iFD, pAddress, &iLength) == 0;
     m_strUrl = "http://127.0.0.1:" + std::to_string(ntohs(stAddress.sin_port)) + "/x";
+    m_pServer = std::make_unique<ForkedPeer>([this] { return HangUp(); });
   }
-  ~Listener() { close(m_iFD); }
+  ~Listener() {
+    m_pServer.reset();
+    for (const int iFD : {m_iFD, m_szPipe[0], m_szPipe[1]}) {
+      close(iFD);
+    }
+  }
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
   bool Ready() const { return m_bReady; }
   const std::string& Url() const { return m_strUrl; }
-  // A connection to a listening socket on the same machine is there as soon as connect() is done.
+  // Whoever calls waits for an answer, and we tell before we hang up.
   bool Reached() const {
-    pollfd stPoll{m_iFD, POLLIN, 0};
+    pollfd stPoll{m_szPipe[0], POLLIN, 0};
     return poll(&stPoll, 1, 0) != 0;
   }
 
  private:
+  int HangUp() const {
+    while (true) {
+      const int iCaller = accept(m_iFD, nullptr, nullptr);
+      if (iCaller == -1 || write(m_szPipe[1], "x", 1) != 1) {
+        return 1;
+      }
+      close(iCaller);
+    }
+  }
+
   int m_iFD;
+  int m_szPipe[2] = {-1, -1};
   bool m_bReady = false;
   std::string m_strUrl;
+  std::unique_ptr<ForkedPeer> m_pServer;
 };
 
 // libxml2's settings of the process as the rashest host would have them.

@@ -142,7 +142,7 @@ TEST_F(ConfigTest, DocumentThatIsNoneFailsAndLeavesTheItems) {
 }
 
 TEST_F(ConfigTest, SizeThatNoDocumentHasFailsAtOnce) {
-  EXPECT_EQ(-1, m_stConfig.LoadFromMemory("<r/>", size_t{1} << 32, nullptr));
+  EXPECT_EQ(-1, m_stConfig.LoadFromMemory("<r/>", (size_t{1} << 32) + 4, nullptr));
 }
 
 TEST_F(ConfigTest, NewObjectFindsNothing) {
