@@ -1,8 +1,13 @@
 #include "ini_config.h"
 
+#include <fcntl.h>
 #include <glob.h>
 #include <regex.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,13 +15,20 @@
 #include <memory>
 #include <string_view>
 
-#include "internal/always_assert.h"
+#include "internal/reference_scanner.h"
 #include "simple_filter.h"
+
+#include "internal/always_assert.h"
 
 // DESIGN
 //
 // The grammar is given by four regular expressions, tried in order; the first that is found in a
-// line decides what it is.
+// line decides what it is. All are bound to the start of the line, their classes know only ASCII,
+// and no run of characters in them can give back what it took, but for the name of a section, which
+// ends at the last bracket. So one look from left to right decides, byte by byte.
+//
+// In a locale with characters of several bytes the classes match valid characters only. There the
+// expressions themselves judge each line that holds more than ASCII.
 //
 // Includes. Every load, also that of an included file, follows all directives of the object from
 // the first one on; those whose text is in the set are passed over. Done as it stands, that is
@@ -26,11 +38,10 @@
 
 namespace {
 
-const int LINE_SIZE = 2048;  // of a piece that a file is read in, with its final NUL
+const size_t LINE_SIZE = 2047;    // longer lines of a file are cut
+const size_t BLOCK_SIZE = 65536;  // what is read at once
 const char DIRECTIVE[] = "include";
 const char SIGILS[] = "$@";
-
-typedef std::unique_ptr<FILE, int (*)(FILE*)> File_t;
 
 struct line_t {
   enum Kind { IGNORED, SECTION, ITEM };
@@ -39,27 +50,115 @@ struct line_t {
   std::string_view strValue;
 };
 
-// The four expressions, compiled once per process and never freed.
+// What a character can be; a NUL ends every run.
+enum : unsigned char { BLANK = 1, EQUALS = 2, LINE_END = 4, NUL = 8 };
+
+constexpr std::array<unsigned char, 256> MakeClasses() {
+  std::array<unsigned char, 256> aClasses{};
+  aClasses[' '] = aClasses['\t'] = BLANK;
+  aClasses['='] = EQUALS;
+  aClasses['\r'] = aClasses['\n'] = LINE_END;
+  aClasses['\0'] = NUL;
+  return aClasses;
+}
+
+constexpr std::array<unsigned char, 256> CLASSES = MakeClasses();
+
+bool Is(char c, int iClasses) { return (CLASSES[static_cast<unsigned char>(c)] & iClasses) != 0; }
+
+// The end of the characters from pText on that are of the classes, or of those that are not.
+const char* SkipAll(const char* pText, const char* pEnd, int iClasses) {
+  while (pText < pEnd && Is(*pText, iClasses)) {
+    ++pText;
+  }
+  return pText;
+}
+
+const char* SkipOthers(const char* pText, const char* pEnd, int iClasses) {
+  while (pText < pEnd && !Is(*pText, iClasses)) {
+    ++pText;
+  }
+  return pText;
+}
+
+std::string_view View(const char* pBegin, const char* pEnd) {
+  return {pBegin, static_cast<size_t>(pEnd - pBegin)};
+}
+
+bool IsComment(std::string_view strText) {
+  return !strText.empty() && (strText[0] == ';' || strText[0] == '#' ||
+                              (strText[0] == '/' && strText.size() > 1 && strText[1] == '/'));
+}
+
+// The name of a section from a text that begins with "["; empty when it makes none.
+std::string_view SectionName(std::string_view strText) {
+  const std::string_view strVisible = strText.substr(0, strText.find('\0'));
+  const size_t iClosing = strVisible.rfind(']');
+  return iClosing == std::string_view::npos ? "" : strVisible.substr(1, iClosing - 1);
+}
+
+// What the expressions say about a line, where every byte is a character. It ends at its first NUL.
+line_t ScanLine(std::string_view strLine) {
+  const char* const pEnd = strLine.data() + strLine.size();
+  const char* const pKey = SkipAll(strLine.data(), pEnd, BLANK);
+  const std::string_view strRest = View(pKey, pEnd);
+  if (IsComment(strRest)) {
+    return {};
+  }
+  if (!strRest.empty() && strRest[0] == '[') {
+    const std::string_view strName = SectionName(strRest);
+    if (!strName.empty()) {
+      return {line_t::SECTION, strName, {}};
+    }
+  }
+  const char* const pKeyEnd = SkipOthers(pKey, pEnd, BLANK | EQUALS | NUL);
+  if (pKeyEnd == pKey) {
+    return {};
+  }
+  const char* const pValue = SkipAll(pKeyEnd, pEnd, BLANK | EQUALS);
+  const char* const pValueEnd = SkipOthers(pValue, pEnd, BLANK | EQUALS | LINE_END | NUL);
+  return {line_t::ITEM, View(pKey, pKeyEnd), View(pValue, pValueEnd)};
+}
+
+bool IsAscii(std::string_view strText) {
+  unsigned char cBits = 0;
+  for (const char c : strText) {
+    cBits |= static_cast<unsigned char>(c);
+  }
+  return cBits < 0x80;
+}
+
+// The four expressions, compiled once per process and never freed. What they find is held against
+// the groups that are read from it, which always take part.
 class LinePatterns {
  public:
   // False when there is no memory for them; then the next call tries again.
   bool Compile();
-  line_t Parse(const char* pLine) const;
+  line_t Parse(std::string_view strLine) const;
 
  private:
   static const int COUNT = 4;
   static const int SLOT_COUNT = 64;
   enum { COMMENT, SECTION, KEY_VALUE, KEY };
 
-  bool Find(int iPattern, const char* pLine, regmatch_t (&matchs)[SLOT_COUNT]) const {
-    return regexec(&m_aPatterns[iPattern], pLine, SLOT_COUNT, matchs, 0) == 0;
+  typedef regmatch_t Matches_t[SLOT_COUNT];
+
+  line_t Ask(std::string_view strLine) const;
+  // The first slot tells where the line ends, which need not be at a NUL.
+  bool Find(int iPattern, std::string_view strLine, Matches_t& matchs) const {
+    matchs[0] = {0, static_cast<regoff_t>(strLine.size())};
+    return regexec(&m_aPatterns[iPattern], strLine.data(), SLOT_COUNT, matchs, REG_STARTEND) == 0;
   }
 
-  regex_t m_aPatterns[COUNT];
+  regex_t m_aPatterns[COUNT]{};
   bool m_bCompiled = false;
+  bool m_bMultibyte = false;  // in a locale with characters of several bytes
 };
 
 bool LinePatterns::Compile() {
+  if (m_bCompiled) {
+    return true;
+  }
   static const struct {
     const char* pText;
     int iFlags;
@@ -69,7 +168,7 @@ bool LinePatterns::Compile() {
       {"^[ \t]*([^ \t=]+)[ \t=]+([^ \t=\r\n]+)", REG_EXTENDED},
       {"^[ \t]*([^ \t=]+)", REG_EXTENDED},
   };
-  for (int i = 0; i < COUNT && !m_bCompiled; ++i) {
+  for (int i = 0; i < COUNT; ++i) {
     if (regcomp(&m_aPatterns[i], TEXTS[i].pText, TEXTS[i].iFlags) != 0) {
       while (i-- > 0) {
         regfree(&m_aPatterns[i]);
@@ -77,44 +176,53 @@ bool LinePatterns::Compile() {
       return false;
     }
   }
+  m_bMultibyte = MB_CUR_MAX > 1;
   m_bCompiled = true;
   return true;
 }
 
-std::string_view Group(const char* pLine, const regmatch_t& stMatch) {
-  return {pLine + stMatch.rm_so, static_cast<size_t>(stMatch.rm_eo - stMatch.rm_so)};
+std::string_view Group(std::string_view strLine, const regmatch_t& stMatch) {
+  return strLine.substr(static_cast<size_t>(stMatch.rm_so),
+                        static_cast<size_t>(stMatch.rm_eo - stMatch.rm_so));
 }
 
-line_t LinePatterns::Parse(const char* pLine) const {
-  regmatch_t matchs[SLOT_COUNT];
-  if (Find(COMMENT, pLine, matchs)) {
+line_t LinePatterns::Ask(std::string_view strLine) const {
+  Matches_t matchs;
+  if (Find(COMMENT, strLine, matchs)) {
     return {};
   }
-  if (Find(SECTION, pLine, matchs)) {
+  if (Find(SECTION, strLine, matchs)) {
     assert(matchs[1].rm_so != -1 && matchs[1].rm_eo != -1);
-    return {line_t::SECTION, Group(pLine, matchs[1]), {}};
+    return {line_t::SECTION, Group(strLine, matchs[1]), {}};
   }
-  if (Find(KEY_VALUE, pLine, matchs)) {
+  if (Find(KEY_VALUE, strLine, matchs)) {
     assert(matchs[1].rm_so != -1 && matchs[1].rm_eo != -1);
     assert(matchs[2].rm_so != -1 && matchs[2].rm_eo != -1);
-    return {line_t::ITEM, Group(pLine, matchs[1]), Group(pLine, matchs[2])};
+    return {line_t::ITEM, Group(strLine, matchs[1]), Group(strLine, matchs[2])};
   }
-  if (Find(KEY, pLine, matchs)) {
+  if (Find(KEY, strLine, matchs)) {
     assert(matchs[1].rm_so != -1 && matchs[1].rm_eo != -1);
-    return {line_t::ITEM, Group(pLine, matchs[1]), {}};
+    return {line_t::ITEM, Group(strLine, matchs[1]), {}};
   }
   return {};
 }
 
+line_t LinePatterns::Parse(std::string_view strLine) const {
+  if (!m_bMultibyte || IsAscii(strLine)) {
+    return ScanLine(strLine);
+  }
+  return Ask(strLine.substr(0, strLine.find('\0')));
+}
+
 LinePatterns g_stLinePatterns;
 
-// Puts the lines of one text into their sections. Lines are given as C strings.
+// Puts the lines of one text into their sections.
 class LineSorter {
  public:
   explicit LineSorter(IniConfig::Contents_t& mapContents) : m_mapContents(mapContents) {}
 
-  void Take(const char* pLine) {
-    const line_t stLine = g_stLinePatterns.Parse(pLine);
+  void Take(std::string_view strLine) {
+    const line_t stLine = g_stLinePatterns.Parse(strLine);
     if (stLine.eKind == line_t::SECTION) {
       m_strSection = stLine.strName;
       m_pItems = nullptr;
@@ -136,67 +244,91 @@ class LineSorter {
   IniConfig::Items_t* m_pItems = nullptr;  // of the section, once a line needs them
 };
 
-File_t OpenFile(const char* pPath, const char* pMode) { return {fopen(pPath, pMode), fclose}; }
+class Descriptor {
+ public:
+  explicit Descriptor(const char* pPath) : m_iFD(open(pPath, O_RDONLY | O_CLOEXEC)) {}
+  ~Descriptor() { Close(); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
 
-// Not in line: the buffer shall not be on the stack once for every level of includes.
-[[gnu::noinline]] void TakeFile(FILE* pFile, LineSorter& stSorter) {
-  char szLine[LINE_SIZE];
-  while (fgets(szLine, LINE_SIZE, pFile) != nullptr) {
-    stSorter.Take(szLine);
+  int FD() const { return m_iFD; }
+  void Close() {
+    if (m_iFD != -1) {
+      close(m_iFD);
+      m_iFD = -1;
+    }
+  }
+
+ private:
+  int m_iFD;
+};
+
+ssize_t ReadSome(int iFD, char* pBuffer, size_t iSize) {
+  ssize_t iRead = 0;
+  do {
+    iRead = read(iFD, pBuffer, iSize);
+  } while (iRead == -1 && errno == EINTR);
+  return iRead;
+}
+
+// Gives the whole lines at the start of a block and returns where the rest of it begins. A line
+// that is too long is whole as soon as it has LINE_SIZE characters.
+const char* TakeBlock(const char* pBlock, const char* pEnd, LineSorter& stSorter) {
+  for (;;) {
+    const size_t iSize = std::min(static_cast<size_t>(pEnd - pBlock), LINE_SIZE);
+    const auto* pLineEnd = static_cast<const char*>(memchr(pBlock, '\n', iSize));
+    if (pLineEnd != nullptr) {
+      ++pLineEnd;
+    } else if (iSize == LINE_SIZE) {
+      pLineEnd = pBlock + LINE_SIZE;
+    } else {
+      return pBlock;
+    }
+    stSorter.Take(View(pBlock, pLineEnd));
+    pBlock = pLineEnd;
   }
 }
 
-void TakeText(const std::string& strText, LineSorter& stSorter) {
-  size_t iBegin = 0;
-  for (size_t iEnd = 0; iEnd != std::string::npos; iBegin = iEnd + 1) {
-    iEnd = strText.find('\n', iBegin);
-    stSorter.Take(strText.substr(iBegin, iEnd - iBegin).c_str());
+// Gives the lines of a file up to its end, or to a failure, which hides a line that has begun.
+void TakeFile(int iFD, LineSorter& stSorter) {
+  const std::unique_ptr<char[]> pBuffer(new char[BLOCK_SIZE]);
+  char* pEnd = pBuffer.get();
+  ssize_t iRead = 0;
+  while ((iRead = ReadSome(iFD, pEnd, BLOCK_SIZE - static_cast<size_t>(pEnd - pBuffer.get()))) >
+         0) {
+    pEnd += iRead;
+    const char* const pRest = TakeBlock(pBuffer.get(), pEnd, stSorter);
+    pEnd = std::copy(pRest, static_cast<const char*>(pEnd), pBuffer.get());
+  }
+  if (iRead == 0) {
+    stSorter.Take(View(pBuffer.get(), pEnd));
+  }
+}
+
+void TakeText(std::string_view strText, LineSorter& stSorter) {
+  // The line feed goes; behind the last line, npos + 1 is 0.
+  for (size_t iEnd = 0; iEnd != std::string_view::npos; strText.remove_prefix(iEnd + 1)) {
+    iEnd = strText.find('\n');
+    stSorter.Take(strText.substr(0, iEnd));
   }
 }
 
 // The paths that a pattern stands for, sorted; none after a failure.
 class PathList {
  public:
-  explicit PathList(const char* pPattern) { glob(pPattern, GLOB_TILDE, nullptr, &m_stGlob); }
+  explicit PathList(const char* pPattern)
+      : m_bValid(glob(pPattern, GLOB_TILDE, nullptr, &m_stGlob) == 0) {}
   ~PathList() { globfree(&m_stGlob); }
   PathList(const PathList&) = delete;
   PathList& operator=(const PathList&) = delete;
 
   char** begin() const { return m_stGlob.gl_pathv; }
-  char** end() const { return m_stGlob.gl_pathv + m_stGlob.gl_pathc; }
+  char** end() const { return begin() + (m_bValid ? m_stGlob.gl_pathc : 0); }
 
  private:
   glob_t m_stGlob{};
+  bool m_bValid;
 };
-
-struct reference_t {
-  size_t iBegin;
-  size_t iSize;
-  char cSigil;
-  std::string strName;
-};
-
-// Finds the leftmost reference; false also when there is no memory for the expression.
-bool FindReference(const std::string& strText, reference_t& stReference) {
-  static const int SLOT_COUNT = 20;
-  static regex_t s_stPattern;  // compiled once per process and never freed
-  static bool s_bCompiled = false;
-  if (!s_bCompiled &&
-      regcomp(&s_stPattern, "([$@])[{(]([^)}]*)[})]", REG_EXTENDED | REG_ICASE) != 0) {
-    return false;
-  }
-  s_bCompiled = true;
-  regmatch_t aSlots[SLOT_COUNT];
-  const char* const pText = strText.c_str();
-  if (regexec(&s_stPattern, pText, SLOT_COUNT, aSlots, 0) != 0) {
-    return false;
-  }
-  stReference.iBegin = static_cast<size_t>(aSlots[0].rm_so);
-  stReference.iSize = static_cast<size_t>(aSlots[0].rm_eo - aSlots[0].rm_so);
-  stReference.cSigil = pText[aSlots[1].rm_so];
-  stReference.strName = Group(pText, aSlots[2]);
-  return true;
-}
 
 bool IsHexadecimal(const std::string& strText) {
   return strText.size() >= 3 && strText[0] == '0' && (strText[1] == 'x' || strText[1] == 'X');
@@ -265,26 +397,25 @@ const std::string* IniConfig::IncludeRun_t::Next(const Contents_t& mapContents, 
 }
 
 int IniConfig::LoadFromFile(const char* pPath, std::set<std::string>* pIncludes) {
-  File_t pFile = OpenFile(pPath, "re");
-  if (pFile == nullptr) {
-    return -1;
-  }
-  if (pIncludes == nullptr) {
-    m_strConfigFile = pPath;
-  }
   std::set<std::string> setOwn;
   IncludeRun_t stRun{pIncludes == nullptr ? setOwn : *pIncludes};
-  return LoadOpenFile(pFile.release(), stRun);
+  return LoadFile(pPath, stRun, pIncludes == nullptr);
 }
 
-int IniConfig::LoadOpenFile(FILE* pStream, IncludeRun_t& stRun) {
-  File_t pFile(pStream, fclose);
-  if (pFile == nullptr || !g_stLinePatterns.Compile()) {
+int IniConfig::LoadFile(const char* pPath, IncludeRun_t& stRun, bool bTop) {
+  Descriptor stFile(pPath);
+  if (stFile.FD() == -1) {
+    return -1;
+  }
+  if (bTop) {
+    m_strConfigFile = pPath;
+  }
+  if (!g_stLinePatterns.Compile()) {
     return -1;
   }
   LineSorter stSorter(m_mapContents);
-  TakeFile(pFile.get(), stSorter);
-  pFile.reset();
+  TakeFile(stFile.FD(), stSorter);
+  stFile.Close();
   return FollowIncludes(stRun);
 }
 
@@ -294,9 +425,7 @@ int IniConfig::LoadFromMemory(const std::string& strText, std::set<std::string>*
   }
   LineSorter stSorter(m_mapContents);
   TakeText(strText, stSorter);
-  std::set<std::string> setOwn;
-  IncludeRun_t stRun{pIncludes == nullptr ? setOwn : *pIncludes};
-  return FollowIncludes(stRun);
+  return FollowIncludes(pIncludes);
 }
 
 int IniConfig::LoadFromMemory(const std::vector<std::string>& vecLines,
@@ -306,8 +435,12 @@ int IniConfig::LoadFromMemory(const std::vector<std::string>& vecLines,
   }
   LineSorter stSorter(m_mapContents);
   for (const std::string& strLine : vecLines) {
-    stSorter.Take(strLine.c_str());
+    stSorter.Take(strLine);
   }
+  return FollowIncludes(pIncludes);
+}
+
+int IniConfig::FollowIncludes(std::set<std::string>* pIncludes) {
   std::set<std::string> setOwn;
   IncludeRun_t stRun{pIncludes == nullptr ? setOwn : *pIncludes};
   return FollowIncludes(stRun);
@@ -321,7 +454,7 @@ int IniConfig::FollowIncludes(IncludeRun_t& stRun) {
       continue;
     }
     for (const char* pPath : PathList(itText->c_str())) {
-      if (LoadOpenFile(OpenFile(pPath, "re").release(), stRun) != 0) {
+      if (LoadFile(pPath, stRun, false) != 0) {
         return -1;
       }
     }
@@ -424,22 +557,11 @@ std::vector<std::string> IniConfig::EnumKeys(const std::string& strSection,
 }
 
 const std::string IniConfig::TranslateValue(const std::string& strText) const {
-  std::string strResult = strText;
-  reference_t stReference;
-  while (FindReference(strResult, stReference)) {
-    strResult.replace(stReference.iBegin, stReference.iSize,
-                      ResolveReference(stReference.cSigil, stReference.strName));
-  }
-  return strResult;
-}
-
-std::string IniConfig::ResolveReference(char cSigil, const std::string& strName) const {
-  if (cSigil == '$') {
-    const char* const pValue = getenv(strName.c_str());
-    return pValue == nullptr ? "" : pValue;
-  }
-  const auto it = m_mapMacros.find(strName);
-  return it == m_mapMacros.end() ? GetValueByFullName(strName) : it->second;
+  static ReferenceScanner s_stScanner;  // shared by all objects
+  return s_stScanner.Translate(strText, [this](const std::string& strName) {
+    const auto it = m_mapMacros.find(strName);
+    return it == m_mapMacros.end() ? GetValueByFullName(strName) : it->second;
+  });
 }
 
 void IniConfig::InsertItem(const std::string& strSection, const std::string& strKey,
@@ -458,7 +580,7 @@ void IniConfig::SetValue(const std::string& strSection, const std::string& strKe
 }
 
 int IniConfig::WriteToFile(const char* pPath) {
-  const File_t pFile = OpenFile(pPath, "we");
+  const std::unique_ptr<FILE, int (*)(FILE*)> pFile(fopen(pPath, "we"), fclose);
   if (pFile == nullptr) {
     return -1;
   }

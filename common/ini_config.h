@@ -2,7 +2,6 @@
 #define ZELK_COMMON_INI_CONFIG_H
 
 #include <cstdint>
-#include <cstdio>
 #include <map>
 #include <set>
 #include <string>
@@ -119,9 +118,9 @@ class IniConfig : public Object {
 
   const std::string* FindValue(const std::string& strSection, const std::string& strKey,
                                int iIndex) const;
-  std::string ResolveReference(char cSigil, const std::string& strName) const;
-  int LoadOpenFile(FILE* pStream, IncludeRun_t& stRun);  // null fails; closes it
+  int LoadFile(const char* pPath, IncludeRun_t& stRun, bool bTop);
   int FollowIncludes(IncludeRun_t& stRun);
+  int FollowIncludes(std::set<std::string>* pIncludes);
 };
 
 #endif

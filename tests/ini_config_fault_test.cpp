@@ -1,11 +1,20 @@
-// Patterns that do not compile, and matches that can not be. The patterns are compiled once per
-// process, so every case has a child of its own and the parent loads nothing.
+// Patterns that do not compile, matches that can not be, and files that are hard to read. The
+// patterns are compiled once per process, so every case has a child of its own and the parent loads
+// nothing.
+
+#undef _FORTIFY_SOURCE  // its header defines read() inline
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <regex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <clocale>
 #include <csignal>
+#include <deque>
 
 #include "ini_config.h"
 #include "ini_fixture.h"
@@ -17,6 +26,9 @@ int g_iCompileCalls = 0;
 int g_iFailingCall = 0;    // the call of regcomp() that fails, from 1
 int g_iMatchedSlots = -1;  // when set, each search matches with so many slots in use
 int g_iSearches = 0;       // searches to pass over before
+
+bool g_bScriptRead = false;
+std::deque<int> g_dqReads;  // what read() does next: so many bytes at most, or minus an errno
 
 template <class Function_t>
 Function_t* Next(const char* pName) {
@@ -37,6 +49,19 @@ extern "C" int regcomp(regex_t* pRegex, const char* pPattern, int iFlags) {
 extern "C" void regfree(regex_t* pRegex) {
   --g_iCompiled;
   Next<decltype(regfree)>("regfree")(pRegex);
+}
+
+extern "C" ssize_t read(int iFD, void* pBuffer, size_t iSize) {
+  if (g_bScriptRead && !g_dqReads.empty()) {
+    const int iNext = g_dqReads.front();
+    g_dqReads.pop_front();
+    if (iNext < 0) {
+      errno = -iNext;
+      return -1;
+    }
+    iSize = std::min(iSize, static_cast<size_t>(iNext));
+  }
+  return syscall(SYS_read, iFD, pBuffer, iSize);
 }
 
 extern "C" int regexec(const regex_t* pRegex, const char* pText, size_t iSlots, regmatch_t* pSlots,
@@ -111,6 +136,35 @@ TEST(IniConfigFaultTest, TextIsUnchangedWhileTheReferencePatternDoesNotCompile) 
               return stConfig.TranslateValue("<@(a)>") == "<@(a)>" &&
                      stConfig.TranslateValue("<@(a)>") == "<1>";
             }));
+}
+
+// What a file gives that is read by these steps.
+Texts_t LoadedBy(const std::string& strText, const std::deque<int>& dqReads) {
+  const PrivateDirectory stDirectory;
+  WriteFile(stDirectory.File("a.ini"), strText);
+  IniConfig stConfig;
+  g_dqReads = dqReads;
+  g_bScriptRead = true;
+  const int iResult = stConfig.LoadFromFile(stDirectory.File("a.ini").c_str());
+  g_bScriptRead = false;
+  return iResult == 0 && g_dqReads.empty() ? ItemsOf(stConfig) : Texts_t{"(failed)"};
+}
+
+TEST(IniConfigFaultTest, FileMayComeInPieces) {
+  EXPECT_EQ(
+      0, InChild([] {
+        return LoadedBy("abc=1\nde=2", {1, 1, 3, 1, 2, 1, 1, 0}) == Texts_t{"|abc|1", "|de|2"};
+      }));
+}
+
+TEST(IniConfigFaultTest, InterruptedReadIsRepeated) {
+  EXPECT_EQ(0, InChild([] {
+              return LoadedBy("a=1\nb=2\n", {-EINTR, 5, -EINTR, 100}) == Texts_t{"|a|1", "|b|2"};
+            }));
+}
+
+TEST(IniConfigFaultTest, FailingReadEndsTheFileAndHidesTheLineThatHasBegun) {
+  EXPECT_EQ(0, InChild([] { return LoadedBy("a=1\nb=22\n", {7, -EIO}) == Texts_t{"|a|1"}; }));
 }
 
 struct impossible_t {

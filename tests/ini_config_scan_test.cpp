@@ -114,6 +114,38 @@ int CompareTexts(const char* pLocale) {
   return 0;
 }
 
+// Files with lines around the length at which they are cut, over several blocks, with NULs.
+std::string FileText(std::mt19937& stRandom) {
+  std::string strText;
+  while (strText.size() < 150000) {
+    const size_t iLength = stRandom() % 3 == 0 ? 2040 + stRandom() % 16 : stRandom() % 6000;
+    strText += std::to_string(stRandom() % 100) + "=" + std::string(iLength, 'v');
+    strText += stRandom() % 4 == 0 ? std::string(1, '\0') + "x" : "";
+    strText += stRandom() % 5 == 0 ? " = tail" : "\n";
+  }
+  return strText;
+}
+
+int CompareFiles(const std::string& strPath) {
+  std::mt19937 stRandom(31337);
+  for (int i = 0; i < 30; ++i) {
+    WriteFile(strPath, FileText(stRandom));
+    IniConfig stConfig;
+    IniReference stReference;
+    if (stConfig.LoadFromFile(strPath.c_str()) != 0 || stReference.LoadFromFile(strPath) != 0 ||
+        stReference.Contents() != stConfig.AllItems()) {
+      fprintf(stderr, "file %d\n", i);
+      return 1;
+    }
+  }
+  return 0;
+}
+
+TEST(IniConfigFileScanTest, FilesAreCutIntoLinesAsFgetsDoes) {
+  const PrivateDirectory stDirectory;
+  EXPECT_EQ(0, ForkedPeer([&] { return CompareFiles(stDirectory.File("a.ini")); }).Wait());
+}
+
 class IniConfigScanTest : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(IniConfigScanTest, LinesAreWhatTheExpressionsSay) {
