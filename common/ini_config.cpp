@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <string_view>
@@ -35,11 +36,17 @@
 // quadratic in their number, so one run of nested loads shares what it knows: a directive that was
 // reached once is reached by none of the others again, unless it holds references, because its
 // text can change when an included file brings the key that was missing.
+//
+// Lookups. A search in two large maps is one cache miss after the other. Once the lookups since the
+// last change are a quarter of the items, a hash table of the keys has paid for itself and is
+// built; every change drops it.
 
 namespace {
 
 const size_t LINE_SIZE = 2047;    // longer lines of a file are cut
 const size_t BLOCK_SIZE = 65536;  // what is read at once
+const size_t MIN_SEARCHES = 64;   // before an index is thought of
+const size_t INDEX_SHARE = 4;     // items for each search, at most, when it is built
 const char DIRECTIVE[] = "include";
 const char SIGILS[] = "$@";
 
@@ -330,6 +337,23 @@ class PathList {
   bool m_bValid;
 };
 
+size_t Hash(std::string_view strSection, std::string_view strKey) {
+  const std::hash<std::string_view> fnHash;
+  return fnHash(strSection) * 31 + fnHash(strKey);
+}
+
+// The value number iIndex from the one at it on, null when the key has no such value.
+const std::string* ValueAt(const IniConfig::Items_t& mapItems,
+                           IniConfig::Items_t::const_iterator it, const std::string& strKey,
+                           int iIndex) {
+  for (; it != mapItems.end() && it->first == strKey; ++it) {
+    if (iIndex-- == 0) {
+      return &it->second;
+    }
+  }
+  return nullptr;
+}
+
 bool IsHexadecimal(const std::string& strText) {
   return strText.size() >= 3 && strText[0] == '0' && (strText[1] == 'x' || strText[1] == 'X');
 }
@@ -413,7 +437,7 @@ int IniConfig::LoadFile(const char* pPath, IncludeRun_t& stRun, bool bTop) {
   if (!g_stLinePatterns.Compile()) {
     return -1;
   }
-  LineSorter stSorter(m_mapContents);
+  LineSorter stSorter(Change());
   TakeFile(stFile.FD(), stSorter);
   stFile.Close();
   return FollowIncludes(stRun);
@@ -423,7 +447,7 @@ int IniConfig::LoadFromMemory(const std::string& strText, std::set<std::string>*
   if (!g_stLinePatterns.Compile()) {
     return -1;
   }
-  LineSorter stSorter(m_mapContents);
+  LineSorter stSorter(Change());
   TakeText(strText, stSorter);
   return FollowIncludes(pIncludes);
 }
@@ -433,7 +457,7 @@ int IniConfig::LoadFromMemory(const std::vector<std::string>& vecLines,
   if (!g_stLinePatterns.Compile()) {
     return -1;
   }
-  LineSorter stSorter(m_mapContents);
+  LineSorter stSorter(Change());
   for (const std::string& strLine : vecLines) {
     stSorter.Take(strLine);
   }
@@ -476,23 +500,89 @@ int IniConfig::Reload() {
 
 void IniConfig::Refresh() {}
 
-void IniConfig::Clear() { m_mapContents.clear(); }
+void IniConfig::Clear() { Change().clear(); }
+
+IniConfig::Contents_t& IniConfig::Change() {
+  m_stIndex = Index_t();
+  return m_mapContents;
+}
+
+IniConfig::Index_t& IniConfig::Index_t::operator=(const Index_t& /*stOther*/) {
+  vecSlots.clear();
+  iSearches = 0;
+  return *this;
+}
+
+void IniConfig::Index_t::Build(const Contents_t& mapContents, size_t iItems) {
+  size_t iSlots = 1;
+  while (iSlots < iItems * 2) {
+    iSlots *= 2;
+  }
+  vecSlots.assign(iSlots, {});
+  for (const auto& stSection : mapContents) {
+    const Items_t& mapItems = stSection.second;
+    for (auto it = mapItems.begin(); it != mapItems.end(); it = mapItems.upper_bound(it->first)) {
+      const size_t iHash = Hash(stSection.first, it->first);
+      size_t iSlot = iHash & (iSlots - 1);
+      while (vecSlots[iSlot].pSection != nullptr) {
+        iSlot = (iSlot + 1) & (iSlots - 1);
+      }
+      vecSlots[iSlot] = {iHash, &stSection, it};
+    }
+  }
+}
+
+// Null when there is no such key.
+const IniConfig::Index_t::Slot_t* IniConfig::Index_t::Find(const std::string& strSection,
+                                                           const std::string& strKey) const {
+  const size_t iHash = Hash(strSection, strKey);
+  const size_t iMask = vecSlots.size() - 1;
+  for (size_t i = iHash & iMask; vecSlots[i].pSection != nullptr; i = (i + 1) & iMask) {
+    const Slot_t& stSlot = vecSlots[i];
+    if (stSlot.iHash == iHash && stSlot.pSection->first == strSection &&
+        stSlot.itFirst->first == strKey) {
+      return &stSlot;
+    }
+  }
+  return nullptr;
+}
+
+// Whether the index can be used; builds it when it is time to.
+bool IniConfig::IsIndexed() const {
+  if (!m_stIndex.vecSlots.empty()) {
+    return true;
+  }
+  const size_t iSearches = ++m_stIndex.iSearches;
+  const bool bPowerOfTwo = (iSearches & (iSearches - 1)) == 0;  // counting takes time, too
+  if (iSearches < MIN_SEARCHES || !bPowerOfTwo || iSearches * INDEX_SHARE < m_mapContents.size()) {
+    return false;
+  }
+  size_t iItems = 0;
+  for (const auto& stSection : m_mapContents) {
+    iItems += stSection.second.size();
+  }
+  if (iItems == 0 || iSearches * INDEX_SHARE < iItems) {
+    return false;
+  }
+  m_stIndex.Build(m_mapContents, iItems);
+  return true;
+}
 
 // Null when there is no such value.
 const std::string* IniConfig::FindValue(const std::string& strSection, const std::string& strKey,
                                         int iIndex) const {
-  const auto itSection = m_mapContents.find(strSection);
-  if (itSection == m_mapContents.end() || iIndex < 0) {
+  if (iIndex < 0) {
     return nullptr;
   }
-  const Items_t& mapItems = itSection->second;
-  auto it = mapItems.lower_bound(strKey);
-  for (; it != mapItems.end() && it->first == strKey; ++it) {
-    if (iIndex-- == 0) {
-      return &it->second;
-    }
+  if (IsIndexed()) {
+    const Index_t::Slot_t* const pSlot = m_stIndex.Find(strSection, strKey);
+    return pSlot == nullptr ? nullptr
+                            : ValueAt(pSlot->pSection->second, pSlot->itFirst, strKey, iIndex);
   }
-  return nullptr;
+  const auto it = m_mapContents.find(strSection);
+  return it == m_mapContents.end()
+             ? nullptr
+             : ValueAt(it->second, it->second.lower_bound(strKey), strKey, iIndex);
 }
 
 const std::string IniConfig::GetValue(const std::string& strSection, const std::string& strKey,
@@ -566,7 +656,7 @@ const std::string IniConfig::TranslateValue(const std::string& strText) const {
 
 void IniConfig::InsertItem(const std::string& strSection, const std::string& strKey,
                            const std::string& strValue) {
-  m_mapContents[strSection].emplace(strKey, strValue);
+  Change()[strSection].emplace(strKey, strValue);
 }
 
 void IniConfig::SetValue(const std::string& strSection, const std::string& strKey,

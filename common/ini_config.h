@@ -109,18 +109,40 @@ class IniConfig : public Object {
   void InsertItem(const std::string& strSection, const std::string& strKey,
                   const std::string& strValue);
 
-  Contents_t m_mapContents;
-  std::map<std::string, std::string> m_mapMacros;  // for a derived class to fill
-  std::string m_strConfigFile;                     // of the last LoadFromFile() without a set
+  // For a derived class to fill.
+  std::map<std::string, std::string>& Macros() { return m_mapMacros; }
 
  private:
+  // Where the first value of every key is. It points into the contents, so a copy starts empty.
+  struct Index_t {
+    struct Slot_t {
+      size_t iHash;
+      const Contents_t::value_type* pSection;  // null when free
+      Items_t::const_iterator itFirst;
+    };
+    Index_t() = default;
+    Index_t(const Index_t& /*stOther*/) {}
+    Index_t& operator=(const Index_t& /*stOther*/);
+    void Build(const Contents_t& mapContents, size_t iItems);
+    const Slot_t* Find(const std::string& strSection, const std::string& strKey) const;
+
+    std::vector<Slot_t> vecSlots{};  // a power of two of them, or none: then it is not built
+    size_t iSearches = 0;            // in the maps, since the last change
+  };
   struct IncludeRun_t;
 
+  Contents_t& Change();
+  bool IsIndexed() const;
   const std::string* FindValue(const std::string& strSection, const std::string& strKey,
                                int iIndex) const;
   int LoadFile(const char* pPath, IncludeRun_t& stRun, bool bTop);
   int FollowIncludes(IncludeRun_t& stRun);
   int FollowIncludes(std::set<std::string>* pIncludes);
+
+  Contents_t m_mapContents;  // changed by way of Change() only
+  std::map<std::string, std::string> m_mapMacros;
+  std::string m_strConfigFile;  // of the last LoadFromFile() without a set
+  mutable Index_t m_stIndex;
 };
 
 #endif

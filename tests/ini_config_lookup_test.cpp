@@ -95,6 +95,89 @@ TEST_F(IniConfigLookupTest, InvalidFilterGivesNothing) {
   EXPECT_EQ(Texts_t{}, m_stConfig.EnumKeys("t", "("));
 }
 
+// After so many lookups that they go through the index.
+class IniConfigIndexTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (int i = 0; i < 300; ++i) {
+      const std::string strNumber = std::to_string(i);
+      m_stConfig.SetValue("s" + std::to_string(i % 7), "k" + strNumber, strNumber);
+    }
+    LookUp(m_stConfig);
+  }
+  static void LookUp(const IniConfig& stConfig) {
+    for (int i = 0; i < 1000; ++i) {
+      stConfig.GetValue("s", "k");
+    }
+  }
+  IniConfig m_stConfig;
+};
+
+TEST_F(IniConfigIndexTest, FindsWhatIsThereAndNothingElse) {
+  for (int i = 0; i < 300; ++i) {
+    const std::string strKey = "k" + std::to_string(i);
+    EXPECT_EQ(std::to_string(i), m_stConfig.GetValue("s" + std::to_string(i % 7), strKey));
+    EXPECT_EQ("", m_stConfig.GetValue("s" + std::to_string((i + 1) % 7), strKey));
+    EXPECT_EQ("", m_stConfig.GetValue("", strKey));
+    EXPECT_EQ("", m_stConfig.GetValue("s" + std::to_string(i % 7), strKey, 1));
+    EXPECT_EQ("", m_stConfig.GetValue("s" + std::to_string(i % 7), strKey, -1));
+  }
+}
+
+TEST_F(IniConfigIndexTest, KnowsAllValuesOfAKey) {
+  for (int i = 0; i < 10; ++i) {
+    m_stConfig.SetValue("s1", "k1", "more" + std::to_string(i));
+  }
+  LookUp(m_stConfig);
+  EXPECT_EQ("1", m_stConfig.GetValue("s1", "k1"));
+  EXPECT_EQ("more0", m_stConfig.GetValue("s1", "k1", 1));
+  EXPECT_EQ("more9", m_stConfig.GetValue("s1", "k1", 10));
+  EXPECT_EQ("", m_stConfig.GetValue("s1", "k1", 11));
+}
+
+TEST_F(IniConfigIndexTest, EveryChangeIsSeenAtOnce) {
+  m_stConfig.SetValue("s1", "new", "1");
+  EXPECT_EQ("1", m_stConfig.GetValue("s1", "new"));
+  LookUp(m_stConfig);
+  ASSERT_EQ(0, m_stConfig.LoadFromMemory("text=2"));
+  EXPECT_EQ("2", m_stConfig.GetValue("", "text"));
+  LookUp(m_stConfig);
+  ASSERT_EQ(0, m_stConfig.LoadFromMemory(Texts_t{"line=3"}));
+  EXPECT_EQ("3", m_stConfig.GetValue("", "line"));
+  LookUp(m_stConfig);
+  const PrivateDirectory stDirectory;
+  WriteFile(stDirectory.File("a.ini"), "file=4\n");
+  ASSERT_EQ(0, m_stConfig.LoadFromFile(stDirectory.File("a.ini").c_str()));
+  EXPECT_EQ("4", m_stConfig.GetValue("", "file"));
+  LookUp(m_stConfig);
+  ASSERT_EQ(0, m_stConfig.Reload());
+  EXPECT_EQ("", m_stConfig.GetValue("s1", "k1"));
+  EXPECT_EQ("4", m_stConfig.GetValue("", "file"));
+}
+
+TEST_F(IniConfigIndexTest, ClearedObjectIsEmpty) {
+  m_stConfig.Clear();
+  EXPECT_EQ("", m_stConfig.GetValue("s1", "k1"));
+  LookUp(m_stConfig);
+  EXPECT_EQ("", m_stConfig.GetValue("s1", "k1"));
+}
+
+TEST_F(IniConfigIndexTest, CopiesHaveTheirOwn) {
+  IniConfig stAssigned;
+  {
+    IniConfig stOther;
+    stOther.SetValue("s1", "k1", "other");
+    LookUp(stOther);
+    stAssigned = m_stConfig;
+    m_stConfig = stOther;
+  }
+  const IniConfig stCopy(m_stConfig);
+  EXPECT_EQ("other", m_stConfig.GetValue("s1", "k1"));
+  EXPECT_EQ("other", stCopy.GetValue("s1", "k1"));
+  EXPECT_EQ("1", stAssigned.GetValue("s1", "k1"));
+  EXPECT_EQ("", m_stConfig.GetValue("s2", "k2"));
+}
+
 // IntValue() of a value, which is not restricted to the grammar of lines.
 int64_t Number(const std::string& strValue) {
   IniConfig stConfig;
@@ -170,7 +253,7 @@ TEST(IniConfigIntTest, IndexAndReferencesApply) {
 // With macros, as a derived class can have them, and an environment of its own.
 class MacroConfig : public IniConfig {
  public:
-  std::map<std::string, std::string>& Macros() { return m_mapMacros; }
+  using IniConfig::Macros;
 };
 
 class IniConfigReferenceTest : public ::testing::Test {
