@@ -453,27 +453,27 @@ int64_t Config::IntValue(const char* pKey) const {
   return *pValue != '\0' ? StringToInt(pValue) : -1;
 }
 
-std::vector<std::string> Config::StringValues(const std::string& strKey) const {
+std::vector<std::string> Config::StringValues(const char* pKey) const {
   std::vector<std::string> vecValues;
-  const auto [itBegin, itEnd] = m_mapItems.equal_range(strKey);
+  const auto [itBegin, itEnd] = m_mapItems.equal_range(pKey);
   for (auto itItem = itBegin; itItem != itEnd; ++itItem) {
     vecValues.push_back(TranslateValue(itItem->second.c_str()));
   }
   return vecValues;
 }
 
-std::vector<int64_t> Config::IntValues(const std::string& strKey) const {
+std::vector<int64_t> Config::IntValues(const char* pKey) const {
   std::vector<int64_t> vecNumbers;
-  for (const std::string& strValue : StringValues(strKey)) {
+  for (const std::string& strValue : StringValues(pKey)) {
     vecNumbers.push_back(StringToInt(strValue));
   }
   return vecNumbers;
 }
 
-std::multimap<std::string, std::string> Config::EnumValues(const std::string& strPattern) const {
+std::multimap<std::string, std::string> Config::EnumValues(const char* pPattern) const {
   Items_t mapFound;
   SimpleFilter stFilter;
-  if (stFilter.SetRegular(strPattern.c_str()) != 0) {
+  if (stFilter.SetRegular(pPattern) != 0) {
     return mapFound;
   }
   for (const auto& [strKey, strValue] : m_mapItems) {

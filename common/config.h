@@ -48,7 +48,8 @@ class Config : public Object {
   int LoadFromFile(const char* pPath, std::set<std::string>* pIncludes = nullptr);
 
   // The same from a whole document in memory, which need not end with a NUL.
-  int LoadFromMemory(const char* pBuffer, size_t iLength, std::set<std::string>* pIncludes);
+  int LoadFromMemory(const char* pBuffer, size_t iLength,
+                     std::set<std::string>* pIncludes = nullptr);
 
   // Clears the items and loads again the file last loaded. When it no longer loads, the object is
   // empty, but for what was merged before the failure, and has no file any more.
@@ -71,12 +72,12 @@ class Config : public Object {
   int64_t IntValue(const char* pKey) const;
 
   // All values of a key, none when it is missing. As numbers, an empty value is 0.
-  std::vector<std::string> StringValues(const std::string& strKey) const;
-  std::vector<int64_t> IntValues(const std::string& strKey) const;
+  std::vector<std::string> StringValues(const char* pKey) const;
+  std::vector<int64_t> IntValues(const char* pKey) const;
 
   // The items whose key a POSIX extended expression finds something in, anywhere, their references
   // replaced. None when the expression does not compile.
-  std::multimap<std::string, std::string> EnumValues(const std::string& strPattern) const;
+  std::multimap<std::string, std::string> EnumValues(const char* pPattern) const;
 
   // The lookups with a key that is printed, and cut at 255 characters.
   const char* vStringValue(const char* pFormat, ...) const __attribute__((format(printf, 2, 3)));
