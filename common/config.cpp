@@ -1,12 +1,12 @@
 // DESIGN. A document is flattened into a map of its own, which is then merged: so the include
-// directives among its items can be told apart while it is small, and a load of many files does
-// not walk all items for each.
+// directives among its items are found while it is small, and a load of many files does not walk
+// all items for each.
 //
 // After each document, nested ones too, the directives of all items loaded so far are followed, in
 // the order of the items. So the first nested load follows all that its parent still has before
-// it, and the parent finds it done. Only directives with references need more than a mark: all are
-// translated before the first is followed, since a nested load may bring in the key that one of
-// them refers to, and make another path of it.
+// it, and a directive without references leaves the list for good when it is followed. Those with
+// references are all translated before the first directive is followed: a nested load may bring in
+// the key that one of them refers to, and make another path of it.
 
 #include "config.h"
 
@@ -19,6 +19,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -381,16 +382,14 @@ int Config::FollowAll(Includes& stIncludes) {
       // One that a nested load has brought in was followed there.
       const bool bKnown = itVariable != vecVariable.end() && itVariable->first == pValue;
       pPath = bKnown ? &(itVariable++)->second : nullptr;
-      ++it;
     } else {
       stIncludes.mapDirectives.erase(it);
     }
     if (pPath != nullptr && Follow(PreProcessPath(*pPath), stIncludes) != 0) {
       return -1;
     }
-    if (!bVariable) {
-      it = stIncludes.mapDirectives.begin();  // a nested load may have taken the next ones
-    }
+    // A nested load may have taken the next ones, but never one with references.
+    it = bVariable ? std::next(it) : stIncludes.mapDirectives.begin();
   }
   return 0;
 }

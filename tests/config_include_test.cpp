@@ -296,6 +296,16 @@ TEST_F(ConfigIncludeTest, PathMayUseReferences) {
   unsetenv("ZELK_INCLUDE_TEST");
 }
 
+TEST_F(ConfigIncludeTest, DirectivesWithAndWithoutReferencesKeepTheirOrder) {
+  m_stConfig.SetMacroVariable("one", "1");
+  m_stConfig.SetMacroVariable("three", "3");
+  for (const char* pName : {"1", "2", "3", "4"}) {
+    Write(pName, std::string("<v>") + pName + "</v>");
+  }
+  EXPECT_EQ(0, Load(Include("@(one)") + Include("2") + Include("@(three)") + Include("4")));
+  EXPECT_EQ("1,2,3,4", Values());
+}
+
 TEST_F(ConfigIncludeTest, ReferenceMayReadWhatANestedFileBringsIn) {
   Write("1", "<name>2</name>");
   Write("x2", "<v>2</v>");
