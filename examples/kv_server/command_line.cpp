@@ -10,6 +10,7 @@ namespace {
 struct Wishes_t {
   std::string strFile;
   std::vector<std::string> vecSet;  // "key=value"
+  bool bEphemeral = false;
 };
 
 bool FindAction(const std::string& strOption, Action_t& eAction) {
@@ -35,6 +36,8 @@ std::string ReadArguments(const std::vector<std::string>& vecArguments, Action_t
       stWishes.vecSet.push_back(vecArguments[++i]);
     } else if (!strArgument.empty() && strArgument[0] != '-' && stWishes.strFile.empty()) {
       stWishes.strFile = strArgument;
+    } else if (strArgument == "--ephemeral") {
+      stWishes.bEphemeral = true;
     } else if (!FindAction(strArgument, eAction)) {
       return "unknown or incomplete option \"" + strArgument + "\", see --help";
     }
@@ -52,6 +55,7 @@ std::string SetFromArgument(Settings_t& stSettings, const std::string& strArgume
 }
 
 std::string ReadSettings(const Wishes_t& stWishes, Settings_t& stSettings) {
+  stSettings.bEphemeral = stWishes.bEphemeral;
   std::string strError =
       stWishes.strFile.empty() ? "" : LoadConfigFile(stSettings, stWishes.strFile);
   for (size_t i = 0; i < stWishes.vecSet.size() && strError.empty(); ++i) {

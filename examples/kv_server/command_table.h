@@ -29,6 +29,25 @@ enum CommandId_t : uint16_t {
   CMD_DBSIZE,
   CMD_FLUSHALL,
   CMD_INFO,
+  CMD_SETNX,
+  CMD_SETEX,
+  CMD_GETSET,
+  CMD_GETDEL,
+  CMD_APPEND,
+  CMD_STRLEN,
+  CMD_DECRBY,
+  CMD_EXPIRE,
+  CMD_PEXPIRE,
+  CMD_TTL,
+  CMD_PTTL,
+  CMD_PERSIST,
+  CMD_UNLINK,
+  CMD_TYPE,
+  CMD_KEYS,
+  CMD_SCAN,
+  CMD_RANDOMKEY,
+  CMD_FLUSHDB,
+  CMD_COUNT,
 };
 
 // Who answers a command.
@@ -38,6 +57,7 @@ enum Route_t {
   ROUTE_KEYS,     // every argument is a key, each with its own worker
   ROUTE_PAIRS,    // keys and values in turn
   ROUTE_ALL,      // every worker
+  ROUTE_CURSOR,   // the worker that the first argument, a cursor, tells
 };
 
 struct Command_t {

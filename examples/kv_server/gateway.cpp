@@ -36,6 +36,9 @@ const int MAX_EVENTS = 256;
 const int BLOCKED_WAIT_MS = 5;  // how soon a full queue is tried again without being woken
 const int IDLE_WAIT_MS = 1000;  // timeouts are in seconds
 const size_t SPARE_DESCRIPTORS = 64;
+const uint32_t NO_ID = 0xffffffff;
+const uint32_t FIRST_ID = 100;
+const uint32_t END_OF_IDS = 1000000000;
 
 const uint64_t TAG_LISTENER = 1ull << 32;
 const uint64_t TAG_WORKER = 2ull << 32;  // plus the index
@@ -216,12 +219,17 @@ void Gateway::AddClient(std::unique_ptr<TcpSocket> pSocket) {
   g_pLog->Debug("gateway: client %u connected", iId);
 }
 
-// Numbers come round again after some hours of many commands over several workers.
+// Numbers are not given back: a late answer to a machine that is gone must not find another one
+// under its number. They come round again after hours of nothing but commands over several workers.
 uint32_t Gateway::NewMachineId() {
-  do {
-    ++m_iNextMachine;
-  } while (m_iNextMachine == 0 || MachinePool::Instance().GetMachine(m_iNextMachine) != nullptr);
-  return m_iNextMachine;
+  for (;;) {
+    const uint32_t iId = m_stIds.GetId();
+    if (iId == NO_ID) {
+      m_stIds.SetRange(FIRST_ID, END_OF_IDS);
+    } else if (MachinePool::Instance().GetMachine(iId) == nullptr) {
+      return iId;
+    }
+  }
 }
 
 void Gateway::OnSessionEvent(uint32_t iMachine, uint32_t iEvents) {
@@ -353,7 +361,7 @@ void Gateway::Stop() {
   g_pLog->Info("gateway: stopped, %zu clients not answered in time", m_setSessions.size());
 }
 
-std::string Gateway::InfoText(int64_t iKeys) const {
+std::string Gateway::InfoText(const StoreStat_t& stStat) const {
   const auto Line = [](const char* pName, uint64_t iValue) {
     return std::string(pName) + ":" + std::to_string(iValue) + "\r\n";
   };
@@ -364,11 +372,16 @@ std::string Gateway::InfoText(int64_t iKeys) const {
   strText += Line("uptime_in_seconds", static_cast<uint64_t>(m_iNow - m_iStarted));
   strText += "\r\n# Clients\r\n" + Line("connected_clients", m_setSessions.size());
   strText += Line("maxclients", m_stSettings.iMaxClients);
+  strText += "\r\n# Memory\r\n" + Line("used_memory", stStat.iUsedBytes);
+  strText += Line("maxmemory", stStat.iBytes) + "maxmemory_policy:noeviction\r\n";
+  strText += Line("table_bytes_never_used", stStat.iUncarved);
   strText += "\r\n# Stats\r\n" + Line("total_connections_received", m_iConnections);
   strText += Line("total_commands_processed", m_stRouter.Commands());
   strText += "\r\n# Keyspace\r\n";
-  if (iKeys > 0) {
-    strText += "db0:keys=" + std::to_string(iKeys) + ",expires=0,avg_ttl=0\r\n";
+  if (stStat.iKeys > 0) {
+    strText += "db0:keys=" + std::to_string(stStat.iKeys) +
+               ",expires=" + std::to_string(stStat.iExpiring) +
+               ",avg_ttl=" + std::to_string(stStat.iAverageTtl) + "\r\n";
   }
   return strText;
 }

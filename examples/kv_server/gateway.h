@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "id_generator.h"
+#include "key_store.h"
 #include "request_router.h"
 #include "settings.h"
 #include "tcp_socket.h"
@@ -42,7 +44,7 @@ class Gateway : public ReplyReceiver {
   void Resume(Session& stSession);  // a paused session may go on
   void WatchSession(Session& stSession, int iFD, uint32_t iEvents);
   pid_t Master() const { return m_iMaster; }
-  std::string InfoText(int64_t iKeys) const;
+  std::string InfoText(const StoreStat_t& stStat) const;
 
   void OnPiece(const ReplyTarget_t& stTarget, const ReplyPiece_t& stPiece) override;
   void OnLost(const ReplyTarget_t& stTarget) override;
@@ -79,7 +81,7 @@ class Gateway : public ReplyReceiver {
   std::set<uint32_t> m_setSessions;  // machine ids
   std::vector<uint32_t> m_vecTouched;
   std::vector<uint32_t> m_vecResumed;
-  uint32_t m_iNextMachine = 0;
+  IdGenerator m_stIds;
   uint64_t m_iConnections = 0;
   RequestRouter m_stRouter;
 };

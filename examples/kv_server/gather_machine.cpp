@@ -1,5 +1,8 @@
 #include "gather_machine.h"
 
+#include <cstdlib>
+#include <random>
+
 #include "gateway.h"
 #include "log.h"
 #include "reply.h"
@@ -8,6 +11,10 @@
 namespace {
 
 const int DONE = 1;  // tells the caller of DoNext to remove the machine
+
+uint64_t NumberOfBulk(std::string_view strReply) {
+  return strtoull(std::string(BulkOfReply(strReply)).c_str(), nullptr, 10);
+}
 
 std::string ErrorText(const char* pError) {
   std::string strReply;
@@ -73,12 +80,17 @@ std::string GatherMachine::Join() const {
   switch (m_eCommand) {
     case CMD_MGET:
       return JoinElements();
+    case CMD_KEYS:
+      return JoinLists();
+    case CMD_RANDOMKEY:
+      return DrawKey();
     case CMD_MSET:
     case CMD_FLUSHALL:
+    case CMD_FLUSHDB:
       AppendStatus(strReply, "OK");
       break;
     case CMD_INFO:
-      AppendBulk(strReply, m_stGateway.InfoText(Sum()));
+      AppendBulk(strReply, m_stGateway.InfoText(SumStat()));
       break;
     default:
       AppendInteger(strReply, Sum());
@@ -92,6 +104,56 @@ int64_t GatherMachine::Sum() const {
     iSum += IntegerOfReply(stPart.strReply);
   }
   return iSum;
+}
+
+// The keys of all workers.
+std::string GatherMachine::JoinLists() const {
+  size_t iCount = 0;
+  std::string strElements;
+  for (const Part_t& stPart : m_vecParts) {
+    for (const std::string_view strElement : ElementsOfReply(stPart.strReply)) {
+      strElements.append(strElement);
+      ++iCount;
+    }
+  }
+  std::string strReply;
+  AppendArrayHead(strReply, iCount);
+  return strReply + strElements;
+}
+
+// Each worker has drawn a key; a worker is drawn by how many it has.
+std::string GatherMachine::DrawKey() const {
+  static std::mt19937_64 stRandom{std::random_device()()};
+  std::string strReply;
+  uint64_t iSum = 0;
+  for (const Part_t& stPart : m_vecParts) {
+    const auto vecOwn = ElementsOfReply(stPart.strReply);
+    const uint64_t iKeys = NumberOfBulk(vecOwn[0]);
+    iSum += iKeys;
+    if (iKeys > 0 && stRandom() % iSum < iKeys) {
+      strReply = vecOwn[1];
+    }
+  }
+  if (iSum == 0) {
+    AppendNull(strReply);
+  }
+  return strReply;
+}
+
+StoreStat_t GatherMachine::SumStat() const {
+  StoreStat_t stSum{};
+  uint64_t iTtlSum = 0;
+  for (const Part_t& stPart : m_vecParts) {
+    const auto vecOwn = ElementsOfReply(stPart.strReply);
+    stSum.iKeys += NumberOfBulk(vecOwn[0]);
+    stSum.iExpiring += NumberOfBulk(vecOwn[1]);
+    iTtlSum += NumberOfBulk(vecOwn[1]) * NumberOfBulk(vecOwn[2]);
+    stSum.iUsedBytes += NumberOfBulk(vecOwn[3]);
+    stSum.iBytes += NumberOfBulk(vecOwn[4]);
+    stSum.iUncarved += NumberOfBulk(vecOwn[5]);
+  }
+  stSum.iAverageTtl = static_cast<int64_t>(stSum.iExpiring == 0 ? 0 : iTtlSum / stSum.iExpiring);
+  return stSum;
 }
 
 // Puts each part's elements at the places of their keys.

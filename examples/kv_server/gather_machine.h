@@ -6,6 +6,7 @@
 
 #include "command_table.h"
 #include "gateway_event.h"
+#include "key_store.h"
 #include "state_machine.h"
 
 class Gateway;
@@ -44,6 +45,9 @@ class GatherMachine : public StateMachine {
   bool Take(const GatewayEvent_t& stEvent);
   std::string Join() const;
   std::string JoinElements() const;
+  std::string JoinLists() const;
+  std::string DrawKey() const;
+  StoreStat_t SumStat() const;
   int64_t Sum() const;
   void Reply(const std::string& strReply);
 

@@ -104,13 +104,13 @@ std::string CheckKey(std::string_view strKey, const Settings_t& stSettings) {
     return "ERR key is longer than the limit of " + std::to_string(stSettings.iMaxKey) +
            " bytes (limits.key)";
   }
-  // Keys become C strings.
+  // Keys of a HashMap are C strings.
   return strKey.find('\0') != std::string_view::npos ? "ERR key contains a zero byte" : "";
 }
 
-// FLUSHALL and SHUTDOWN take a word that changes nothing here.
+// FLUSHALL, FLUSHDB and SHUTDOWN take a word that changes nothing here.
 std::string CheckMode(const Command_t& stCommand, const Arguments_t& vecArguments) {
-  const bool bFlush = stCommand.eId == CMD_FLUSHALL;
+  const bool bFlush = stCommand.eId != CMD_SHUTDOWN;
   const bool bKnown =
       vecArguments.size() == 1 ||
       (vecArguments.size() == 2 && (Is(vecArguments[1], bFlush ? "async" : "save") ||
@@ -163,7 +163,8 @@ void AppendWrongArity(std::string& strOut, const Command_t& stCommand) {
 
 std::string CheckArguments(const Command_t& stCommand, const Arguments_t& vecArguments,
                            const Settings_t& stSettings) {
-  if (stCommand.eId == CMD_FLUSHALL || stCommand.eId == CMD_SHUTDOWN) {
+  if (stCommand.eId == CMD_FLUSHALL || stCommand.eId == CMD_FLUSHDB ||
+      stCommand.eId == CMD_SHUTDOWN) {
     return CheckMode(stCommand, vecArguments);
   }
   const bool bOne = stCommand.eRoute == ROUTE_ONE_KEY;
@@ -178,5 +179,5 @@ std::string CheckArguments(const Command_t& stCommand, const Arguments_t& vecArg
       return strError;
     }
   }
-  return bOne ? CheckOptions(vecArguments) : "";
+  return bOne && stCommand.iArity < 0 ? CheckOptions(vecArguments) : "";
 }

@@ -15,6 +15,9 @@ int PrintHelp() {
   printf(
       "kv_server - a key-value server for Redis clients, an example of libzelk_common\n\n"
       "usage: kv_server [CONFIG.xml] [--set KEY=VALUE]... [OPTION]\n\n"
+      "  --ephemeral     remove the keys at the end; else they stay for the next start over the "
+      "same\n"
+      "                  server.run_dir, in shared memory\n"
       "  --check         look whether the settings are right, and end\n"
       "  --print-config  print the settings as they would hold, as a CONFIG.xml, and end\n"
       "  --help          this text\n"

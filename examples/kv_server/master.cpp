@@ -45,7 +45,7 @@ std::string DescribeEnd(int iStatus) {
 }  // namespace
 
 Master::Master(const Settings_t& stSettings)
-    : m_stSettings(stSettings), m_stQueues(stSettings.strRunDir) {
+    : m_stSettings(stSettings), m_stQueues(stSettings.strRunDir), m_stTables(stSettings.strRunDir) {
   m_vecChildren.push_back({"gateway", -1, -1, 0, 0, 0});
   for (int i = 0; i < static_cast<int>(stSettings.iWorkers); ++i) {
     m_vecChildren.push_back({"worker " + std::to_string(i), i, -1, 0, 0, 0});
@@ -68,11 +68,9 @@ int Master::Run() {
   stLog.SetPrefix("kv_server_");
   stLog.SetLevel(m_stSettings.strLogLevel.c_str());
   g_pLog = &stLog;
-  if (!m_stQueues.Create(static_cast<unsigned int>(m_stSettings.iWorkers),
-                         static_cast<unsigned int>(m_stSettings.iQueueBytes))) {
-    fprintf(stderr, "kv_server: can not make the queues in %s: %s\n",
-            m_stSettings.strRunDir.c_str(), strerror(errno));
-    return 1;
+  if (!PrepareMemory()) {
+    g_pLog = nullptr;
+    return m_iExit;
   }
   stLog.Info("master: started, pid %d", getpid());
   while (g_bRunFlag) {
@@ -82,9 +80,30 @@ int Master::Run() {
   }
   StopChildren();
   m_stQueues.Remove();
+  if (m_stSettings.bEphemeral) {
+    m_stTables.Remove();
+  }
   stLog.Info("master: stopped");
   g_pLog = nullptr;
-  return 0;
+  return m_iExit;
+}
+
+bool Master::PrepareMemory() {
+  const std::string strError = m_stTables.Prepare(m_stSettings);
+  if (!strError.empty()) {
+    fprintf(stderr, "kv_server: %s\n", strError.c_str());
+    g_pLog->Error("master: %s", strError.c_str());
+    m_iExit = EXIT_TABLE;
+    return false;
+  }
+  if (!m_stQueues.Create(static_cast<unsigned int>(m_stSettings.iWorkers),
+                         static_cast<unsigned int>(m_stSettings.iQueueBytes))) {
+    fprintf(stderr, "kv_server: can not make the queues in %s: %s\n",
+            m_stSettings.strRunDir.c_str(), strerror(errno));
+    m_iExit = 1;
+    return false;
+  }
+  return true;
 }
 
 // One server per run directory. The lock belongs to master and children together, so it is free
@@ -162,8 +181,8 @@ int Master::RunChild(const Child_t& stChild, uint64_t iLife) const {
   if (stChild.iWorker < 0) {
     return Gateway(m_stSettings, m_stQueues.Names(), iLife).Run();
   }
-  const auto& stNames = m_stQueues.Names()[static_cast<size_t>(stChild.iWorker)];
-  return Worker(m_stSettings, stNames, stChild.iWorker).Run();
+  const auto iWorker = static_cast<size_t>(stChild.iWorker);
+  return Worker(m_stSettings, m_stQueues.Names()[iWorker], m_stTables.Names()[iWorker]).Run();
 }
 
 void Master::Reap() {
@@ -184,6 +203,13 @@ void Master::OnDeath(Child_t& stChild, int iStatus) {
   const bool bStable = iNow - stChild.iStartedAt >= STABLE_MS;
   stChild.iStartAt = iNow + (bStable ? 0 : stChild.iDelay);
   stChild.iDelay = bStable ? 0 : std::clamp(stChild.iDelay * 2, FIRST_DELAY_MS, MAX_DELAY_MS);
+  if (WIFEXITED(iStatus) && WEXITSTATUS(iStatus) == EXIT_TABLE) {
+    // Starting it again would not help, and without its keys the others' answers would be half.
+    m_iExit = EXIT_TABLE;
+    g_pLog->Error("master: %s refuses its table, the server ends", stChild.strName.c_str());
+    g_bRunFlag = false;
+    return;
+  }
   if (g_bRunFlag) {
     g_pLog->Error("master: %s ended with %s", stChild.strName.c_str(),
                   DescribeEnd(iStatus).c_str());

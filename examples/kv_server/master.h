@@ -9,9 +9,10 @@
 
 #include "queue_set.h"
 #include "settings.h"
+#include "table_set.h"
 
-// The master process: makes the queues, starts gateway and workers, starts a dead one again, and
-// at the end stops them and removes what it made.
+// The master process: makes the queues and the tables, starts gateway and workers, starts a dead
+// one again, and at the end stops them and removes what it made, but for the tables.
 class Master {
  public:
   explicit Master(const Settings_t& stSettings);
@@ -20,7 +21,7 @@ class Master {
   Master& operator=(const Master&) = delete;
 
   // Serves until SIGTERM or SIGINT. Returns the exit code; errors before the log is there go to
-  // standard error.
+  // standard error. 2 means that a table does not fit and a person has to look.
   int Run();
 
  private:
@@ -35,6 +36,7 @@ class Master {
 
   bool TakeRunDirectory();
   bool CanListen() const;
+  bool PrepareMemory();
   void StartDue();
   void StartChild(Child_t& stChild);
   int RunChild(const Child_t& stChild, uint64_t iLife) const;
@@ -46,8 +48,10 @@ class Master {
 
   const Settings_t m_stSettings;
   QueueSet m_stQueues;
+  TableSet m_stTables;
   std::vector<Child_t> m_vecChildren;
   int m_iLockFD = -1;
+  int m_iExit = 0;
 };
 
 #endif

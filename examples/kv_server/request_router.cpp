@@ -3,10 +3,10 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <functional>
-
+#include "command_runner.h"
 #include "gateway.h"
 #include "gather_machine.h"
+#include "key_owner.h"
 #include "local_commands.h"
 #include "log.h"
 #include "machine_pool.h"
@@ -45,7 +45,10 @@ bool RequestRouter::Run(Session& stSession, const Arguments_t& vecArguments) {
       bRun = RunOnWorker(stSession, *pCommand, WorkerOf(vecArguments[1]), vecArguments);
       break;
     case ROUTE_ALL:
-      bRun = RunOnAll(stSession, *pCommand);
+      bRun = RunOnAll(stSession, *pCommand, vecArguments);
+      break;
+    case ROUTE_CURSOR:
+      bRun = RunAtCursor(stSession, *pCommand, vecArguments);
       break;
     default:
       bRun = RunOnKeys(stSession, *pCommand, vecArguments);
@@ -77,7 +80,7 @@ bool RequestRouter::Refuse(Session& stSession, const Command_t* pCommand,
 
 int RequestRouter::WorkerOf(std::string_view strKey) const {
   const size_t iWorkers = m_stGateway.Workers();
-  return iWorkers == 1 ? 0 : static_cast<int>(std::hash<std::string_view>()(strKey) % iWorkers);
+  return iWorkers == 1 ? 0 : OwnerOf(strKey, iWorkers);
 }
 
 bool RequestRouter::RunOnWorker(Session& stSession, const Command_t& stCommand, int iWorker,
@@ -127,12 +130,32 @@ std::vector<RequestRouter::Part_t> RequestRouter::SplitByWorker(
   return vecParts;
 }
 
-bool RequestRouter::RunOnAll(Session& stSession, const Command_t& stCommand) {
+bool RequestRouter::RunOnAll(Session& stSession, const Command_t& stCommand,
+                             const Arguments_t& vecArguments) {
   std::vector<Part_t> vecParts;
   for (size_t i = 0; i < m_stGateway.Workers(); ++i) {
-    vecParts.push_back({static_cast<int>(i), {}, {}, 0});
+    vecParts.push_back(
+        {static_cast<int>(i), {vecArguments.begin() + 1, vecArguments.end()}, {}, 0});
   }
   return RunParts(stSession, stCommand, vecParts);
+}
+
+// A cursor that was never given out leads to the end.
+bool RequestRouter::RunAtCursor(Session& stSession, const Command_t& stCommand,
+                                const Arguments_t& vecArguments) {
+  ScanCursor_t stCursor{};
+  if (!ParseCursor(vecArguments[1], stCursor)) {
+    AppendError(stSession.LocalReply(), "ERR invalid cursor");
+    return true;
+  }
+  if (stCursor.iWorker >= m_stGateway.Workers()) {
+    std::string& strReply = stSession.LocalReply();
+    AppendArrayHead(strReply, 2);
+    AppendBulk(strReply, "0");
+    AppendArrayHead(strReply, 0);
+    return true;
+  }
+  return RunOnWorker(stSession, stCommand, static_cast<int>(stCursor.iWorker), vecArguments);
 }
 
 bool RequestRouter::RunParts(Session& stSession, const Command_t& stCommand,

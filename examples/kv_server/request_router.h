@@ -31,7 +31,8 @@ class RequestRouter {
   bool RunOnWorker(Session& stSession, const Command_t& stCommand, int iWorker,
                    const Arguments_t& vecArguments);
   bool RunOnKeys(Session& stSession, const Command_t& stCommand, const Arguments_t& vecArguments);
-  bool RunOnAll(Session& stSession, const Command_t& stCommand);
+  bool RunOnAll(Session& stSession, const Command_t& stCommand, const Arguments_t& vecArguments);
+  bool RunAtCursor(Session& stSession, const Command_t& stCommand, const Arguments_t& vecArguments);
   bool RunParts(Session& stSession, const Command_t& stCommand, std::vector<Part_t>& vecParts);
   std::vector<Part_t> SplitByWorker(const Command_t& stCommand,
                                     const Arguments_t& vecArguments) const;

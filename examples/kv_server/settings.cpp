@@ -8,8 +8,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "key_table.h"
 #include "log.h"
 #include "string_util.h"
+#include "value_record.h"
 
 namespace {
 
@@ -29,18 +31,21 @@ struct TextSetting_t {
 
 const TextSetting_t TEXT_SETTINGS[] = {
     {"server.listen", &Settings_t::strListen, "IPv4 address and port"},
-    {"server.run_dir", &Settings_t::strRunDir, "directory of lock, FIFOs and queue keys"},
+    {"server.run_dir", &Settings_t::strRunDir, "directory of lock, FIFOs and keys"},
     {"server.ini", &Settings_t::strOperatorFile, "INI file of the operators; none"},
     {"log.path", &Settings_t::strLogPath, "directory of the log; \"log\" in the run directory"},
     {"log.level", &Settings_t::strLogLevel, "NET, DEBUG, INFORMATION, WARNING, ERROR or STAT"},
 };
 
 const uint64_t GIB = 1 << 30;
+const uint64_t LEAST_TABLE_ROOM = 64 << 10;
 const size_t MAX_DIGITS = 10;
 
 const NumberSetting_t NUMBER_SETTINGS[] = {
     {"server.workers", &Settings_t::iWorkers, 1, 64, "worker processes"},
     {"queue.bytes", &Settings_t::iQueueBytes, 1 << 16, GIB, "bytes of each queue"},
+    {"table.bytes", &Settings_t::iTableBytes, 1 << 23, 1024 * GIB, "bytes of each worker's table"},
+    {"table.buckets", &Settings_t::iTableBuckets, 1, 1 << 28, "about the keys of each table"},
     {"limits.clients", &Settings_t::iMaxClients, 1, 1000000, "clients at a time"},
     {"limits.elements", &Settings_t::iMaxElements, 1, 1 << 24, "elements of a request"},
     {"limits.key", &Settings_t::iMaxKey, 1, 1 << 24, "bytes of a key"},
@@ -80,6 +85,21 @@ std::string SetNumber(Settings_t& stSettings, const NumberSetting_t& stRow,
                      std::to_string(stRow.iMax));
   }
   stSettings.*stRow.pMember = static_cast<uint64_t>(iValue);
+  return "";
+}
+
+// An entry is one block of the heap, and ten blocks are made at a time.
+std::string CheckTable(const Settings_t& stSettings) {
+  const uint64_t iNeeded = KeyTable::HeadSize(stSettings.iTableBuckets) + LEAST_TABLE_ROOM;
+  if (stSettings.iTableBytes < iNeeded) {
+    return Wrong(stSettings, "table.bytes", std::to_string(stSettings.iTableBytes),
+                 "must be at least " + std::to_string(iNeeded) + " for the present table.buckets");
+  }
+  if (!FitsBlock(1 + stSettings.iMaxKey, stSettings.iMaxValue)) {
+    return Wrong(stSettings, "limits.value", std::to_string(stSettings.iMaxValue),
+                 "is too large: key and value together may have " +
+                     std::to_string(MAX_BLOCK - BlockSize(1, sizeof(ValueHead_t))) + " bytes");
+  }
   return "";
 }
 
@@ -131,6 +151,10 @@ std::string CheckSettings(const Settings_t& stSettings) {
     return Wrong(stSettings, "queue.bytes", std::to_string(stSettings.iQueueBytes),
                  "must be at least " + std::to_string(iNeeded) +
                      " for the present limits.key and limits.value");
+  }
+  std::string strError = CheckTable(stSettings);
+  if (!strError.empty()) {
+    return strError;
   }
   if (stSettings.strRunDir.empty()) {
     return Wrong(stSettings, "server.run_dir", "", "must not be empty");

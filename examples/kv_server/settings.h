@@ -22,6 +22,9 @@ struct Settings_t {
   std::string strLogLevel = "INFORMATION";
   uint64_t iWorkers = 1;
   uint64_t iQueueBytes = 8 << 20;
+  uint64_t iTableBytes = 256 << 20;    // of each worker's table; memory is taken as it is used
+  uint64_t iTableBuckets = 256 << 10;  // about the number of keys in each
+  bool bEphemeral = false;             // the tables are removed at a clean end
 
   uint64_t iMaxClients = 10000;
   uint64_t iMaxElements = 1 << 20;  // in one request

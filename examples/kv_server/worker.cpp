@@ -1,12 +1,16 @@
 #include "worker.h"
 
+#include <time.h>
+
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "log.h"
 #include "machine_factory.h"
 #include "machine_pool.h"
 #include "process_signals.h"
+#include "table_set.h"
 #include "zelk_variable.h"
 
 namespace {
@@ -14,16 +18,28 @@ namespace {
 const unsigned int POP_COUNT = 64;
 const int IDLE_WAIT_MS = 1000;
 
+int64_t WallMilliseconds() {
+  timespec stNow{};
+  clock_gettime(CLOCK_REALTIME, &stNow);
+  return stNow.tv_sec * 1000 + stNow.tv_nsec / 1000000;
+}
+
 }  // namespace
 
-Worker::Worker(const Settings_t& stSettings, const QueueNames_t& stNames, int iIndex)
+Worker::Worker(const Settings_t& stSettings, const QueueNames_t& stNames,
+               const TableName_t& stTable)
     : m_stSettings(stSettings),
       m_stNames(stNames),
-      m_iIndex(iIndex),
-      m_stRunner(m_stStore, stSettings.iMaxOutput),
+      m_stTable(stTable),
+      m_iIndex(static_cast<int>(stTable.stMark.iWorker)),
+      m_stRunner(m_stStore, {stSettings.iMaxValue, stSettings.iMaxOutput, stTable.stMark.iWorker,
+                             stTable.stMark.iWorkers}),
       m_stOutbox(m_stOut, stSettings.iQueueBytes, static_cast<int>(stSettings.iStopTimeout)) {}
 
 int Worker::Run() {
+  if (!AttachTable()) {
+    return EXIT_TABLE;
+  }
   if (!Start()) {
     g_pLog->Error("worker %d: can not attach its queues: %s", m_iIndex, strerror(errno));
     return 1;
@@ -35,7 +51,7 @@ int Worker::Run() {
     }
     m_stIn.ClearFifo();
     if (m_stIn.CanReadSize() == 0) {  // what came before the clearing is seen here
-      WaitReadable(m_stIn.FifoFD(), IDLE_WAIT_MS);
+      WaitReadable(m_stIn.FifoFD(), m_stStore.Sweep(IDLE_WAIT_MS));
     }
   }
   Turn();
@@ -59,8 +75,24 @@ bool Worker::Start() {
   return m_stOutbox.Publish();
 }
 
-// Runs everything that is in the queue and answers it.
+bool Worker::AttachTable() {
+  m_stStore.SetTime(WallMilliseconds());
+  const std::string strError = m_stStore.Attach(m_stTable);
+  if (!strError.empty()) {
+    const std::string strTable = TableSet::Describe(m_stTable);
+    fprintf(stderr, "kv_server: %s %s\n", strTable.c_str(), strError.c_str());
+    g_pLog->Error("worker %d: %s %s", m_iIndex, strTable.c_str(), strError.c_str());
+    return false;
+  }
+  g_pLog->Info("worker %d: %zu keys, %llu lost blocks given back, %s", m_iIndex, m_stStore.Count(),
+               static_cast<unsigned long long>(m_stStore.Reclaimed()),
+               m_stStore.Replayed() ? "a change finished" : "no change to finish");
+  return true;
+}
+
+// Runs everything that is in the queue and answers it. Keys expire by the time at its start.
 void Worker::Turn() {
+  m_stStore.SetTime(WallMilliseconds());
   while (Fetch() || !m_dqRecords.empty()) {
     while (!m_dqRecords.empty()) {
       RunFirst();
@@ -70,6 +102,7 @@ void Worker::Turn() {
       return;
     }
   }
+  m_stStore.Sweep(0);
   MachinePool::Instance().ProcessTimeout(0);
 }
 
@@ -119,7 +152,8 @@ StateMachine* Worker::ConversationWith(uint64_t iLife) {
   const std::unique_ptr<StateMachine> pEarlier(stPool.GetMachine(m_iConversation));
   stPool.RemoveMachine(m_iConversation);
   StateMachine* pMachine = MachineFactory::Instance().NewMachine(MACHINE_CONVERSATION);
-  pMachine->SetId(++m_iConversation);
+  m_iConversation = m_stIds.GetId();
+  pMachine->SetId(m_iConversation);
   stPool.AddMachine(pMachine);
   m_iLife = iLife;
   g_pLog->Info("worker %d: a gateway has come", m_iIndex);

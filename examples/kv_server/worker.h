@@ -6,18 +6,22 @@
 
 #include "command_runner.h"
 #include "conversation.h"
+#include "id_generator.h"
 #include "key_store.h"
 #include "message_queue.h"
 #include "queue_set.h"
 #include "reply_outbox.h"
 #include "settings.h"
 
+const int EXIT_TABLE = 2;
+
 // A worker process: sleeps on its inbound queue, runs what comes, answers once per turn.
 class Worker {
  public:
-  Worker(const Settings_t& stSettings, const QueueNames_t& stNames, int iIndex);
+  Worker(const Settings_t& stSettings, const QueueNames_t& stNames, const TableName_t& stTable);
 
-  // Serves until SIGTERM, then finishes what is in its queue. Returns the exit code.
+  // Serves until SIGTERM, then finishes what is in its queue. Returns the exit code: EXIT_TABLE
+  // when the table is not what it should be.
   int Run();
 
  private:
@@ -27,6 +31,7 @@ class Worker {
     uint32_t iSize;
   };
 
+  bool AttachTable();
   bool Start();
   void Turn();
   bool Fetch();
@@ -36,6 +41,7 @@ class Worker {
 
   const Settings_t m_stSettings;
   const QueueNames_t m_stNames;
+  const TableName_t m_stTable;
   int m_iIndex;
   MessageQueue m_stIn;
   MessageQueue m_stOut;
@@ -43,6 +49,7 @@ class Worker {
   CommandRunner m_stRunner;
   ReplyOutbox m_stOutbox;
   std::deque<Record_t> m_dqRecords;
+  IdGenerator m_stIds;
   uint64_t m_iLife = 0;
   uint32_t m_iConversation = 0;  // machine id; 0 before the first batch
 };
