@@ -7,6 +7,7 @@
 
 #include "command_table.h"
 #include "kv_queue_fixture.h"
+#include "kv_store_fixture.h"
 #include "process_signals.h"
 
 namespace {
@@ -27,7 +28,7 @@ class KvWorkerTest : public KvQueueTest {
       Settings_t stSettings;
       stSettings.iQueueBytes = QUEUE_BYTES;
       InstallSignals();
-      return Worker(stSettings, Names(), 0).Run();
+      return Worker(stSettings, Names(), m_stTable.Name()).Run();
     });
   }
 
@@ -48,6 +49,7 @@ class KvWorkerTest : public KvQueueTest {
     return strLines;
   }
 
+  const StoreTable m_stTable;
   std::optional<WorkerLink> m_stLink;
   std::unique_ptr<ForkedPeer> m_pWorker;
 };

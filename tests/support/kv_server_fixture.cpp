@@ -18,9 +18,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <stdexcept>
 
+#include "key_owner.h"
 #include "test_janitor.h"
 
 namespace {
@@ -77,8 +77,11 @@ ServerProcess::ServerProcess(Settings_t vecSettings) : m_vecSettings(std::move(v
 
 ServerProcess::~ServerProcess() {
   KillAll();
-  for (const key_t iKey : m_vecKeys) {
-    shmctl(shmget(iKey, 0, 0), IPC_RMID, nullptr);
+  NoteKeys();  // what was listed by a master that never served
+  for (const auto& vecKeys : {m_vecKeys, m_vecTableKeys}) {
+    for (const key_t iKey : vecKeys) {
+      shmctl(shmget(iKey, 0, 0), IPC_RMID, nullptr);
+    }
   }
 }
 
@@ -99,6 +102,11 @@ void ServerProcess::Start() {
     KillAll();  // somebody else was faster with the port
   }
   Fail("the server does not start: " + Log());
+}
+
+void ServerProcess::Restart(Settings_t vecSettings) {
+  m_vecSettings = std::move(vecSettings);
+  Start();
 }
 
 void ServerProcess::Launch() {
@@ -144,10 +152,15 @@ pid_t ServerProcess::Living(const std::string& strName) const {
 }
 
 void ServerProcess::NoteKeys() {
-  std::ifstream stFile(Directory() + "/queues");
-  std::string strFifo;
-  for (key_t iKey = 0; stFile >> iKey && std::getline(stFile, strFifo);) {
-    m_vecKeys.push_back(iKey);
+  NoteKeys("queues", m_vecKeys);
+  NoteKeys("tables", m_vecTableKeys);
+}
+
+void ServerProcess::NoteKeys(const std::string& strList, std::vector<key_t>& vecKeys) const {
+  std::ifstream stFile(Directory() + "/" + strList);
+  std::string strRest;
+  for (key_t iKey = 0; stFile >> iKey && std::getline(stFile, strRest);) {
+    vecKeys.push_back(iKey);
   }
 }
 
@@ -189,7 +202,9 @@ std::string ServerProcess::Remains() const {
   }
   for (const auto& stEntry : std::filesystem::directory_iterator(Directory())) {
     const std::string strName = stEntry.path().filename();
-    strRemains += strName == "lock" || strName == "log" ? "" : "file " + strName + "\n";
+    const bool bMeant = strName == "lock" || strName == "log" || strName == "run" ||
+                        strName == "tables";  // which hold the keys
+    strRemains += bMeant ? "" : "file " + strName + "\n";
   }
   for (const std::string strProcess : CHILDREN) {
     strRemains += IsAlive(ProcessOf(strProcess)) ? "process " + strProcess + "\n" : "";
@@ -382,8 +397,7 @@ std::string Repeat(const std::string& strText, size_t iTimes) {
 std::string KeyOf(int iWorker, int iWorkers, int iNumber) {
   for (int i = 0, iFound = 0;; ++i) {
     const std::string strKey = "key:" + std::to_string(i);
-    const size_t iOwner = std::hash<std::string_view>()(strKey) % static_cast<size_t>(iWorkers);
-    if (iOwner == static_cast<size_t>(iWorker) && iFound++ == iNumber) {
+    if (OwnerOf(strKey, static_cast<size_t>(iWorkers)) == iWorker && iFound++ == iNumber) {
       return strKey;
     }
   }

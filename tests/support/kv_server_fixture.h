@@ -10,10 +10,10 @@
 #include "test_support.h"
 
 // The built server as a child of the test, in a run directory of its own and on a free port.
-// Destroyed, it is killed with all its processes; what it leaves is removed.
+// Destroyed, it is killed with all its processes; what it leaves is removed, the tables too.
 class ServerProcess {
  public:
-  typedef std::vector<std::string> Settings_t;  // "key=value", or a configuration file
+  typedef std::vector<std::string> Settings_t;  // "key=value", "--option", or a configuration file
 
   // Starts the server and waits until it serves.
   explicit ServerProcess(Settings_t vecSettings = {});
@@ -36,8 +36,12 @@ class ServerProcess {
   int Stop();
   // Starts a master anew over the same directory and port, when the former has gone.
   void Start();
+  // The same with other settings.
+  void Restart(Settings_t vecSettings);
+  const std::vector<key_t>& TableKeys() const { return m_vecTableKeys; }
 
-  // Segments, FIFOs and processes that are still there, as a text; "" when nothing is.
+  // Segments, FIFOs and processes that are still there, as a text; "" when nothing is. The tables
+  // are meant to stay.
   std::string Remains() const;
 
  private:
@@ -46,14 +50,16 @@ class ServerProcess {
   pid_t ProcessOf(const std::string& strName) const;  // the latest, which may be dead; -1: none
   pid_t Living(const std::string& strName) const;
   void NoteKeys();
+  void NoteKeys(const std::string& strList, std::vector<key_t>& vecKeys) const;
   void KillAll();
 
-  const Settings_t m_vecSettings;
+  Settings_t m_vecSettings;
   const PrivateDirectory m_stDirectory;
   uint16_t m_iPort = 0;
   pid_t m_iMaster = -1;
   size_t m_iLogBefore = 0;  // bytes of the log that are an earlier master's
   std::vector<key_t> m_vecKeys;
+  std::vector<key_t> m_vecTableKeys;
 };
 
 // What a run of the server binary that ends by itself prints, and its exit code.

@@ -47,13 +47,14 @@ void WaitForServer(const std::filesystem::path& stLock) {
   close(iFD);
 }
 
-// The file "queues" is such a server's list.
+// The files "queues" and "tables" are such a server's lists.
 void RemoveSegments() {
   RemoveListedSegments(KeyFile());
   std::error_code stIgnored;
   for (const auto& stEntry :
        std::filesystem::recursive_directory_iterator(g_strDirectory, stIgnored)) {
-    if (stEntry.path().filename() == "queues") {
+    const std::string strName = stEntry.path().filename();
+    if (strName == "queues" || strName == "tables") {
       WaitForServer(stEntry.path().parent_path() / "lock");
       RemoveListedSegments(stEntry.path());
     }
