@@ -39,17 +39,21 @@ class Load {
   static int Run(Client& stClient, size_t iValue) {
     for (int iRound = 0;; ++iRound) {
       const std::string strRound = std::to_string(iRound);
-      const std::string strKey = "load" + std::to_string(iRound % 50);
+      const std::string strKey =
+          "load" + std::to_string(iValue) + "." + std::to_string(iRound % 50);
       std::string strValue = strRound + std::string(iValue, 'v');
       stClient.Send(Request({"ECHO", strRound}) + Request({"SET", strKey, strValue}) +
                     Request({"GET", strKey}) + Request({"MGET", strKey, "none"}) +
                     Request({"ECHO", strRound}));
-      const std::string strNone = "$-1\r\n";  // a new worker has no keys
-      const std::string strElements = "*2\r\n" + Bulk(strValue) + strNone;
-      if (!Is(stClient, {Bulk(strRound)}) || !Is(stClient, {"+OK\r\n", LOST}) ||
-          !Is(stClient, {Bulk(strValue), strNone, LOST}) ||
-          !Is(stClient, {strElements, "*2\r\n" + strNone + strNone, LOST}) ||
-          !Is(stClient, {Bulk(strRound)})) {
+      const std::string strElements = "*2\r\n" + Bulk(strValue) + "$-1\r\n";
+      bool bOpen = Is(stClient, {Bulk(strRound)});
+      const std::string strSet = bOpen ? stClient.Read() : "";
+      if (strSet == "+OK\r\n") {
+        bOpen = Is(stClient, {Bulk(strValue), LOST}) && Is(stClient, {strElements, LOST});
+      } else {  // it may have run: then there is this value, else an earlier one or none
+        bOpen = strSet == LOST && !stClient.Read(2).empty();
+      }
+      if (!bOpen || !Is(stClient, {Bulk(strRound)})) {
         return stClient.ClosedWithin(0) ? 0 : 1;
       }
     }
@@ -168,7 +172,7 @@ TEST(KvServerCrashTest, ATornReplyIsNotFollowedByAnything) {
   EXPECT_TRUE(strPart == strWhole.substr(0, strPart.size()));
   EXPECT_GT(strWhole.size(), strPart.size());
   EXPECT_NE(std::string::npos, stServer.Log().find("its worker died inside a reply"));
-  EXPECT_EQ("$-1\r\n", stOther.Ask({"GET", "a"}));
+  EXPECT_EQ(":1048576\r\n", stOther.Ask({"STRLEN", "a"}));
 }
 
 TEST(KvServerCrashTest, WorkersMayDieUnderLoad) {
@@ -241,7 +245,7 @@ TEST(KvServerCrashTest, AKilledMastersServerGoesAndANewMasterTakesOver) {
   stServer.Start();  // at once: it waits for the children of the killed one
   EXPECT_EQ(0, stLoad.Wait());
   Client stClient(stServer);
-  EXPECT_EQ(":0\r\n", stClient.Ask({"DBSIZE"}));
+  EXPECT_EQ(":", stClient.Ask({"DBSIZE"}).substr(0, 1));
   EXPECT_EQ("+OK\r\n", stClient.Ask({"MSET", "a", "1", "b", "2", "c", "3"}));
   EXPECT_EQ(0, stServer.Stop());
   EXPECT_EQ("", stServer.Remains()) << "also of the killed one";

@@ -117,6 +117,29 @@ TEST(KvSettingsTest, QueuesHoldTheLargestCommandTwice) {
       CheckSettings(stSettings));
 }
 
+TEST(KvSettingsTest, TablesHoldTheirHeads) {
+  Settings_t stSettings;
+  stSettings.iTableBuckets = 16;
+  stSettings.iTableBytes = 4194384 + 56 + 16 * 16 + 4194320 + 65536;
+  EXPECT_EQ("", CheckSettings(stSettings));
+  --stSettings.iTableBytes;
+  EXPECT_EQ(
+      "table.bytes = \"8454551\": must be at least 8454552 for the present table.buckets",
+      CheckSettings(stSettings));
+}
+
+TEST(KvSettingsTest, AnEntryIsABlockOfTheHeap) {
+  Settings_t stSettings;
+  stSettings.iMaxKey = 4262;
+  stSettings.iMaxValue = 4190000;
+  stSettings.iQueueBytes = 1 << 30;
+  EXPECT_EQ("", CheckSettings(stSettings)) << "with 42 bytes of heads and prefix";
+  ++stSettings.iMaxValue;
+  EXPECT_EQ(
+      "limits.value = \"4190001\": is too large: key and value together may have 4194262 bytes",
+      CheckSettings(stSettings));
+}
+
 TEST(KvSettingsTest, TheRunDirectoryHasAName) {
   EXPECT_EQ("server.run_dir = \"\": must not be empty", CheckWith("server.run_dir", ""));
 }
