@@ -47,8 +47,7 @@ void StoreWord(void* pTo, T tValue) {
 }
 
 char* Put(char* pTo, std::string_view strBytes) {
-  memcpy(pTo, strBytes.data(), strBytes.size());
-  return pTo + strBytes.size();
+  return pTo + strBytes.copy(pTo, strBytes.size());  // which may be nothing, at a null pointer
 }
 
 }  // namespace

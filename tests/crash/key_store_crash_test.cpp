@@ -19,7 +19,7 @@ namespace {
 #if defined(__SANITIZE_ADDRESS__) || !defined(__OPTIMIZE__)
 const unsigned int DEFAULT_STRIDE = 197;  // an operation is tens of thousands of instructions
 #else
-const unsigned int DEFAULT_STRIDE = 7;
+const unsigned int DEFAULT_STRIDE = 13;
 #endif
 
 // ZELK_CRASH_STRIDE=1 dies at every instruction, which takes minutes.
