@@ -35,7 +35,8 @@ class ConfigGenerator : public Object {
   void SetRootName(const char* pRootName);
 
   // Adds a pair. Generation applies the pairs in the order of their keys, and those of one key as
-  // they were added, so the value added last is the one that stays.
+  // they were added, so the value added last is the one that stays. An element's text replaces the
+  // children that it has by then: give the element "a" as "a", which comes before "a.b".
   void SetKeyValue(const std::string& strKey, const std::string& strValue);
   void SetKeyValue(const char* pKey, const char* pValue);
 

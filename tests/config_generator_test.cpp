@@ -61,6 +61,12 @@ TEST_F(ConfigGeneratorTest, EqualPathsInDifferentLettersGoByKeyOrder) {
   EXPECT_EQ("a.b=later key", ReadBack());
 }
 
+TEST_F(ConfigGeneratorTest, TextThatComesAfterChildrenReplacesThem) {
+  m_stGenerator.SetKeyValue("a.b", "1");
+  m_stGenerator.SetKeyValue("a/", "2");  // sorts behind "a.b"
+  EXPECT_EQ("a=2", ReadBack());
+}
+
 TEST_F(ConfigGeneratorTest, EmptyNamesOfAPathAreDropped) {
   m_stGenerator.SetKeyValue("/a..b./", "1");
   EXPECT_EQ("a.b=1", ReadBack());

@@ -59,7 +59,10 @@ void CheckRoundTrip(const std::string& strText,
                     const std::multimap<std::string, std::string>& mapPairs) {
   std::map<std::string, std::string> mapExpected;  // the pairs applied in their order
   for (const auto& [strPath, strValue] : mapPairs) {
-    mapExpected[DottedKey(strPath)] = strValue;
+    const std::string strKey = DottedKey(strPath);
+    // A text replaces the children made before: "a.b" comes before "a/".
+    mapExpected.erase(mapExpected.lower_bound(strKey + "."), mapExpected.lower_bound(strKey + "/"));
+    mapExpected[strKey] = strValue;
   }
   Config stConfig;
   if (stConfig.LoadFromMemory(strText.data(), strText.size(), nullptr) != 0) {
