@@ -8,7 +8,8 @@
 // SimpleIni compares case-sensitively, as ours does, and keeps one value a key; ours keeps several.
 // inih has a reader with a map on top of it, and its callback interface without any storage is the
 // row "inih_no_storage". Each contestant is asked by the names that its interface takes, built
-// beforehand, and the value's first character is read. POCO alone also expands references.
+// beforehand, and the value's first character is read. POCO alone also expands references. Many
+// lookups are measured, so that ours go through the index that is built meanwhile.
 
 #include <INIReader.h>
 #include <Poco/AutoPtr.h>
