@@ -44,7 +44,7 @@
 namespace {
 
 const size_t LINE_SIZE = 2047;    // longer lines of a file are cut
-const size_t BLOCK_SIZE = 65536;  // what is read at once
+const size_t BLOCK_SIZE = 16384;  // what is read at once
 const size_t MIN_SEARCHES = 64;   // before an index is thought of
 const size_t INDEX_SHARE = 4;     // items for each search, at most, when it is built
 const char DIRECTIVE[] = "include";
@@ -296,19 +296,19 @@ const char* TakeBlock(const char* pBlock, const char* pEnd, LineSorter& stSorter
   }
 }
 
-// Gives the lines of a file up to its end, or to a failure, which hides a line that has begun.
-void TakeFile(int iFD, LineSorter& stSorter) {
-  const std::unique_ptr<char[]> pBuffer(new char[BLOCK_SIZE]);
-  char* pEnd = pBuffer.get();
+// Gives the lines of a file up to its end, or to a failure, which hides a line that has begun. Not
+// in line, so that the buffer is not on the stack once for each level of includes.
+[[gnu::noinline]] void TakeFile(int iFD, LineSorter& stSorter) {
+  char szBlock[BLOCK_SIZE];
+  char* pEnd = szBlock;
   ssize_t iRead = 0;
-  while ((iRead = ReadSome(iFD, pEnd, BLOCK_SIZE - static_cast<size_t>(pEnd - pBuffer.get()))) >
-         0) {
+  while ((iRead = ReadSome(iFD, pEnd, BLOCK_SIZE - static_cast<size_t>(pEnd - szBlock))) > 0) {
     pEnd += iRead;
-    const char* const pRest = TakeBlock(pBuffer.get(), pEnd, stSorter);
-    pEnd = std::copy(pRest, static_cast<const char*>(pEnd), pBuffer.get());
+    const char* const pRest = TakeBlock(szBlock, pEnd, stSorter);
+    pEnd = std::copy(pRest, static_cast<const char*>(pEnd), szBlock);
   }
   if (iRead == 0) {
-    stSorter.Take(View(pBuffer.get(), pEnd));
+    stSorter.Take(View(szBlock, pEnd));
   }
 }
 
