@@ -74,6 +74,9 @@ CommandRunner::Handler_t CommandRunner::HandlerOf(CommandId_t eCommand) {
     arHandlers[CMD_FLUSHALL] = &CommandRunner::FlushAll;
     arHandlers[CMD_FLUSHDB] = &CommandRunner::FlushAll;
     arHandlers[CMD_INFO] = &CommandRunner::Info;
+    arHandlers[CMD_BGSAVE] = &CommandRunner::BgSave;
+    arHandlers[CMD_LASTSAVE] = &CommandRunner::LastSave;
+    arHandlers[CMD_SHUTDOWN] = &CommandRunner::Shutdown;
     return arHandlers;
   }();
   return eCommand < CMD_COUNT ? HANDLERS[eCommand] : nullptr;

@@ -6,6 +6,7 @@
 #include "batch.h"
 #include "command_table.h"
 #include "key_store.h"
+#include "saver.h"
 
 const char NOT_AN_INTEGER[] = "ERR value is not an integer or out of range";
 const char SYNTAX_ERROR[] = "ERR syntax error";
@@ -34,8 +35,8 @@ class CommandRunner {
     uint64_t iWorkers;
   };
 
-  CommandRunner(KeyStore& stStore, const Place_t& stPlace)
-      : m_stStore(stStore), m_stPlace(stPlace) {}
+  CommandRunner(KeyStore& stStore, Saver& stSaver, const Place_t& stPlace)
+      : m_stStore(stStore), m_stSaver(stSaver), m_stPlace(stPlace) {}
 
   // Appends the reply to strOut; vecArguments come without the command's name.
   void Run(CommandId_t eCommand, const Arguments_t& vecArguments, std::string& strOut);
@@ -86,9 +87,15 @@ class CommandRunner {
   void FlushAll(const Arguments_t& vecArguments, std::string& strOut);
   void Info(const Arguments_t& vecArguments, std::string& strOut);
 
+  // save_commands.cpp
+  void BgSave(const Arguments_t& vecArguments, std::string& strOut);
+  void LastSave(const Arguments_t& vecArguments, std::string& strOut);
+  void Shutdown(const Arguments_t& vecArguments, std::string& strOut);
+
   void LimitReply(std::string& strOut, size_t iStart) const;
 
   KeyStore& m_stStore;
+  Saver& m_stSaver;
   const Place_t m_stPlace;
   uint64_t m_iCommandsRun = 0;
 };

@@ -52,6 +52,8 @@ std::vector<Command_t>& Commands() {
       {CMD_SCAN, "scan", -2, ROUTE_CURSOR, false},
       {CMD_RANDOMKEY, "randomkey", 1, ROUTE_ALL, false},
       {CMD_FLUSHDB, "flushdb", -1, ROUTE_ALL, true},
+      {CMD_BGSAVE, "bgsave", -1, ROUTE_ALL, false},
+      {CMD_LASTSAVE, "lastsave", 1, ROUTE_ALL, false},
   };
   return vecCommands;
 }

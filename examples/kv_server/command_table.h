@@ -47,6 +47,8 @@ enum CommandId_t : uint16_t {
   CMD_SCAN,
   CMD_RANDOMKEY,
   CMD_FLUSHDB,
+  CMD_BGSAVE,
+  CMD_LASTSAVE,
   CMD_COUNT,
 };
 

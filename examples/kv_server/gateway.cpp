@@ -361,7 +361,9 @@ void Gateway::Stop() {
   g_pLog->Info("gateway: stopped, %zu clients not answered in time", m_setSessions.size());
 }
 
-std::string Gateway::InfoText(const StoreStat_t& stStat) const {
+std::string Gateway::InfoText(const WorkerStat_t& stWorkers) const {
+  const StoreStat_t& stStat = stWorkers.stStore;
+  const SaveStat_t& stSave = stWorkers.stSave;
   const auto Line = [](const char* pName, uint64_t iValue) {
     return std::string(pName) + ":" + std::to_string(iValue) + "\r\n";
   };
@@ -375,6 +377,12 @@ std::string Gateway::InfoText(const StoreStat_t& stStat) const {
   strText += "\r\n# Memory\r\n" + Line("used_memory", stStat.iUsedBytes);
   strText += Line("maxmemory", stStat.iBytes) + "maxmemory_policy:noeviction\r\n";
   strText += Line("table_bytes_never_used", stStat.iUncarved);
+  strText += "\r\n# Persistence\r\nloading:0\r\n";
+  strText += Line("rdb_changes_since_last_save", stSave.iChanges);
+  strText += Line("rdb_bgsave_in_progress", stSave.iRunning);
+  strText += Line("rdb_last_save_time", stSave.iLastSave);
+  strText +=
+      std::string("rdb_last_bgsave_status:") + (stSave.iLastGood != 0 ? "ok" : "err") + "\r\n";
   strText += "\r\n# Stats\r\n" + Line("total_connections_received", m_iConnections);
   strText += Line("total_commands_processed", m_stRouter.Commands());
   strText += "\r\n# Keyspace\r\n";

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "id_generator.h"
-#include "key_store.h"
 #include "request_router.h"
+#include "saver.h"
 #include "settings.h"
 #include "tcp_socket.h"
 #include "worker_link.h"
@@ -44,7 +44,7 @@ class Gateway : public ReplyReceiver {
   void Resume(Session& stSession);  // a paused session may go on
   void WatchSession(Session& stSession, int iFD, uint32_t iEvents);
   pid_t Master() const { return m_iMaster; }
-  std::string InfoText(const StoreStat_t& stStat) const;
+  std::string InfoText(const WorkerStat_t& stStat) const;
 
   void OnPiece(const ReplyTarget_t& stTarget, const ReplyPiece_t& stPiece) override;
   void OnLost(const ReplyTarget_t& stTarget) override;

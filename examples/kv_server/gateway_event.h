@@ -21,6 +21,7 @@ enum MachineType_t {
   MACHINE_SESSION = 1,   // a client's conversation, in the gateway
   MACHINE_GATHER,        // a command over several workers, in the gateway
   MACHINE_CONVERSATION,  // the conversation with one gateway process, in a worker
+  MACHINE_SAVE,          // a save that waits for its children, in a worker
 };
 
 #endif

@@ -1,5 +1,9 @@
 #include "gather_machine.h"
 
+#include <signal.h>
+
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <random>
 
@@ -72,6 +76,9 @@ std::string GatherMachine::Join() const {
     AppendReplyTooLong(strReply, m_stGateway.Settings().iMaxOutput);
     return strReply;
   }
+  if (m_eCommand == CMD_BGSAVE) {
+    return JoinStarted();
+  }
   for (const Part_t& stPart : m_vecParts) {
     if (IsErrorReply(stPart.strReply)) {
       return stPart.strReply;
@@ -92,10 +99,34 @@ std::string GatherMachine::Join() const {
     case CMD_INFO:
       AppendBulk(strReply, m_stGateway.InfoText(SumStat()));
       break;
+    case CMD_SHUTDOWN:
+      kill(m_stGateway.Master(), SIGTERM);
+      break;  // answered by the end of the connection
+    case CMD_LASTSAVE:
+      AppendInteger(strReply, Least());
+      break;
     default:
       AppendInteger(strReply, Sum());
   }
   return strReply;
+}
+
+// A save is under way when one worker has started its own.
+std::string GatherMachine::JoinStarted() const {
+  for (const Part_t& stPart : m_vecParts) {
+    if (!IsErrorReply(stPart.strReply)) {
+      return stPart.strReply;
+    }
+  }
+  return m_vecParts.front().strReply;
+}
+
+int64_t GatherMachine::Least() const {
+  int64_t iLeast = INT64_MAX;
+  for (const Part_t& stPart : m_vecParts) {
+    iLeast = std::min(iLeast, IntegerOfReply(stPart.strReply));
+  }
+  return iLeast;
 }
 
 int64_t GatherMachine::Sum() const {
@@ -140,19 +171,31 @@ std::string GatherMachine::DrawKey() const {
   return strReply;
 }
 
-StoreStat_t GatherMachine::SumStat() const {
-  StoreStat_t stSum{};
+// Of the saves, the oldest and the worst outcome.
+WorkerStat_t GatherMachine::SumStat() const {
+  WorkerStat_t stSum{{}, {0, 0, UINT64_MAX, 1}};
+  StoreStat_t& stStore = stSum.stStore;
+  SaveStat_t& stSave = stSum.stSave;
   uint64_t iTtlSum = 0;
   for (const Part_t& stPart : m_vecParts) {
-    const auto vecOwn = ElementsOfReply(stPart.strReply);
-    stSum.iKeys += NumberOfBulk(vecOwn[0]);
-    stSum.iExpiring += NumberOfBulk(vecOwn[1]);
-    iTtlSum += NumberOfBulk(vecOwn[1]) * NumberOfBulk(vecOwn[2]);
-    stSum.iUsedBytes += NumberOfBulk(vecOwn[3]);
-    stSum.iBytes += NumberOfBulk(vecOwn[4]);
-    stSum.iUncarved += NumberOfBulk(vecOwn[5]);
+    std::vector<uint64_t> vecFigures;
+    for (const std::string_view strElement : ElementsOfReply(stPart.strReply)) {
+      vecFigures.push_back(NumberOfBulk(strElement));
+    }
+    vecFigures.resize(10);
+    stStore.iKeys += vecFigures[0];
+    stStore.iExpiring += vecFigures[1];
+    iTtlSum += vecFigures[1] * vecFigures[2];
+    stStore.iUsedBytes += vecFigures[3];
+    stStore.iBytes += vecFigures[4];
+    stStore.iUncarved += vecFigures[5];
+    stSave.iChanges += vecFigures[6];
+    stSave.iRunning = std::max(stSave.iRunning, vecFigures[7]);
+    stSave.iLastSave = std::min(stSave.iLastSave, vecFigures[8]);
+    stSave.iLastGood = std::min(stSave.iLastGood, vecFigures[9]);
   }
-  stSum.iAverageTtl = static_cast<int64_t>(stSum.iExpiring == 0 ? 0 : iTtlSum / stSum.iExpiring);
+  stStore.iAverageTtl =
+      static_cast<int64_t>(stStore.iExpiring == 0 ? 0 : iTtlSum / stStore.iExpiring);
   return stSum;
 }
 

@@ -6,7 +6,7 @@
 
 #include "command_table.h"
 #include "gateway_event.h"
-#include "key_store.h"
+#include "saver.h"
 #include "state_machine.h"
 
 class Gateway;
@@ -47,8 +47,10 @@ class GatherMachine : public StateMachine {
   std::string JoinElements() const;
   std::string JoinLists() const;
   std::string DrawKey() const;
-  StoreStat_t SumStat() const;
+  std::string JoinStarted() const;
+  WorkerStat_t SumStat() const;
   int64_t Sum() const;
+  int64_t Least() const;
   void Reply(const std::string& strReply);
 
   Gateway& m_stGateway;

@@ -29,6 +29,7 @@ namespace {
 
 const char CLIENT_PREFIX = 's';
 const char MARK_KEY[] = "!run";
+const char LOADED_KEY[] = "!loaded";
 const char TRIAL_KEY[] = "!try";
 const size_t TRIAL_KEY_LENGTH = sizeof(TRIAL_KEY) - 1;
 
@@ -152,6 +153,10 @@ std::string KeyStore::CountEntries() {
   return "";
 }
 
+bool KeyStore::IsLoaded() { return m_stTable.Get(LOADED_KEY).pKey != nullptr; }
+
+bool KeyStore::SetLoaded() { return m_stTable.Set(LOADED_KEY, uint64_t{1}); }
+
 void KeyStore::CountIn(const ValueHead_t& stHead) {
   ++m_iCount;
   if (stHead.iExpireAt != NEVER) {
@@ -238,6 +243,7 @@ bool KeyStore::Write(std::string_view strKey, const Found_t* pOld, std::string_v
     CountOut(pOld->stHead);
   }
   CountIn(stHead);
+  ++m_iChanges;
   return true;
 }
 
@@ -286,6 +292,7 @@ bool KeyStore::SetExpiry(std::string_view strKey, int64_t iExpireAt) {
   StoreWord(stFound.pRecord + offsetof(ValueHead_t, iExpireAt), iExpireAt);
   CountOut(stFound.stHead);
   CountIn({iExpireAt, 0, VALUE_STRING});
+  ++m_iChanges;
   return true;
 }
 
@@ -301,6 +308,7 @@ bool KeyStore::Remove(std::string_view strKey) {
 void KeyStore::Delete(const char* pKey, const ValueHead_t& stHead) {
   m_stTable.Delete(pKey);
   CountOut(stHead);
+  ++m_iChanges;
 }
 
 void KeyStore::Clear() {

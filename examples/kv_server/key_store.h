@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <random>
 #include <string>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "key_table.h"
+#include "table_snapshot.h"
 #include "value_record.h"
 
 // Whose table it is; stands in the table's first entry.
@@ -81,7 +83,16 @@ class KeyStore {
   bool Remove(std::string_view strKey);
   void Clear();
 
+  // Whether the table has all keys that it is to start with. A new one has not.
+  bool IsLoaded();
+  bool SetLoaded();
+
+  // The table as it is now, for a forked child.
+  std::unique_ptr<TableSnapshot> Freeze() { return std::make_unique<TableSnapshot>(m_stTable); }
+
   size_t Count() const { return m_iCount; }
+  // Counts changes that clients have made, and keys whose time was over.
+  uint64_t Changes() const { return m_iChanges; }
   StoreStat_t Stat();
 
   // Calls fnVisit for all keys of a bucket and of more buckets, until iCount keys were visited.
@@ -135,6 +146,7 @@ class KeyStore {
   char* m_pRecord = nullptr;  // behind it
   int64_t m_iNow = 0;
   uint64_t m_iCount = 0;
+  uint64_t m_iChanges = 0;
   uint64_t m_iExpiring = 0;
   double m_fExpireSum = 0;  // of the expiry times
   uint64_t m_iReclaimed = 0;

@@ -128,13 +128,15 @@ void CommandRunner::FlushAll(const Arguments_t& /*vecArguments*/, std::string& s
   AppendStatus(strOut, "OK");
 }
 
-// The figures of StoreStat_t in their order: the gateway adds them up and makes the text.
+// The figures of WorkerStat_t in their order: the gateway adds them up and makes the text.
 void CommandRunner::Info(const Arguments_t& /*vecArguments*/, std::string& strOut) {
   const StoreStat_t stStat = m_stStore.Stat();
-  AppendArrayHead(strOut, 6);
+  const SaveStat_t stSave = m_stSaver.Stat();
+  AppendArrayHead(strOut, 10);
   for (const uint64_t iFigure :
        {stStat.iKeys, stStat.iExpiring, static_cast<uint64_t>(stStat.iAverageTtl),
-        stStat.iUsedBytes, stStat.iBytes, stStat.iUncarved}) {
+        stStat.iUsedBytes, stStat.iBytes, stStat.iUncarved, stSave.iChanges, stSave.iRunning,
+        stSave.iLastSave, stSave.iLastGood}) {
     AppendBulk(strOut, std::to_string(iFigure));
   }
 }

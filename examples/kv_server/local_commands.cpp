@@ -108,13 +108,16 @@ std::string CheckKey(std::string_view strKey, const Settings_t& stSettings) {
   return strKey.find('\0') != std::string_view::npos ? "ERR key contains a zero byte" : "";
 }
 
-// FLUSHALL, FLUSHDB and SHUTDOWN take a word that changes nothing here.
+// Commands with a word that may follow them.
 std::string CheckMode(const Command_t& stCommand, const Arguments_t& vecArguments) {
-  const bool bFlush = stCommand.eId != CMD_SHUTDOWN;
+  const char* pWord = stCommand.eId == CMD_SHUTDOWN ? "save" : "async";
+  const char* pOther = stCommand.eId == CMD_SHUTDOWN ? "nosave" : "sync";
+  if (stCommand.eId == CMD_BGSAVE) {
+    pWord = pOther = "schedule";
+  }
   const bool bKnown =
       vecArguments.size() == 1 ||
-      (vecArguments.size() == 2 && (Is(vecArguments[1], bFlush ? "async" : "save") ||
-                                    Is(vecArguments[1], bFlush ? "sync" : "nosave")));
+      (vecArguments.size() == 2 && (Is(vecArguments[1], pWord) || Is(vecArguments[1], pOther)));
   return bKnown ? "" : "ERR syntax error";
 }
 
@@ -164,7 +167,7 @@ void AppendWrongArity(std::string& strOut, const Command_t& stCommand) {
 std::string CheckArguments(const Command_t& stCommand, const Arguments_t& vecArguments,
                            const Settings_t& stSettings) {
   if (stCommand.eId == CMD_FLUSHALL || stCommand.eId == CMD_FLUSHDB ||
-      stCommand.eId == CMD_SHUTDOWN) {
+      stCommand.eId == CMD_SHUTDOWN || stCommand.eId == CMD_BGSAVE) {
     return CheckMode(stCommand, vecArguments);
   }
   const bool bOne = stCommand.eRoute == ROUTE_ONE_KEY;

@@ -5,6 +5,7 @@
 #include "command_table.h"
 #include "config_files.h"
 #include "master.h"
+#include "process_title.h"
 
 namespace {
 
@@ -30,7 +31,8 @@ int PrintHelp() {
   return 0;
 }
 
-int Run(const Settings_t& stSettings) {
+int Run(const Settings_t& stSettings, int argc, char** argv) {
+  InitTitle(argc, argv);
   RenameCommands(stSettings.mapCommandNames);
   return Master(stSettings).Run();
 }
@@ -53,6 +55,6 @@ int main(int argc, char** argv) {
     case ACTION_PRINT_CONFIG:
       return fputs(ConfigText(stLine.stSettings).c_str(), stdout) < 0;
     default:
-      return Run(stLine.stSettings);
+      return Run(stLine.stSettings, argc, argv);
   }
 }

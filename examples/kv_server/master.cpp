@@ -17,6 +17,7 @@
 #include "gateway.h"
 #include "log.h"
 #include "process_signals.h"
+#include "process_title.h"
 #include "tcp_socket.h"
 #include "worker.h"
 #include "zelk_variable.h"
@@ -72,6 +73,7 @@ int Master::Run() {
     g_pLog = nullptr;
     return m_iExit;
   }
+  SetTitle("master");
   stLog.Info("master: started, pid %d", getpid());
   while (g_bRunFlag) {
     StartDue();
@@ -89,6 +91,12 @@ int Master::Run() {
 }
 
 bool Master::PrepareMemory() {
+  if (MakeDir(m_stSettings.SavePath().c_str(), 0750) != 0) {
+    fprintf(stderr, "kv_server: save.path = \"%s\": can not be made\n",
+            m_stSettings.SavePath().c_str());
+    m_iExit = 1;
+    return false;
+  }
   const std::string strError = m_stTables.Prepare(m_stSettings);
   if (!strError.empty()) {
     fprintf(stderr, "kv_server: %s\n", strError.c_str());
@@ -178,6 +186,7 @@ void Master::StartChild(Child_t& stChild) {
 }
 
 int Master::RunChild(const Child_t& stChild, uint64_t iLife) const {
+  SetTitle(stChild.strName + (stChild.iWorker < 0 ? " " + m_stSettings.strListen : ""));
   if (stChild.iWorker < 0) {
     return Gateway(m_stSettings, m_stQueues.Names(), iLife).Run();
   }
@@ -245,8 +254,10 @@ void Master::StopGroup(bool bGateway) {
       }
     }
   };
+  const bool bSaves = !bGateway && !m_stSettings.vecSaveRules.empty();
+  const uint64_t iSeconds = m_stSettings.iStopTimeout + (bSaves ? m_stSettings.iSaveTimeout : 0);
   const int64_t iDeadline =
-      NowMilliseconds() + static_cast<int64_t>(m_stSettings.iStopTimeout) * 1000 + KILL_AFTER_MS;
+      NowMilliseconds() + static_cast<int64_t>(iSeconds) * 1000 + KILL_AFTER_MS;
   Signal(SIGTERM);
   while (std::any_of(m_vecChildren.begin(), m_vecChildren.end(), IsAlive)) {
     if (NowMilliseconds() > iDeadline) {

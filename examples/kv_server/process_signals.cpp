@@ -4,6 +4,8 @@
 #include <signal.h>
 #include <time.h>
 
+#include <initializer_list>
+
 #include "zelk_variable.h"
 
 namespace {
@@ -50,6 +52,13 @@ void InstallSignals() {
   Handle(SIGCHLD, OnChildSignal);
 }
 
+void RestoreSignals() {
+  for (const int iSignal : {SIGINT, SIGTERM, SIGCHLD}) {
+    Handle(iSignal, SIG_DFL);
+  }
+  sigprocmask(SIG_SETMASK, &g_stWaitMask, nullptr);
+}
+
 int WaitForEvents(int iEpoll, epoll_event* pEvents, int iMaxEvents, int iMilliseconds) {
   static unsigned int s_iTurns = 0;
   if (++s_iTurns % SIGNAL_TURNS == 0) {
@@ -59,10 +68,10 @@ int WaitForEvents(int iEpoll, epoll_event* pEvents, int iMaxEvents, int iMillise
   return iCount < 0 ? 0 : iCount;
 }
 
-void WaitReadable(int iFD, int iMilliseconds) {
-  pollfd stPoll{iFD, POLLIN, 0};
+void WaitReadable(int iFD, int iOtherFD, int iMilliseconds) {
+  pollfd astPoll[] = {{iFD, POLLIN, 0}, {iOtherFD, POLLIN, 0}};
   const timespec stTime = ToTimespec(iMilliseconds);
-  ppoll(&stPoll, 1, &stTime, &g_stWaitMask);
+  ppoll(astPoll, 2, &stTime, &g_stWaitMask);
 }
 
 void PauseMilliseconds(int iMilliseconds) {

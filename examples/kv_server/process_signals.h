@@ -9,12 +9,16 @@
 // To be called first in each process; SIGCHLD is blocked too, and nothing else is changed.
 void InstallSignals();
 
+// Undoes that in a child that runs other programs.
+void RestoreSignals();
+
 // epoll_wait(); a signal ends it with 0 events, and is seen after some turns also when there are
 // always events.
 int WaitForEvents(int iEpoll, epoll_event* pEvents, int iMaxEvents, int iMilliseconds);
 
-// Waits until the descriptor is readable, a signal comes or the time is over.
-void WaitReadable(int iFD, int iMilliseconds);
+// Waits until one of the descriptors is readable, a signal comes or the time is over. -1 as the
+// second is none.
+void WaitReadable(int iFD, int iOtherFD, int iMilliseconds);
 
 // Waits until a signal comes, that of a child's end too, or the time is over.
 void PauseMilliseconds(int iMilliseconds);

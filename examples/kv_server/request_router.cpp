@@ -37,7 +37,9 @@ bool RequestRouter::Run(Session& stSession, const Arguments_t& vecArguments) {
     return true;
   }
   bool bRun = true;
-  switch (pCommand->eRoute) {
+  // A word of SHUTDOWN is for the workers, which save or do not.
+  const bool bToWorkers = pCommand->eId == CMD_SHUTDOWN && vecArguments.size() > 1;
+  switch (bToWorkers ? ROUTE_ALL : pCommand->eRoute) {
     case ROUTE_GATEWAY:
       RunHere(stSession, *pCommand, vecArguments);
       break;

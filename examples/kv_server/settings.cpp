@@ -33,6 +33,8 @@ const TextSetting_t TEXT_SETTINGS[] = {
     {"server.listen", &Settings_t::strListen, "IPv4 address and port"},
     {"server.run_dir", &Settings_t::strRunDir, "directory of lock, FIFOs and keys"},
     {"server.ini", &Settings_t::strOperatorFile, "INI file of the operators; none"},
+    {"save.path", &Settings_t::strSavePath, "directory of the dumps; the run directory"},
+    {"save.hook", &Settings_t::strSaveHook, "shell command after a save, with KV_DUMP set; none"},
     {"log.path", &Settings_t::strLogPath, "directory of the log; \"log\" in the run directory"},
     {"log.level", &Settings_t::strLogLevel, "NET, DEBUG, INFORMATION, WARNING, ERROR or STAT"},
 };
@@ -56,6 +58,7 @@ const NumberSetting_t NUMBER_SETTINGS[] = {
     {"limits.unanswered", &Settings_t::iMaxUnanswered, 1, 1 << 20, "commands of one client"},
     {"timeout.gather", &Settings_t::iGatherTimeout, 1, 3600, "seconds for several workers"},
     {"timeout.write", &Settings_t::iWriteTimeout, 1, 86400, "seconds a client may not read"},
+    {"save.timeout", &Settings_t::iSaveTimeout, 1, 86400, "seconds for a save, and for its hook"},
     {"timeout.stop", &Settings_t::iStopTimeout, 0, 3600, "seconds for the last answers"},
 };
 
@@ -114,6 +117,8 @@ unsigned short Settings_t::Port() const {
 std::string Settings_t::LogPath() const {
   return strLogPath.empty() ? strRunDir + "/log" : strLogPath;
 }
+
+std::string Settings_t::SavePath() const { return strSavePath.empty() ? strRunDir : strSavePath; }
 
 std::string SetSetting(Settings_t& stSettings, const std::string& strKey,
                        const std::string& strValue, const std::string& strOrigin) {

@@ -18,6 +18,8 @@ struct Settings_t {
   std::string strListen = "127.0.0.1:6399";
   std::string strRunDir = "kv_server.run";
   std::string strOperatorFile;  // empty: none
+  std::string strSavePath;      // empty: the run directory
+  std::string strSaveHook;      // a shell command; empty: none
   std::string strLogPath;       // empty: "log" below the run directory
   std::string strLogLevel = "INFORMATION";
   uint64_t iWorkers = 1;
@@ -37,6 +39,7 @@ struct Settings_t {
   uint64_t iGatherTimeout = 10;     // seconds for a command over several workers
   uint64_t iWriteTimeout = 60;      // seconds without a byte taken by the client
   uint64_t iStopTimeout = 5;        // seconds for the last answers
+  uint64_t iSaveTimeout = 600;      // seconds for a save, and as many for its hook
 
   std::vector<SaveRule_t> vecSaveRules;
   // Lower case: a command's own name and the one it goes by; empty: nobody may run it.
@@ -49,6 +52,7 @@ struct Settings_t {
   std::string Host() const;
   unsigned short Port() const;
   std::string LogPath() const;
+  std::string SavePath() const;
 };
 
 // Sets one value from its dotted key ("server.workers") and text. Sizes may carry K, M or G.

@@ -32,8 +32,10 @@ Worker::Worker(const Settings_t& stSettings, const QueueNames_t& stNames,
       m_stNames(stNames),
       m_stTable(stTable),
       m_iIndex(static_cast<int>(stTable.stMark.iWorker)),
-      m_stRunner(m_stStore, {stSettings.iMaxValue, stSettings.iMaxOutput, stTable.stMark.iWorker,
-                             stTable.stMark.iWorkers}),
+      m_stSaver(m_stSettings, m_stStore, stTable.stMark, m_stIds),
+      m_stRunner(m_stStore, m_stSaver,
+                 {stSettings.iMaxValue, stSettings.iMaxOutput, stTable.stMark.iWorker,
+                  stTable.stMark.iWorkers}),
       m_stOutbox(m_stOut, stSettings.iQueueBytes, static_cast<int>(stSettings.iStopTimeout)) {}
 
 int Worker::Run() {
@@ -51,10 +53,12 @@ int Worker::Run() {
     }
     m_stIn.ClearFifo();
     if (m_stIn.CanReadSize() == 0) {  // what came before the clearing is seen here
-      WaitReadable(m_stIn.FifoFD(), m_stStore.Sweep(IDLE_WAIT_MS));
+      const int iPause = m_stSaver.Turn(m_stStore.Sweep(IDLE_WAIT_MS));
+      WaitReadable(m_stIn.FifoFD(), m_stSaver.WaitFD(), iPause);
     }
   }
   Turn();
+  m_stSaver.Finish();
   g_pLog->Info("worker %d: stopped after %llu commands, %zu keys", m_iIndex,
                static_cast<unsigned long long>(m_stRunner.CommandsRun()), m_stStore.Count());
   return 0;
@@ -87,7 +91,17 @@ bool Worker::AttachTable() {
   g_pLog->Info("worker %d: %zu keys, %llu lost blocks given back, %s", m_iIndex, m_stStore.Count(),
                static_cast<unsigned long long>(m_stStore.Reclaimed()),
                m_stStore.Replayed() ? "a change finished" : "no change to finish");
-  return true;
+  return LoadTable();
+}
+
+bool Worker::LoadTable() {
+  const std::string strError = m_stSaver.Load();
+  if (strError.empty()) {
+    return true;
+  }
+  fprintf(stderr, "kv_server: %s; move it away to go on without its keys\n", strError.c_str());
+  g_pLog->Error("worker %d: %s", m_iIndex, strError.c_str());
+  return false;
 }
 
 // Runs everything that is in the queue and answers it. Keys expire by the time at its start.
@@ -103,6 +117,7 @@ void Worker::Turn() {
     }
   }
   m_stStore.Sweep(0);
+  m_stSaver.Turn(0);
   MachinePool::Instance().ProcessTimeout(0);
 }
 

@@ -11,6 +11,7 @@
 #include "message_queue.h"
 #include "queue_set.h"
 #include "reply_outbox.h"
+#include "saver.h"
 #include "settings.h"
 
 const int EXIT_TABLE = 2;
@@ -32,6 +33,7 @@ class Worker {
   };
 
   bool AttachTable();
+  bool LoadTable();
   bool Start();
   void Turn();
   bool Fetch();
@@ -46,10 +48,11 @@ class Worker {
   MessageQueue m_stIn;
   MessageQueue m_stOut;
   KeyStore m_stStore;
+  IdGenerator m_stIds;
+  Saver m_stSaver;
   CommandRunner m_stRunner;
   ReplyOutbox m_stOutbox;
   std::deque<Record_t> m_dqRecords;
-  IdGenerator m_stIds;
   uint64_t m_iLife = 0;
   uint32_t m_iConversation = 0;  // machine id; 0 before the first batch
 };

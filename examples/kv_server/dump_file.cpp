@@ -1,0 +1,169 @@
+#include "dump_file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+const char MAGIC[8] = {'K', 'V', 'D', 'U', 'M', 'P', '1', '\n'};
+const size_t BUFFER_SIZE = 1 << 20;
+
+struct CloseFile {
+  void operator()(FILE* pFile) const { fclose(pFile); }
+};
+
+// A file read or written from its start, with the checksum of what has passed.
+class DumpStream {
+ public:
+  DumpStream(const std::string& strPath, const char* pMode)
+      : m_strPath(strPath), m_pFile(fopen(strPath.c_str(), pMode)) {
+    if (m_pFile != nullptr) {
+      setvbuf(m_pFile.get(), nullptr, _IOFBF, BUFFER_SIZE);
+    }
+  }
+
+  bool IsOpen() const { return m_pFile != nullptr; }
+  uint64_t Bytes() const { return m_iBytes; }
+  uint32_t Checksum() const { return m_iChecksum; }
+  bool AtEnd() { return fgetc(m_pFile.get()) == EOF; }
+
+  bool Write(const void* pData, size_t iSize) {
+    Count(pData, iSize);
+    return fwrite(pData, 1, iSize, m_pFile.get()) == iSize;
+  }
+  bool Read(void* pData, size_t iSize) {
+    if (fread(pData, 1, iSize, m_pFile.get()) != iSize) {
+      return false;
+    }
+    Count(pData, iSize);
+    return true;
+  }
+  bool Sync() { return fflush(m_pFile.get()) == 0 && fsync(fileno(m_pFile.get())) == 0; }
+
+ private:
+  void Count(const void* pData, size_t iSize) {
+    m_iBytes += iSize;
+    m_iChecksum = static_cast<uint32_t>(
+        crc32_z(m_iChecksum, static_cast<const unsigned char*>(pData), iSize));
+  }
+
+  const std::string m_strPath;
+  std::unique_ptr<FILE, CloseFile> m_pFile;
+  uint64_t m_iBytes = 0;
+  uint32_t m_iChecksum = 0;
+};
+
+// A new name in a directory lasts when the directory is synced.
+bool SyncDirectoryOf(const std::string& strPath) {
+  const size_t iSlash = strPath.rfind('/');
+  const std::string strDirectory =
+      iSlash == std::string::npos ? "." : strPath.substr(0, iSlash + 1);
+  const int iFD = open(strDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const bool bSynced = iFD != -1 && fsync(iFD) == 0;
+  if (iFD != -1) {
+    close(iFD);
+  }
+  return bSynced;
+}
+
+bool WriteEntries(DumpStream& stFile, KeyStore& stStore, const TableMark_t& stMark,
+                  DumpStat_t& stStat) {
+  DumpHead_t stHead{{}, stMark.iWorker, stMark.iWorkers, stStore.Now()};
+  memcpy(stHead.szMagic, MAGIC, sizeof(MAGIC));
+  bool bGood = stFile.Write(&stHead, sizeof(stHead));
+  stStore.Scan(0, UINT64_MAX, [&](std::string_view strKey, const Value_t& stValue) {
+    const DumpEntry_t stEntry{static_cast<uint32_t>(strKey.size()),
+                              static_cast<uint32_t>(stValue.strBytes.size()), stValue.iExpireAt};
+    bGood = bGood && stFile.Write(&stEntry, sizeof(stEntry)) &&
+            stFile.Write(strKey.data(), strKey.size()) &&
+            stFile.Write(stValue.strBytes.data(), stValue.strBytes.size());
+    ++stStat.iKeys;
+  });
+  const DumpEntry_t stEnd{DUMP_END, stFile.Checksum(), static_cast<int64_t>(stStat.iKeys)};
+  bGood = bGood && stFile.Write(&stEnd, sizeof(stEnd)) && stFile.Sync();
+  stStat.iBytes = stFile.Bytes();
+  return bGood;
+}
+
+// The entry in front of which the checksum was iBefore.
+std::string CheckEnd(DumpStream& stFile, const DumpEntry_t& stEnd, uint32_t iBefore,
+                     uint64_t iEntries) {
+  if (stEnd.iValueSize != iBefore || stEnd.iExpireAt != static_cast<int64_t>(iEntries)) {
+    return "its checksum is wrong";
+  }
+  return stFile.AtEnd() ? "" : "something follows its end";
+}
+
+std::string ReadEntries(DumpStream& stFile, KeyStore& stStore, DumpStat_t& stStat) {
+  std::string strKey;
+  std::string strValue;
+  for (uint64_t iEntries = 0;; ++iEntries) {
+    DumpEntry_t stEntry{};
+    const uint32_t iBefore = stFile.Checksum();
+    if (!stFile.Read(&stEntry, sizeof(stEntry))) {
+      return "it is cut off";
+    }
+    if (stEntry.iKeySize == DUMP_END) {
+      return CheckEnd(stFile, stEntry, iBefore, iEntries);
+    }
+    if (!FitsBlock(stEntry.iKeySize, stEntry.iValueSize)) {
+      return "an entry has an impossible size";
+    }
+    strKey.resize(stEntry.iKeySize);
+    strValue.resize(stEntry.iValueSize);
+    if (!stFile.Read(strKey.data(), strKey.size()) ||
+        !stFile.Read(strValue.data(), strValue.size())) {
+      return "it is cut off";
+    }
+    if (stEntry.iExpireAt != KeyStore::NEVER && stEntry.iExpireAt <= stStore.Now()) {
+      continue;
+    }
+    if (!stStore.Set(strKey, strValue, stEntry.iExpireAt)) {
+      return "its keys do not fit into the table (table.bytes)";
+    }
+    ++stStat.iKeys;
+  }
+}
+
+}  // namespace
+
+std::string WriteDump(KeyStore& stStore, const TableMark_t& stMark, const std::string& strPath,
+                      DumpStat_t& stStat) {
+  const std::string strNew = strPath + ".new";
+  stStat = {};
+  bool bGood = false;
+  {
+    DumpStream stFile(strNew, "w");
+    bGood = stFile.IsOpen() && WriteEntries(stFile, stStore, stMark, stStat);
+  }
+  if (bGood && rename(strNew.c_str(), strPath.c_str()) == 0 && SyncDirectoryOf(strPath)) {
+    return "";
+  }
+  const std::string strError = strPath + ": " + strerror(errno);
+  unlink(strNew.c_str());
+  return strError;
+}
+
+std::string LoadDump(KeyStore& stStore, const TableMark_t& stMark, const std::string& strPath,
+                     DumpStat_t& stStat) {
+  DumpStream stFile(strPath, "r");
+  stStat = {};
+  if (!stFile.IsOpen()) {
+    return errno == ENOENT ? "" : strPath + ": " + strerror(errno);
+  }
+  DumpHead_t stHead{};
+  if (!stFile.Read(&stHead, sizeof(stHead)) || memcmp(stHead.szMagic, MAGIC, sizeof(MAGIC)) != 0 ||
+      stHead.iWorker != stMark.iWorker || stHead.iWorkers != stMark.iWorkers) {
+    return strPath + ": it is no dump of worker " + std::to_string(stMark.iWorker) + " of " +
+           std::to_string(stMark.iWorkers);
+  }
+  const std::string strError = ReadEntries(stFile, stStore, stStat);
+  stStat.iBytes = stFile.Bytes();
+  return strError.empty() ? "" : strPath + ": " + strError;
+}

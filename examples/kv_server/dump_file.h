@@ -1,0 +1,51 @@
+#ifndef KV_SERVER_DUMP_FILE_H
+#define KV_SERVER_DUMP_FILE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "key_store.h"
+
+// A file with all keys of one worker, in the machine's byte order (docs/formats.md): a head, an
+// entry per key, an end with a checksum of everything before it.
+
+struct DumpHead_t {
+  char szMagic[8];
+  uint32_t iWorker;
+  uint32_t iWorkers;
+  int64_t iSavedAt;  // milliseconds since 1970
+};
+static_assert(sizeof(DumpHead_t) == 24 && offsetof(DumpHead_t, iWorker) == 8 &&
+                  offsetof(DumpHead_t, iSavedAt) == 16,
+              "a file format");
+
+// Key and value follow; the end is one of these with a key size of DUMP_END, the checksum (CRC-32
+// as in gzip) as its value size and the number of entries as its time.
+struct DumpEntry_t {
+  uint32_t iKeySize;
+  uint32_t iValueSize;
+  int64_t iExpireAt;  // milliseconds since 1970, 0: never
+};
+static_assert(sizeof(DumpEntry_t) == 16 && offsetof(DumpEntry_t, iValueSize) == 4 &&
+                  offsetof(DumpEntry_t, iExpireAt) == 8,
+              "a file format");
+const uint32_t DUMP_END = 0xffffffff;
+
+struct DumpStat_t {
+  uint64_t iKeys;
+  uint64_t iBytes;  // of the file
+};
+
+// Writes the keys of a store that nobody changes meanwhile. The file is written beside its name,
+// synced and then renamed, so that under the name there is always a whole one. Empty, or what went
+// wrong: then an earlier file is still there.
+std::string WriteDump(KeyStore& stStore, const TableMark_t& stMark, const std::string& strPath,
+                      DumpStat_t& stStat);
+
+// Adds the keys of a file to a store, without those whose time is over. A file that is not there is
+// an empty one. Empty, or what is wrong with the file or the table; then some keys may be in.
+std::string LoadDump(KeyStore& stStore, const TableMark_t& stMark, const std::string& strPath,
+                     DumpStat_t& stStat);
+
+#endif

@@ -1,0 +1,49 @@
+#ifndef KV_SERVER_SAVE_ACTIONS_H
+#define KV_SERVER_SAVE_ACTIONS_H
+
+#include <string>
+
+#include "dump_file.h"
+#include "long_action_util.h"
+#include "table_snapshot.h"
+
+// The slow parts of a save, which a worker has done by forked children. Each ends with its worker.
+
+// Writes the dump. The outcome is the text of a serialised result on standard output: "keys",
+// "bytes" and "state", which is "saved" or what went wrong.
+class SaveAction : public LongActionMethod {
+ public:
+  // The snapshot of the store's table is used up in the child.
+  SaveAction(KeyStore& stStore, const TableMark_t& stMark, std::string strPath,
+             TableSnapshot& stSnapshot)
+      : m_stStore(stStore),
+        m_stMark(stMark),
+        m_strPath(std::move(strPath)),
+        m_stSnapshot(stSnapshot) {}
+
+  int Do() override;
+
+ private:
+  KeyStore& m_stStore;
+  const TableMark_t m_stMark;
+  const std::string m_strPath;
+  TableSnapshot& m_stSnapshot;
+};
+
+const char SAVED[] = "saved";
+
+// Runs what a serialised request names; its exit code is the method's. So a hook is a request for
+// the library's ExecuteShell2.
+class RequestAction : public LongActionMethod {
+ public:
+  // The command finds the dump's path in its environment, as KV_DUMP.
+  RequestAction(std::string strRequest, std::string strDump)
+      : m_strRequest(std::move(strRequest)), m_strDump(std::move(strDump)) {}
+  int Do() override;
+
+ private:
+  const std::string m_strRequest;
+  const std::string m_strDump;
+};
+
+#endif

@@ -1,0 +1,117 @@
+#include "save_machine.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "gateway_event.h"
+#include "log.h"
+#include "machine_pool.h"
+#include "save_actions.h"
+#include "saver.h"
+#include "string_util.h"
+#include "zelk_variable.h"
+
+namespace {
+
+const int GOES_ON = 0;
+const int DONE = 1;  // tells the caller of DoNext to remove the machine
+
+// What the child was told to write, or why it did not; a child that was killed has written nothing.
+std::string OutcomeOf(const std::string& strText, LongActionMethod& stResult) {
+  const std::string strBytes = LongActionMethod::Decode(strText);
+  if (!stResult.ParseResult(strBytes.data(), static_cast<unsigned int>(strBytes.size()))) {
+    return "its child was cut short";
+  }
+  const std::string& strState = stResult.Param("state", 0);
+  return strState.empty() ? "its child was killed" : strState;
+}
+
+}  // namespace
+
+void SaveMachine::RegisterStates() {
+  StateMachine::SetGlobalStateList(MACHINE_SAVE, SAVE_WRITING, OnWritten);
+  StateMachine::SetGlobalStateList(MACHINE_SAVE, SAVE_HOOK, OnHookEnded);
+  StateMachine::SetGlobalStateName(MACHINE_SAVE, SAVE_WRITING, "writing");
+  StateMachine::SetGlobalStateName(MACHINE_SAVE, SAVE_HOOK, "hook");
+}
+
+SaveMachine::SaveMachine(Saver& stSaver, uint32_t iId)
+    : m_stSaver(stSaver), m_iChanges(stSaver.m_stStore.Changes()) {
+  SetId(iId);
+}
+
+int SaveMachine::StateMachineType() { return MACHINE_SAVE; }
+
+// The child prints what stdio still holds, so that is written first.
+bool SaveMachine::Begin() {
+  const auto pSnapshot = m_stSaver.m_stStore.Freeze();
+  SaveAction stAction(m_stSaver.m_stStore, m_stSaver.m_stMark, m_stSaver.m_strPath, *pSnapshot);
+  fflush(nullptr);
+  if (!pSnapshot->Good() || LongActionUtil::Instance().Perform(&stAction, GetId(), 0) != 0) {
+    return false;
+  }
+  Enter(SAVE_WRITING);
+  return true;
+}
+
+void SaveMachine::Enter(SaveState_t eState) {
+  m_iState = eState;
+  SetStateTimeout(static_cast<unsigned int>(m_stSaver.m_stSettings.iSaveTimeout));
+  SetStateBeginTime(time(nullptr));
+  MachinePool::Instance().ConfigStateTimeout(this);
+}
+
+int SaveMachine::OnWritten(StateMachine* pMachine, InternalHead_t* /*pHead*/, void* pMessage) {
+  return static_cast<SaveMachine*>(pMachine)->OnDump(
+      *static_cast<long_action_response_t*>(pMessage));
+}
+
+int SaveMachine::OnDump(const long_action_response_t& stResponse) {
+  LongActionMethod stResult;
+  const std::string strOutcome = OutcomeOf(stResponse.strStdOut, stResult);
+  const bool bGood = strOutcome == SAVED;
+  if (bGood) {
+    g_pLog->Info("worker %d: saved %s keys, %s bytes", *g_pWorkerIndex,
+                 stResult.Param("keys", 0).c_str(), stResult.Param("bytes", 0).c_str());
+  } else {
+    g_pLog->Error("worker %d: the save has failed: %s %s", *g_pWorkerIndex, strOutcome.c_str(),
+                  stResponse.strStdError.c_str());
+  }
+  m_stSaver.OnSaved(bGood, m_iChanges);
+  return bGood && !m_stSaver.m_stSettings.strSaveHook.empty() ? StartHook() : DONE;
+}
+
+int SaveMachine::StartHook() {
+  LongActionMethod stRequest;
+  stRequest.Method("ExecuteShell2");
+  stRequest.Param("command", m_stSaver.m_stSettings.strSaveHook);
+  RequestAction stAction(stRequest.SerializeRequest(), m_stSaver.m_strPath);
+  fflush(nullptr);
+  if (LongActionUtil::Instance().Perform(&stAction, GetId(), 0) != 0) {
+    g_pLog->Error("worker %d: save.hook can not be run: %s", *g_pWorkerIndex, strerror(errno));
+    return DONE;
+  }
+  Enter(SAVE_HOOK);
+  return GOES_ON;
+}
+
+int SaveMachine::OnHookEnded(StateMachine* /*pMachine*/, InternalHead_t* /*pHead*/,
+                             void* pMessage) {
+  const auto& stResponse = *static_cast<long_action_response_t*>(pMessage);
+  const bool bGood = stResponse.iRetcode == 0;
+  std::string strOutput = stResponse.strStdOut + stResponse.strStdError;
+  Trim(strOutput, " \n");
+  g_pLog->WriteLog(bGood ? Log::LL_INFO : Log::LL_ERROR, "worker %d: save.hook: exit code %d %s",
+                   *g_pWorkerIndex, stResponse.iRetcode, strOutput.c_str());
+  return DONE;
+}
+
+// Resumed when the killed child's end is noticed; asked again if that takes long.
+int SaveMachine::Timeout(bool /*bMachine*/) {
+  g_pLog->Error("worker %d: a save's child takes longer than save.timeout and is killed",
+                *g_pWorkerIndex);
+  m_stSaver.KillChild();
+  return 0;
+}

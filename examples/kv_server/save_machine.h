@@ -1,0 +1,41 @@
+#ifndef KV_SERVER_SAVE_MACHINE_H
+#define KV_SERVER_SAVE_MACHINE_H
+
+#include "long_action_util.h"
+#include "state_machine.h"
+
+class Saver;
+
+enum SaveState_t {
+  SAVE_WRITING,  // a child writes the dump
+  SAVE_HOOK,     // a child runs the operator's command
+};
+
+// One save, waiting for its children: resumed through DoNext() with the response of the one that
+// has ended. A child that takes longer than save.timeout is killed.
+class SaveMachine : public StateMachine {
+ public:
+  SaveMachine(Saver& stSaver, uint32_t iId);
+  static void RegisterStates();
+
+  // Starts the child that writes. False when that is not possible; errno says why.
+  bool Begin();
+
+  int Timeout(bool bMachine) override;
+  int StateMachineType() override;
+  const char* MachineName() override { return "save"; }
+  time_t GetMachineTimeout() const override { return 0; }  // the state's is enough
+
+ private:
+  static int OnWritten(StateMachine* pMachine, InternalHead_t* pHead, void* pMessage);
+  static int OnHookEnded(StateMachine* pMachine, InternalHead_t* pHead, void* pMessage);
+
+  int OnDump(const long_action_response_t& stResponse);
+  int StartHook();
+  void Enter(SaveState_t eState);
+
+  Saver& m_stSaver;
+  const uint64_t m_iChanges;  // of the store when it was copied
+};
+
+#endif

@@ -1,0 +1,191 @@
+#include "saver.h"
+
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "dump_file.h"
+#include "log.h"
+#include "long_action_util.h"
+#include "machine_pool.h"
+#include "process_signals.h"
+#include "save_machine.h"
+#include "zelk_variable.h"
+
+namespace {
+
+const int MAX_EVENTS = 8;
+const int64_t RETRY_SECONDS = 5;  // after a save that failed
+const int RULES_PAUSE_MS = 1000;
+const int CHILD_PAUSE_MS = 100;  // should the signal of a child's end be missed
+
+int64_t TimeOfFile(const std::string& strPath, int64_t iElse) {
+  struct stat stStat {};
+  return stat(strPath.c_str(), &stStat) == 0 ? stStat.st_mtime : iElse;
+}
+
+}  // namespace
+
+std::string Saver::DumpPath(const Settings_t& stSettings, const TableMark_t& stMark) {
+  return stSettings.SavePath() + "/dump-" + std::to_string(stMark.iWorker) + ".kv";
+}
+
+Saver::Saver(const Settings_t& stSettings, KeyStore& stStore, const TableMark_t& stMark,
+             IdGenerator& stIds)
+    : m_stSettings(stSettings),
+      m_stStore(stStore),
+      m_stMark(stMark),
+      m_stIds(stIds),
+      m_strPath(DumpPath(stSettings, stMark)),
+      m_iEpoll(epoll_create1(EPOLL_CLOEXEC)),
+      m_iLastSave(TimeOfFile(m_strPath, time(nullptr))) {
+  LongActionUtil::Instance().SetEpollFD(m_iEpoll);
+  SaveMachine::RegisterStates();
+}
+
+Saver::~Saver() { close(m_iEpoll); }
+
+std::string Saver::Load() {
+  if (m_stStore.IsLoaded()) {
+    return "";
+  }
+  m_stStore.Clear();
+  DumpStat_t stStat{};
+  const std::string strError = LoadDump(m_stStore, m_stMark, m_strPath, stStat);
+  if (!strError.empty()) {
+    return strError;
+  }
+  if (stStat.iBytes > 0) {
+    g_pLog->Warning("worker %u: the table is new; %llu keys come from %s", m_stMark.iWorker,
+                    static_cast<unsigned long long>(stStat.iKeys), m_strPath.c_str());
+  }
+  m_iSavedChanges = m_stStore.Changes();
+  return m_stStore.SetLoaded() ? "" : "table.bytes: the table has no room";
+}
+
+bool Saver::Start(const char* pReason) {
+  if (Running()) {
+    return false;
+  }
+  auto pMachine = std::make_unique<SaveMachine>(*this, m_stIds.GetId());
+  if (!pMachine->Begin()) {
+    g_pLog->Error("worker %u: a save can not be started: %s", m_stMark.iWorker, strerror(errno));
+    OnSaved(false, 0);
+    return false;
+  }
+  g_pLog->Info("worker %u: a save starts, %s", m_stMark.iWorker, pReason);
+  m_iMachine = pMachine->GetId();
+  MachinePool::Instance().AddMachine(pMachine.release());
+  return true;
+}
+
+int Saver::Turn(int iMost) {
+  if (Running()) {
+    Resume();
+  }
+  if (Running()) {
+    return std::min(iMost, CHILD_PAUSE_MS);
+  }
+  if (m_stSettings.vecSaveRules.empty()) {
+    return iMost;
+  }
+  if (RuleHolds()) {
+    Start("by a rule");
+  }
+  return std::min(iMost, RULES_PAUSE_MS);
+}
+
+// What an ended child has written is in its pipe, so it is read between seeing the end and
+// finishing the child.
+void Saver::Resume() {
+  LongActionUtil& stUtil = LongActionUtil::Instance();
+  stUtil.IsLongAction(0, 0);
+  Drain();
+  const std::unique_ptr<long_action_response_t> pResponse(stUtil.PollChild());
+  StateMachine* pMachine = MachinePool::Instance().GetMachine(m_iMachine);
+  if (pResponse != nullptr && pMachine->DoNext(nullptr, pResponse.get()) != 0) {
+    MachinePool::Instance().RemoveMachine(m_iMachine);
+    m_iMachine = 0;
+    delete pMachine;
+  }
+}
+
+void Saver::Drain() {
+  epoll_event astEvents[MAX_EVENTS];
+  for (int iCount = 0; (iCount = epoll_wait(m_iEpoll, astEvents, MAX_EVENTS, 0)) > 0;) {
+    for (int i = 0; i < iCount; ++i) {
+      LongActionUtil::Instance().EventCallback(astEvents[i].data.fd);
+    }
+  }
+}
+
+void Saver::KillChild() {
+  for (const int iPid : LongActionUtil::Instance().EnumAllChildren()) {
+    if (kill(-iPid, SIGKILL) != 0) {  // it has no group of its own yet
+      kill(iPid, SIGKILL);
+    }
+  }
+}
+
+bool Saver::RuleHolds() const {
+  const uint64_t iChanges = m_stStore.Changes() - m_iSavedChanges;
+  const int64_t iSeconds = Now() - m_iLastSave;
+  return Now() >= m_iRetryAt &&
+         std::any_of(m_stSettings.vecSaveRules.begin(), m_stSettings.vecSaveRules.end(),
+                     [=](const SaveRule_t& stRule) {
+                       return iChanges >= stRule.iChanges && iSeconds >= stRule.iSeconds;
+                     });
+}
+
+void Saver::OnSaved(bool bGood, uint64_t iChanges) {
+  m_bLastGood = bGood;
+  if (!bGood) {
+    m_iRetryAt = Now() + RETRY_SECONDS;
+    return;
+  }
+  m_iSavedChanges = iChanges;
+  m_iLastSave = Now();
+}
+
+void Saver::Abandon() {
+  while (Running()) {
+    KillChild();
+    PauseMilliseconds(1);
+    Resume();
+  }
+}
+
+bool Saver::SaveNow() {
+  Abandon();
+  DumpStat_t stStat{};
+  const std::string strError = WriteDump(m_stStore, m_stMark, m_strPath, stStat);
+  OnSaved(strError.empty(), m_stStore.Changes());
+  if (strError.empty()) {
+    g_pLog->Info("worker %u: saved %llu keys, %llu bytes", m_stMark.iWorker,
+                 static_cast<unsigned long long>(stStat.iKeys),
+                 static_cast<unsigned long long>(stStat.iBytes));
+  } else {
+    g_pLog->Error("worker %u: the save has failed: %s", m_stMark.iWorker, strError.c_str());
+  }
+  return strError.empty();
+}
+
+void Saver::Finish() {
+  Abandon();
+  const bool bChanged = m_stStore.Changes() != m_iSavedChanges;
+  if (m_bSaveAtEnd && bChanged && !m_stSettings.vecSaveRules.empty()) {
+    SaveNow();
+  }
+}
+
+SaveStat_t Saver::Stat() const {
+  return {m_stStore.Changes() - m_iSavedChanges, Running() ? 1u : 0u,
+          static_cast<uint64_t>(m_iLastSave), m_bLastGood ? 1u : 0u};
+}

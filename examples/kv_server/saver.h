@@ -1,0 +1,88 @@
+#ifndef KV_SERVER_SAVER_H
+#define KV_SERVER_SAVER_H
+
+#include <cstdint>
+#include <string>
+
+#include "id_generator.h"
+#include "key_store.h"
+#include "settings.h"
+
+// What a worker tells of its saves.
+struct SaveStat_t {
+  uint64_t iChanges;   // since the last good save began
+  uint64_t iRunning;   // 1 while one runs
+  uint64_t iLastSave;  // seconds since 1970
+  uint64_t iLastGood;  // 0 when the last one failed
+};
+
+// All that a worker tells for INFO.
+struct WorkerStat_t {
+  StoreStat_t stStore;
+  SaveStat_t stSave;
+};
+
+// Saves of a worker's keys: in the background by a forked child, one at a time, on demand or by the
+// rules of the settings; and one at the end in this process.
+class Saver {
+ public:
+  // The save that runs is a machine with an id of that generator.
+  Saver(const Settings_t& stSettings, KeyStore& stStore, const TableMark_t& stMark,
+        IdGenerator& stIds);
+  ~Saver();
+  Saver(const Saver&) = delete;
+  Saver& operator=(const Saver&) = delete;
+
+  static std::string DumpPath(const Settings_t& stSettings, const TableMark_t& stMark);
+
+  // Fills a table that was made anew from the dump, or one whose filling was cut short. Empty, or
+  // why the worker can not serve.
+  std::string Load();
+
+  // Starts a save. False when one is under way, or when it can not be started, which the log tells.
+  bool Start(const char* pReason);
+
+  bool Running() const { return m_iMachine != 0; }
+  // Readable when a child has written something; -1 when none runs.
+  int WaitFD() const { return Running() ? m_iEpoll : -1; }
+
+  // Takes what children have written, resumes the save whose child has ended, starts what the rules
+  // want. Returns after how many milliseconds it wants to be called again, iMost at most.
+  int Turn(int iMost);
+
+  // Ends a save that runs and saves in this process. False when that failed, which the log tells.
+  bool SaveNow();
+
+  // At the end: ends a save that runs, and saves what has changed if there are rules.
+  void Finish();
+  // Not then.
+  void DoNotSaveAtEnd() { m_bSaveAtEnd = false; }
+
+  SaveStat_t Stat() const;
+
+ private:
+  friend class SaveMachine;
+
+  void Drain();
+  void Resume();
+  void KillChild();
+  void Abandon();
+  bool RuleHolds() const;
+  void OnSaved(bool bGood, uint64_t iChanges);
+  int64_t Now() const { return m_stStore.Now() / 1000; }
+
+  const Settings_t& m_stSettings;
+  KeyStore& m_stStore;
+  const TableMark_t m_stMark;
+  IdGenerator& m_stIds;
+  const std::string m_strPath;
+  int m_iEpoll = -1;
+  uint32_t m_iMachine = 0;       // the save that runs
+  uint64_t m_iSavedChanges = 0;  // changes of the store that are in the last good dump
+  int64_t m_iLastSave;
+  int64_t m_iRetryAt = 0;  // after a failure the rules wait
+  bool m_bLastGood = true;
+  bool m_bSaveAtEnd = true;
+};
+
+#endif
