@@ -19,7 +19,10 @@ class KvCommandRunnerTest : public KvStoreTest {
   }
   std::string ValueOf(const char* pKey) { return Run(CMD_GET, {pKey}); }
 
-  CommandRunner m_stRunner{m_stStore, {MAX_VALUE, MAX_REPLY, 0, 1}};
+  const Settings_t m_stSettings;
+  IdGenerator m_stIds;
+  Saver m_stSaver{m_stSettings, m_stStore, m_stTable.Name().stMark, m_stIds};
+  CommandRunner m_stRunner{m_stStore, m_stSaver, {MAX_VALUE, MAX_REPLY, 0, 1}};
 };
 
 TEST_F(KvCommandRunnerTest, SetThenGet) {
@@ -292,8 +295,8 @@ TEST_F(KvCommandRunnerTest, ScanHasItsOptions) {
 }
 
 TEST_F(KvCommandRunnerTest, ScanGoesOnWithTheNextWorker) {
-  CommandRunner stSecond(m_stStore, {MAX_VALUE, MAX_REPLY, 1, 3});
-  CommandRunner stLast(m_stStore, {MAX_VALUE, MAX_REPLY, 2, 3});
+  CommandRunner stSecond(m_stStore, m_stSaver, {MAX_VALUE, MAX_REPLY, 1, 3});
+  CommandRunner stLast(m_stStore, m_stSaver, {MAX_VALUE, MAX_REPLY, 2, 3});
   std::string strReply;
   stSecond.Run(CMD_SCAN, {"1"}, strReply);
   EXPECT_EQ("*2\r\n$1\r\n2\r\n*0\r\n", strReply);
@@ -322,7 +325,7 @@ TEST_F(KvCommandRunnerTest, RandomKeyTellsOfHowMany) {
 TEST_F(KvCommandRunnerTest, InfoHasTheStoresFigures) {
   m_stStore.Set("a", "1");
   m_stStore.Set("b", "1", NOW + 5000);
-  EXPECT_EQ("*6\r\n$1\r\n2\r\n$1\r\n1\r\n$4\r\n5000\r\n", Run(CMD_INFO, {}).substr(0, 28));
+  EXPECT_EQ("*10\r\n$1\r\n2\r\n$1\r\n1\r\n$4\r\n5000\r\n", Run(CMD_INFO, {}).substr(0, 29));
 }
 
 // Whatever finds no room says so and leaves things as they are.

@@ -123,9 +123,8 @@ TEST(KvSettingsTest, TablesHoldTheirHeads) {
   stSettings.iTableBytes = 4194384 + 56 + 16 * 16 + 4194320 + 65536;
   EXPECT_EQ("", CheckSettings(stSettings));
   --stSettings.iTableBytes;
-  EXPECT_EQ(
-      "table.bytes = \"8454551\": must be at least 8454552 for the present table.buckets",
-      CheckSettings(stSettings));
+  EXPECT_EQ("table.bytes = \"8454551\": must be at least 8454552 for the present table.buckets",
+            CheckSettings(stSettings));
 }
 
 TEST(KvSettingsTest, AnEntryIsABlockOfTheHeap) {

@@ -60,7 +60,8 @@ std::string StateOf(pid_t iPid) {
   return iName == std::string::npos ? "" : strStat.substr(iName + 2, 1);
 }
 
-// An orphan that nobody has reaped yet is dead.
+}  // namespace
+
 bool IsAlive(pid_t iPid) {
   if (iPid <= 1) {
     return false;
@@ -68,8 +69,6 @@ bool IsAlive(pid_t iPid) {
   const std::string strState = StateOf(iPid);
   return !strState.empty() && strState != "Z" && strState != "X";
 }
-
-}  // namespace
 
 ServerProcess::ServerProcess(Settings_t vecSettings) : m_vecSettings(std::move(vecSettings)) {
   Start();
@@ -203,7 +202,7 @@ std::string ServerProcess::Remains() const {
   for (const auto& stEntry : std::filesystem::directory_iterator(Directory())) {
     const std::string strName = stEntry.path().filename();
     const bool bMeant = strName == "lock" || strName == "log" || strName == "run" ||
-                        strName == "tables";  // which hold the keys
+                        strName == "tables" || strName.rfind("dump-", 0) == 0;  // the keys
     strRemains += bMeant ? "" : "file " + strName + "\n";
   }
   for (const std::string strProcess : CHILDREN) {

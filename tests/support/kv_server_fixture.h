@@ -62,6 +62,9 @@ class ServerProcess {
   std::vector<key_t> m_vecTableKeys;
 };
 
+// An orphan that nobody has reaped yet is dead.
+bool IsAlive(pid_t iPid);
+
 // What a run of the server binary that ends by itself prints, and its exit code.
 struct RunResult_t {
   int iExit;

@@ -1,0 +1,377 @@
+// Saves of the whole server: real processes, real files, real deaths.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "kv_server_fixture.h"
+#include "test_support.h"
+
+namespace {
+
+const char STARTED[] = "+Background saving started\r\n";
+const char BUSY[] = "-ERR Background save already in progress\r\n";
+
+class KvServerSaveTest : public testing::Test {
+ protected:
+  // The operators' file with these rules.
+  std::string Rules(const std::string& strText) {
+    std::ofstream(m_stDirectory.Path() + "/kv.ini") << strText;
+    return "server.ini=" + m_stDirectory.Path() + "/kv.ini";
+  }
+  // As booting the machine does.
+  static void RemoveTables(const ServerProcess& stServer) {
+    for (const key_t iKey : stServer.TableKeys()) {
+      shmctl(shmget(iKey, 0, 0), IPC_RMID, nullptr);
+    }
+  }
+  static std::string Dump(const ServerProcess& stServer, int iWorker = 0) {
+    return stServer.Directory() + "/dump-" + std::to_string(iWorker) + ".kv";
+  }
+  static bool Exists(const std::string& strPath) { return access(strPath.c_str(), F_OK) == 0; }
+  static bool LogTells(const ServerProcess& stServer, const std::string& strText) {
+    return WaitUntil([&] { return stServer.Log().find(strText) != std::string::npos; });
+  }
+  static std::string InfoLine(Client& stClient, const std::string& strName) {
+    const std::string strText = stClient.Ask({"INFO"});
+    const size_t iBegin = strText.find("\r\n" + strName + ":") + strName.size() + 3;
+    return strText.substr(iBegin, strText.find('\r', iBegin) - iBegin);
+  }
+  static bool SaveEnds(Client& stClient) {
+    return WaitUntil([&] { return InfoLine(stClient, "rdb_bgsave_in_progress") == "0"; });
+  }
+  // Stops the server, as it was told to, and starts it without its tables.
+  static void Boot(ServerProcess& stServer) {
+    EXPECT_EQ(0, stServer.Stop());
+    RemoveTables(stServer);
+    stServer.Start();
+  }
+  // The child of a process; waits for it.
+  static pid_t ChildOf(pid_t iParent) {
+    const std::string strPid = std::to_string(iParent);
+    pid_t iChild = -1;
+    WaitUntil([&] {
+      std::istringstream(ReadFile("/proc/" + strPid + "/task/" + strPid + "/children")) >> iChild;
+      return iChild > 0;
+    });
+    return iChild;
+  }
+
+  PrivateDirectory m_stDirectory;
+};
+
+// A dump's file that nobody can finish: its writer waits for a reader of the FIFO.
+class StuckDump {
+ public:
+  explicit StuckDump(const std::string& strDump) : m_strPath(strDump + ".new") {
+    EXPECT_EQ(0, mkfifo(m_strPath.c_str(), 0600));
+  }
+  ~StuckDump() { unlink(m_strPath.c_str()); }
+
+ private:
+  const std::string m_strPath;
+};
+
+TEST_F(KvServerSaveTest, ASaveBringsTheKeysBackWhenTheTablesAreGone) {
+  ServerProcess stServer({"server.workers=2"});
+  Client stClient(stServer);
+  for (int i = 0; i < 100; ++i) {
+    stClient.Ask({"SET", "key" + std::to_string(i), "value" + std::to_string(i)});
+  }
+  stClient.Ask({"SET", "mortal", "v", "EX", "1000"});
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_TRUE(SaveEnds(stClient));
+  stClient.Ask({"SET", "late", "not saved"});
+  Boot(stServer);
+  Client stAgain(stServer);
+  EXPECT_EQ(":101\r\n", stAgain.Ask({"DBSIZE"}));
+  EXPECT_EQ(Bulk("value42"), stAgain.Ask({"GET", "key42"}));
+  EXPECT_EQ("$-1\r\n", stAgain.Ask({"GET", "late"}));
+  EXPECT_GT(atoi(stAgain.Ask({"TTL", "mortal"}).c_str() + 1), 900);
+  EXPECT_TRUE(LogTells(stServer, "the table is new; "));
+  EXPECT_EQ(0, stServer.Stop());
+  EXPECT_EQ("", stServer.Remains());
+}
+
+TEST_F(KvServerSaveTest, TablesThatAreThereStandAboveTheDump) {
+  ServerProcess stServer;
+  Client stClient(stServer);
+  stClient.Ask({"SET", "a", "saved"});
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_TRUE(SaveEnds(stClient));
+  stClient.Ask({"SET", "a", "newer"});
+  EXPECT_EQ(0, stServer.Stop());
+  stServer.Start();
+  EXPECT_EQ(Bulk("newer"), Client(stServer).Ask({"GET", "a"}));
+}
+
+TEST_F(KvServerSaveTest, LastSaveAndInfoTellOfSaves) {
+  ServerProcess stServer({"server.workers=2"});
+  Client stClient(stServer);
+  const int iBefore = atoi(stClient.Ask({"LASTSAVE"}).c_str() + 1);
+  EXPECT_NEAR(static_cast<double>(time(nullptr)), iBefore, 100);
+  stClient.Ask({"MSET", KeyOf(0, 2), "1", KeyOf(1, 2), "1"});
+  EXPECT_EQ("2", InfoLine(stClient, "rdb_changes_since_last_save"));
+  EXPECT_EQ("ok", InfoLine(stClient, "rdb_last_bgsave_status"));
+  EXPECT_TRUE(WaitUntil([&] { return time(nullptr) > iBefore; }));
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE", "SCHEDULE"}));
+  EXPECT_TRUE(SaveEnds(stClient));
+  EXPECT_EQ("0", InfoLine(stClient, "rdb_changes_since_last_save"));
+  EXPECT_GT(atoi(stClient.Ask({"LASTSAVE"}).c_str() + 1), iBefore);
+  EXPECT_EQ("-ERR syntax error\r\n", stClient.Ask({"BGSAVE", "now"}));
+}
+
+// MSET of one worker's keys is atomic there, and so is what the dump has of them.
+TEST_F(KvServerSaveTest, ADumpIsOfOneMoment) {
+  ServerProcess stServer({"server.workers=1"});
+  Client stClient(stServer);
+  for (int iSave = 0; iSave < 5; ++iSave) {
+    for (int i = 0; i < 300; ++i) {
+      const std::string strNumber = std::to_string(iSave * 1000 + i);
+      stClient.Ask(
+          {"MSET", "a", strNumber, "filler" + strNumber, std::string(2000, 'f'), "z", strNumber});
+      if (i == 100) {
+        EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+      }
+    }
+    EXPECT_TRUE(SaveEnds(stClient));
+  }
+  Boot(stServer);
+  Client stAgain(stServer);
+  const std::string strValue = stAgain.Ask({"GET", "a"});
+  EXPECT_EQ(strValue, stAgain.Ask({"GET", "z"}));
+  EXPECT_EQ(Bulk("4100"), strValue);
+}
+
+TEST_F(KvServerSaveTest, OneSaveAtATime) {
+  ServerProcess stServer;
+  Client stClient(stServer);
+  const StuckDump stStuck(Dump(stServer));
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_EQ(BUSY, stClient.Ask({"BGSAVE"}));
+  EXPECT_EQ("1", InfoLine(stClient, "rdb_bgsave_in_progress"));
+  EXPECT_EQ("+OK\r\n", stClient.Ask({"SET", "a", "served meanwhile"}));
+}
+
+TEST_F(KvServerSaveTest, AKilledChildIsAFailedSave) {
+  ServerProcess stServer;
+  Client stClient(stServer);
+  {
+    const StuckDump stStuck(Dump(stServer));
+    EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+    SendSignal(ChildOf(stServer.Worker(0)), SIGKILL);
+    EXPECT_TRUE(SaveEnds(stClient));
+  }
+  EXPECT_EQ("err", InfoLine(stClient, "rdb_last_bgsave_status"));
+  EXPECT_TRUE(LogTells(stServer, "worker 0: the save has failed: its child was killed"));
+  EXPECT_FALSE(Exists(Dump(stServer)));
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_TRUE(SaveEnds(stClient));
+  EXPECT_EQ("ok", InfoLine(stClient, "rdb_last_bgsave_status"));
+  EXPECT_TRUE(Exists(Dump(stServer)));
+}
+
+TEST_F(KvServerSaveTest, AChildThatTakesTooLongIsKilled) {
+  ServerProcess stServer({"save.timeout=1"});
+  Client stClient(stServer);
+  const StuckDump stStuck(Dump(stServer));
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_TRUE(SaveEnds(stClient));
+  EXPECT_TRUE(LogTells(stServer, "takes longer than save.timeout and is killed"));
+  EXPECT_EQ("err", InfoLine(stClient, "rdb_last_bgsave_status"));
+}
+
+TEST_F(KvServerSaveTest, TheChildEndsWithItsWorker) {
+  ServerProcess stServer;
+  Client stClient(stServer);
+  const StuckDump stStuck(Dump(stServer));
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  const pid_t iWorker = stServer.Worker(0);
+  const pid_t iChild = ChildOf(iWorker);
+  // It asks for that in its first instructions, behind the library's pause.
+  EXPECT_TRUE(WaitUntil([&] {
+    return ReadFile("/proc/" + std::to_string(iChild) + "/wchan").find("fifo") !=
+               std::string::npos ||
+           getpgid(iChild) == iChild;
+  }));
+  SendSignal(iWorker, SIGKILL);
+  EXPECT_TRUE(WaitUntil([&] { return !IsAlive(iChild); }));
+  EXPECT_TRUE(WaitUntil([&] { return stServer.Worker(0) != iWorker; }));
+  EXPECT_EQ("+OK\r\n", stClient.Ask({"SET", "a", "1"}).substr(0, 5));
+}
+
+TEST_F(KvServerSaveTest, ADirectoryThatIsGoneIsAFailedSave) {
+  const std::string strPath = m_stDirectory.Path() + "/dumps";
+  ServerProcess stServer({"save.path=" + strPath});
+  Client stClient(stServer);
+  ASSERT_EQ(0, rmdir(strPath.c_str()));
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_TRUE(SaveEnds(stClient));
+  EXPECT_EQ("err", InfoLine(stClient, "rdb_last_bgsave_status"));
+  EXPECT_TRUE(LogTells(
+      stServer, "the save has failed: " + strPath + "/dump-0.kv: No such file or directory"));
+}
+
+TEST_F(KvServerSaveTest, TheHookRunsAfterAGoodSave) {
+  const std::string strCopy = m_stDirectory.Path() + "/copy";
+  ServerProcess stServer({"save.hook=cp $KV_DUMP " + strCopy + "; echo copied; exit 3"});
+  Client stClient(stServer);
+  stClient.Ask({"SET", "a", "1"});
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_TRUE(SaveEnds(stClient));
+  EXPECT_TRUE(LogTells(stServer, "worker 0: save.hook: exit code 3 copied\n"));
+  EXPECT_EQ(ReadFile(Dump(stServer)), ReadFile(strCopy));
+}
+
+TEST_F(KvServerSaveTest, AHookThatTakesTooLongIsKilledWithWhatItHasStarted) {
+  ServerProcess stServer({"save.timeout=1", "save.hook=sleep 1000 & wait"});
+  Client stClient(stServer);
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_TRUE(LogTells(stServer, ": saved 0 keys"));
+  const pid_t iShell = ChildOf(ChildOf(stServer.Worker(0)));
+  const pid_t iSleep = ChildOf(iShell);
+  EXPECT_TRUE(SaveEnds(stClient));
+  EXPECT_TRUE(WaitUntil([&] { return !IsAlive(iShell) && !IsAlive(iSleep); }));
+}
+
+TEST_F(KvServerSaveTest, RulesSaveByThemselves) {
+  ServerProcess stServer({Rules("save = 1:3\n")});
+  Client stClient(stServer);
+  stClient.Ask({"SET", "a", "1"});
+  stClient.Ask({"SET", "a", "2"});
+  EXPECT_FALSE(Exists(Dump(stServer)));
+  stClient.Ask({"SET", "a", "3"});
+  EXPECT_TRUE(LogTells(stServer, "worker 0: a save starts, by a rule"));
+  EXPECT_TRUE(WaitUntil([&] { return Exists(Dump(stServer)); }));
+}
+
+TEST_F(KvServerSaveTest, WithRulesTheEndSavesWhatHasChanged) {
+  ServerProcess stServer({Rules("save = 1000:1\n")});
+  EXPECT_EQ("+OK\r\n", Client(stServer).Ask({"SET", "a", "1"}));
+  Boot(stServer);
+  EXPECT_EQ(Bulk("1"), Client(stServer).Ask({"GET", "a"}));
+  unlink(Dump(stServer).c_str());
+  EXPECT_EQ(0, stServer.Stop());
+  EXPECT_FALSE(Exists(Dump(stServer)));  // nothing has changed
+}
+
+TEST_F(KvServerSaveTest, WithoutRulesTheEndSavesNothing) {
+  ServerProcess stServer;
+  EXPECT_EQ("+OK\r\n", Client(stServer).Ask({"SET", "a", "1"}));
+  EXPECT_EQ(0, stServer.Stop());
+  EXPECT_FALSE(Exists(Dump(stServer)));
+}
+
+TEST_F(KvServerSaveTest, ShutdownMaySaveWithoutRules) {
+  ServerProcess stServer({"server.workers=2"});
+  Client stClient(stServer);
+  stClient.Ask({"MSET", KeyOf(0, 2), "0", KeyOf(1, 2), "1"});
+  EXPECT_EQ("", stClient.Ask({"SHUTDOWN", "SAVE"}));
+  EXPECT_EQ(0, stServer.Wait());
+  RemoveTables(stServer);
+  stServer.Start();
+  Client stAgain(stServer);
+  EXPECT_EQ(Bulk("0"), stAgain.Ask({"GET", KeyOf(0, 2)}));
+  EXPECT_EQ(Bulk("1"), stAgain.Ask({"GET", KeyOf(1, 2)}));
+}
+
+TEST_F(KvServerSaveTest, ShutdownMayLeaveTheSaveOut) {
+  ServerProcess stServer({Rules("save = 1000:1\n")});
+  Client stClient(stServer);
+  stClient.Ask({"SET", "a", "1"});
+  EXPECT_EQ("", stClient.Ask({"SHUTDOWN", "NOSAVE"}));
+  EXPECT_EQ(0, stServer.Wait());
+  EXPECT_FALSE(Exists(Dump(stServer)));
+}
+
+TEST_F(KvServerSaveTest, AShutdownThatCanNotSaveGoesOn) {
+  const std::string strPath = m_stDirectory.Path() + "/dumps";
+  ServerProcess stServer({"save.path=" + strPath});
+  Client stClient(stServer);
+  ASSERT_EQ(0, rmdir(strPath.c_str()));
+  EXPECT_EQ("-ERR Errors trying to SHUTDOWN. Check logs.\r\n", stClient.Ask({"SHUTDOWN", "SAVE"}));
+  EXPECT_EQ("+PONG\r\n", stClient.Ask({"PING"}));
+}
+
+TEST_F(KvServerSaveTest, ADamagedDumpEndsTheStart) {
+  ServerProcess stServer;
+  Client stClient(stServer);
+  stClient.Ask({"SET", "a", "1"});
+  EXPECT_EQ("", stClient.Ask({"SHUTDOWN", "SAVE"}));
+  EXPECT_EQ(0, stServer.Wait());
+  RemoveTables(stServer);
+  ASSERT_EQ(0, truncate(Dump(stServer).c_str(), 50));
+  const std::string strListen = "server.listen=127.0.0.1:" + std::to_string(stServer.Port());
+  const RunResult_t stResult =
+      RunServer({"--set", "server.run_dir=" + stServer.Directory(), "--set", strListen});
+  EXPECT_EQ(2, stResult.iExit);
+  EXPECT_EQ(
+      "kv_server: " + Dump(stServer) + ": it is cut off; move it away to go on without its keys\n",
+      stResult.strError);
+  ASSERT_EQ(0, unlink(Dump(stServer).c_str()));
+  stServer.Start();
+  EXPECT_EQ(":0\r\n", Client(stServer).Ask({"DBSIZE"}));
+}
+
+// A half-filled table is filled again from the start by the next worker.
+TEST_F(KvServerSaveTest, AWorkerKilledWhileItLoadsLoadsAgain) {
+  ServerProcess stServer({"table.bytes=64M"});
+  {
+    Client stClient(stServer);
+    for (int i = 0; i < 200; ++i) {
+      std::string strRequests;
+      for (int iKey = 0; iKey < 500; ++iKey) {
+        strRequests += Request({"SET", std::to_string(i * 500 + iKey), std::string(100, 'v')});
+      }
+      stClient.Send(strRequests);
+      stClient.Read(500);
+    }
+    EXPECT_EQ("", stClient.Ask({"SHUTDOWN", "SAVE"}));
+  }
+  EXPECT_EQ(0, stServer.Wait());
+  RemoveTables(stServer);
+  // What fills the pipe is half of the dump; then the worker waits for more.
+  const std::string strDump = ReadFile(Dump(stServer));
+  const std::string strKept = m_stDirectory.Path() + "/kept.kv";
+  ASSERT_EQ(0, rename(Dump(stServer).c_str(), strKept.c_str()));
+  ASSERT_EQ(0, mkfifo(Dump(stServer).c_str(), 0600));
+  ForkedPeer stWriter([&] {
+    signal(SIGPIPE, SIG_IGN);
+    std::ofstream stHalf(Dump(stServer));
+    stHalf << strDump.substr(0, strDump.size() / 2) << std::flush;
+    pause();
+    return 0;
+  });
+  ForkedPeer stKiller([&] {
+    const pid_t iWorker = stServer.Worker(0);
+    usleep(300000);  // so that it is in the middle; at another time the outcome is the same
+    rename(strKept.c_str(), Dump(stServer).c_str());
+    SendSignal(iWorker, SIGKILL);
+    return 0;
+  });
+  stServer.Start();
+  EXPECT_EQ(0, stKiller.Wait());
+  stWriter.Kill(SIGKILL);
+  EXPECT_EQ(":100000\r\n", Client(stServer).Ask({"DBSIZE"}));
+}
+
+TEST_F(KvServerSaveTest, ListingsShowWhatEachProcessIs) {
+  ServerProcess stServer({"server.workers=2"});
+  const auto Title = [](pid_t iPid) {
+    return std::string(ReadFile("/proc/" + std::to_string(iPid) + "/cmdline").c_str());
+  };
+  EXPECT_EQ("kv_server: master", Title(stServer.Master()));
+  EXPECT_EQ("kv_server: gateway 127.0.0.1:" + std::to_string(stServer.Port()),
+            Title(stServer.Gateway()));
+  EXPECT_EQ("kv_server: worker 1", Title(stServer.Worker(1)));
+  const std::string strAll = ReadFile("/proc/" + std::to_string(stServer.Master()) + "/cmdline");
+  EXPECT_EQ(std::string::npos, strAll.find("--set"));
+}
+
+}  // namespace
