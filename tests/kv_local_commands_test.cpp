@@ -8,7 +8,7 @@ namespace {
 
 std::string Answer(const Arguments_t& vecArguments) {
   std::string strOut;
-  RunLocalCommand(*FindCommand(vecArguments[0]), vecArguments, Settings_t(), strOut);
+  RunLocalCommand(*FindCommand(vecArguments[0]), vecArguments, strOut);
   return strOut;
 }
 
@@ -34,28 +34,37 @@ TEST(KvLocalCommandsTest, OneDatabase) {
   }
 }
 
-TEST(KvLocalCommandsTest, CommandDescribesEach) {
-  const std::string strAll = Answer({"COMMAND"});
-  EXPECT_EQ("*" + std::to_string(AllCommands().size()) + "\r\n", strAll.substr(0, 5));
-  EXPECT_NE(std::string::npos,
-            strAll.find("*6\r\n$3\r\nget\r\n:2\r\n*1\r\n+readonly\r\n:1\r\n:1\r\n:1\r\n"));
-  EXPECT_NE(std::string::npos,
-            strAll.find("*6\r\n$4\r\nmset\r\n:-3\r\n*1\r\n+write\r\n:1\r\n:-1\r\n:2\r\n"));
-  EXPECT_NE(std::string::npos,
-            strAll.find("*6\r\n$4\r\nping\r\n:-1\r\n*1\r\n+readonly\r\n:0\r\n:0\r\n:0\r\n"));
-  EXPECT_EQ(":" + std::to_string(AllCommands().size()) + "\r\n", Answer({"COMMAND", "COUNT"}));
-  EXPECT_EQ("*0\r\n", Answer({"COMMAND", "docs"}));
-  EXPECT_EQ("-ERR unknown subcommand 'x'. Try COMMAND, COMMAND COUNT or COMMAND DOCS.\r\n",
-            Answer({"COMMAND", "x"}));
+TEST(KvLocalCommandsTest, DatabaseNumbersHaveThirtyTwoBits) {
+  EXPECT_EQ("-ERR DB index is out of range\r\n", Answer({"SELECT", "2147483647"}));
+  EXPECT_EQ("-ERR DB index is out of range\r\n", Answer({"SELECT", "-2147483648"}));
+  for (const char* pIndex : {"2147483648", "-2147483649"}) {
+    EXPECT_EQ("-ERR value is out of range, value must between -2147483648 and 2147483647\r\n",
+              Answer({"SELECT", pIndex}));
+  }
+}
+
+std::string Configure(const Arguments_t& vecArguments) {
+  std::string strOut;
+  RunConfigCommand(vecArguments, Settings_t(), strOut);
+  return strOut;
 }
 
 TEST(KvLocalCommandsTest, ConfigGetTakesPatterns) {
-  EXPECT_EQ(Request({"server.workers", "1"}), Answer({"CONFIG", "GET", "server.workers"}));
-  EXPECT_EQ(Request({"save", ""}), Answer({"config", "get", "SAVE"}));
-  EXPECT_EQ("*6\r\n", Answer({"CONFIG", "GET", "timeout.*"}).substr(0, 4));
-  EXPECT_EQ("*0\r\n", Answer({"CONFIG", "GET", "nosuch"}));
-  EXPECT_EQ("-ERR only CONFIG GET <pattern> is known\r\n", Answer({"CONFIG", "SET", "x"}));
-  EXPECT_EQ("-ERR only CONFIG GET <pattern> is known\r\n", Answer({"CONFIG", "GET"}));
+  EXPECT_EQ(Request({"server.workers", "1"}), Configure({"CONFIG", "GET", "server.workers"}));
+  EXPECT_EQ(Request({"save", ""}), Configure({"config", "get", "SAVE"}));
+  EXPECT_EQ("*6\r\n", Configure({"CONFIG", "GET", "timeout.*"}).substr(0, 4));
+  EXPECT_EQ("*0\r\n", Configure({"CONFIG", "GET", "nosuch"}));
+}
+
+TEST(KvLocalCommandsTest, ConfigGetGivesWhatSeveralPatternsMatchOnce) {
+  EXPECT_EQ(Request({"save", "", "appendonly", "no"}),
+            Configure({"CONFIG", "GET", "s[a]ve", "nosuch", "append*", "s?ve", "save"}));
+}
+
+TEST(KvLocalCommandsTest, ConfigSetSaysWhyNot) {
+  EXPECT_EQ("-ERR CONFIG SET is not possible, settings are read when the server starts\r\n",
+            Configure({"CONFIG", "set", "save", ""}));
+  EXPECT_EQ("-ERR syntax error\r\n", Configure({"CONFIG", "SET", "save", "", "appendonly"}));
 }
 
 TEST(KvLocalCommandsTest, UnknownCommandShowsTheBeginning) {
@@ -110,22 +119,36 @@ TEST(KvLocalCommandsTest, OptionsAreFewAndShort) {
   EXPECT_EQ("ERR syntax error", Check({"SET", "a", "v", std::string(257, 'x')}));
 }
 
-TEST(KvLocalCommandsTest, FlushAndShutdownKnowTheirWords) {
-  for (const Arguments_t& vecGood : {Arguments_t{"FLUSHALL"},
-                                     {"FLUSHALL", "async"},
-                                     {"FLUSHALL", "SYNC"},
-                                     {"SHUTDOWN"},
+TEST(KvLocalCommandsTest, UnknownCommandEndsAtAZeroByte) {
+  std::string strOut;
+  AppendUnknownCommand(strOut, {std::string_view("fo\0o", 4), std::string_view("a\0b", 3), "c"});
+  EXPECT_EQ("-ERR unknown command 'fo', with args beginning with: 'a' 'c' \r\n", strOut);
+}
+
+TEST(KvLocalCommandsTest, FlushKnowsItsWords) {
+  EXPECT_EQ("", Check({"FLUSHALL"}));
+  EXPECT_EQ("", Check({"FLUSHALL", "async"}));
+  EXPECT_EQ("", Check({"FLUSHALL", "SYNC"}));
+  EXPECT_EQ("ERR syntax error", Check({"FLUSHALL", "x"}));
+  EXPECT_EQ("ERR syntax error", Check({"FLUSHALL", "async", "sync"}));
+  EXPECT_EQ("ERR syntax error", Check({"FLUSHALL", "save"}));
+}
+
+TEST(KvLocalCommandsTest, ShutdownKnowsItsWords) {
+  for (const Arguments_t& vecGood : {Arguments_t{"SHUTDOWN"},
                                      {"SHUTDOWN", "nosave"},
-                                     {"SHUTDOWN", "SAVE"}}) {
+                                     {"SHUTDOWN", "SAVE"},
+                                     {"SHUTDOWN", "NOW", "FORCE", "nosave", "NOSAVE"}}) {
     EXPECT_EQ("", Check(vecGood));
   }
-  for (const Arguments_t& vecBad : {Arguments_t{"FLUSHALL", "x"},
-                                    {"FLUSHALL", "async", "sync"},
-                                    {"FLUSHALL", "save"},
-                                    {"SHUTDOWN", "x"},
-                                    {"SHUTDOWN", "nosave", "x"}}) {
+  for (const Arguments_t& vecBad : {Arguments_t{"SHUTDOWN", "x"},
+                                    {"SHUTDOWN", "nosave", "x"},
+                                    {"SHUTDOWN", "nosave", "save"},
+                                    {"SHUTDOWN", "abort", "now"},
+                                    {"SHUTDOWN", "save", "abort"}}) {
     EXPECT_EQ("ERR syntax error", Check(vecBad));
   }
+  EXPECT_EQ("ERR No shutdown in progress.", Check({"SHUTDOWN", "ABORT", "abort"}));
 }
 
 }  // namespace

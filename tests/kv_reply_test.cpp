@@ -70,4 +70,14 @@ TEST(KvReplyTest, ElementsOfAnArrayComeBackWhole) {
   EXPECT_TRUE(ElementsOfReply("*0\r\n").empty());
 }
 
+TEST(KvReplyTest, ShownTextIsTheBeginningUpToAZeroByte) {
+  EXPECT_EQ("", ShownText(""));
+  EXPECT_EQ("abc", ShownText("abc"));
+  EXPECT_EQ("ab", ShownText(std::string_view("ab\0c", 4)));
+  EXPECT_EQ("", ShownText(std::string_view("\0", 1)));
+  EXPECT_EQ("ab", ShownText("abc", 2));
+  const std::string strLong(SHOWN_TEXT + 1, 'x');
+  EXPECT_EQ(strLong.substr(1), ShownText(strLong));
+}
+
 }  // namespace

@@ -28,7 +28,6 @@ TEST_P(KvServerTest, Connection) {
   EXPECT_EQ("+OK\r\n", Ask({"SELECT", "0"}));
   EXPECT_EQ("-ERR DB index is out of range\r\n", Ask({"SELECT", "16"}));
   EXPECT_EQ("*2\r\n$4\r\nsave\r\n$0\r\n\r\n", Ask({"CONFIG", "GET", "save"}));
-  EXPECT_EQ("*0\r\n", Ask({"COMMAND", "DOCS"}));
 }
 
 TEST_P(KvServerTest, QuitAnswersAndClosesAndIgnoresWhatFollows) {

@@ -151,4 +151,13 @@ TEST(KvSettingsTest, TheLogLiesInTheRunDirectoryUnlessTold) {
   EXPECT_EQ("/var/log/kv", stSettings.LogPath());
 }
 
+TEST(KvSettingsTest, DebugCommandsAreYesOrNo) {
+  EXPECT_EQ("", CheckWith("debug.commands", "yes"));
+  EXPECT_EQ("", CheckWith("debug.commands", "no"));
+  for (const std::string strValue : {"", "1", "Yes", "yes "}) {
+    EXPECT_EQ("debug.commands = \"" + strValue + "\": must be yes or no",
+              CheckWith("debug.commands", strValue));
+  }
+}
+
 }  // namespace

@@ -5,6 +5,7 @@
 #include <array>
 #include <charconv>
 
+#include "debug_commands.h"
 #include "reply.h"
 
 namespace {
@@ -77,6 +78,7 @@ CommandRunner::Handler_t CommandRunner::HandlerOf(CommandId_t eCommand) {
     arHandlers[CMD_BGSAVE] = &CommandRunner::BgSave;
     arHandlers[CMD_LASTSAVE] = &CommandRunner::LastSave;
     arHandlers[CMD_SHUTDOWN] = &CommandRunner::Shutdown;
+    arHandlers[CMD_DEBUG] = &CommandRunner::Debug;
     return arHandlers;
   }();
   return eCommand < CMD_COUNT ? HANDLERS[eCommand] : nullptr;
@@ -90,6 +92,10 @@ void CommandRunner::Run(CommandId_t eCommand, const Arguments_t& vecArguments,
     return AppendError(strOut, "ERR command is not one for a worker");
   }
   (this->*pHandler)(vecArguments, strOut);
+}
+
+void CommandRunner::Debug(const Arguments_t& vecArguments, std::string& strOut) {
+  RunDebug(vecArguments, strOut);
 }
 
 // A reply of many values is checked while it grows: values are far smaller than the limit.

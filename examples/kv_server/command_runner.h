@@ -92,6 +92,8 @@ class CommandRunner {
   void LastSave(const Arguments_t& vecArguments, std::string& strOut);
   void Shutdown(const Arguments_t& vecArguments, std::string& strOut);
 
+  void Debug(const Arguments_t& vecArguments, std::string& strOut);
+
   void LimitReply(std::string& strOut, size_t iStart) const;
 
   KeyStore& m_stStore;

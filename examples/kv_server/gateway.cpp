@@ -14,6 +14,7 @@
 
 #include "connection_pool.h"
 #include "gather_machine.h"
+#include "info_text.h"
 #include "log.h"
 #include "machine_pool.h"
 #include "mq_pool.h"
@@ -78,6 +79,7 @@ Gateway::Gateway(const Settings_t& stSettings, const std::vector<QueueNames_t>& 
       m_iMaster(getppid()),
       m_iNow(time(nullptr)),
       m_iStarted(m_iNow),
+      m_stStatistics(m_iNow),
       m_stRouter(*this) {}
 
 Gateway::~Gateway() {
@@ -160,6 +162,7 @@ void Gateway::Turn(int iTimeout) {
   epoll_event astEvents[MAX_EVENTS];
   const int iCount = WaitForEvents(m_iEpoll, astEvents, MAX_EVENTS, iTimeout);
   m_iNow = time(nullptr);
+  m_stStatistics.OnTurn(m_iNow);
   for (int i = 0; i < iCount; ++i) {
     OnEvent(astEvents[i].data.u64, astEvents[i].events);
   }
@@ -188,7 +191,6 @@ void Gateway::AcceptClients() {
     if (pSocket == nullptr) {
       break;
     }
-    ++m_iConnections;
     AddClient(std::move(pSocket));
   }
   if (errno == EMFILE || errno == ENFILE) {
@@ -199,6 +201,7 @@ void Gateway::AcceptClients() {
 
 void Gateway::AddClient(std::unique_ptr<TcpSocket> pSocket) {
   if (m_setSessions.size() >= m_stSettings.iMaxClients) {
+    ++m_stStatistics.m_iRejected;
     std::string strError;
     AppendError(strError, "ERR max number of clients reached (limits.clients)");
     pSocket->AppendSendBuffer(strError.data(), static_cast<unsigned int>(strError.size()));
@@ -216,7 +219,8 @@ void Gateway::AddClient(std::unique_ptr<TcpSocket> pSocket) {
   ConnectionPool::Instance().AddConnection(pSocket.release());
   MachinePool::Instance().AddMachine(pSession);
   m_setSessions.insert(iId);
-  g_pLog->Debug("gateway: client %u connected", iId);
+  ++m_stStatistics.m_iConnections;
+  g_pLog->Debug("gateway: client %llu connected", pSession->LogNumber());
 }
 
 // Numbers are not given back: a late answer to a machine that is gone must not find another one
@@ -333,11 +337,11 @@ void Gateway::FinishSessions() {
 }
 
 void Gateway::RemoveSession(uint32_t iMachine) {
-  StateMachine* pMachine = MachinePool::Instance().GetMachine(iMachine);
+  auto* pSession = static_cast<Session*>(MachinePool::Instance().GetMachine(iMachine));
   MachinePool::Instance().RemoveMachine(iMachine);
   m_setSessions.erase(iMachine);
-  delete pMachine;
-  g_pLog->Debug("gateway: client %u is gone", iMachine);
+  g_pLog->Debug("gateway: client %llu is gone", pSession->LogNumber());
+  delete pSession;
 }
 
 // Answers what has been received, for as long as the operator allows.
@@ -361,35 +365,24 @@ void Gateway::Stop() {
   g_pLog->Info("gateway: stopped, %zu clients not answered in time", m_setSessions.size());
 }
 
-std::string Gateway::InfoText(const WorkerStat_t& stWorkers) const {
-  const StoreStat_t& stStat = stWorkers.stStore;
-  const SaveStat_t& stSave = stWorkers.stSave;
-  const auto Line = [](const char* pName, uint64_t iValue) {
-    return std::string(pName) + ":" + std::to_string(iValue) + "\r\n";
-  };
-  std::string strText = "# Server\r\nserver_name:kv_server\r\nredis_mode:standalone\r\n";
-  strText += Line("process_id", static_cast<uint64_t>(getpid()));
-  strText += Line("tcp_port", m_stSettings.Port());
-  strText += Line("workers", m_vecLinks.size());
-  strText += Line("uptime_in_seconds", static_cast<uint64_t>(m_iNow - m_iStarted));
-  strText += "\r\n# Clients\r\n" + Line("connected_clients", m_setSessions.size());
-  strText += Line("maxclients", m_stSettings.iMaxClients);
-  strText += "\r\n# Memory\r\n" + Line("used_memory", stStat.iUsedBytes);
-  strText += Line("maxmemory", stStat.iBytes) + "maxmemory_policy:noeviction\r\n";
-  strText += Line("table_bytes_never_used", stStat.iUncarved);
-  strText += "\r\n# Persistence\r\nloading:0\r\n";
-  strText += Line("rdb_changes_since_last_save", stSave.iChanges);
-  strText += Line("rdb_bgsave_in_progress", stSave.iRunning);
-  strText += Line("rdb_last_save_time", stSave.iLastSave);
-  strText +=
-      std::string("rdb_last_bgsave_status:") + (stSave.iLastGood != 0 ? "ok" : "err") + "\r\n";
-  strText += "\r\n# Stats\r\n" + Line("total_connections_received", m_iConnections);
-  strText += Line("total_commands_processed", m_stRouter.Commands());
-  strText += "\r\n# Keyspace\r\n";
-  if (stStat.iKeys > 0) {
-    strText += "db0:keys=" + std::to_string(stStat.iKeys) +
-               ",expires=" + std::to_string(stStat.iExpiring) +
-               ",avg_ttl=" + std::to_string(stStat.iAverageTtl) + "\r\n";
+std::vector<Session*> Gateway::Sessions() const {
+  std::vector<Session*> vecSessions;
+  for (const uint32_t iMachine : m_setSessions) {
+    auto* pSession = static_cast<Session*>(MachinePool::Instance().GetMachine(iMachine));
+    if (!pSession->Dead()) {
+      vecSessions.push_back(pSession);
+    }
   }
+  return vecSessions;
+}
+
+std::string Gateway::InfoText(uint32_t iSections, const WorkerStat_t& stWorkers) const {
+  const std::vector<Session*> vecSessions = Sessions();
+  const auto iPaused = std::count_if(vecSessions.begin(), vecSessions.end(),
+                                     [](const Session* pSession) { return pSession->Paused(); });
+  std::string strText =
+      GatewayInfo(iSections, {m_stSettings, m_stStatistics, m_iMaster, m_iNow - m_iStarted,
+                              vecSessions.size(), static_cast<size_t>(iPaused)});
+  AppendWorkerInfo(strText, iSections, stWorkers);
   return strText;
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "id_generator.h"
+#include "gateway_statistics.h"
 #include "request_router.h"
 #include "saver.h"
 #include "settings.h"
@@ -44,7 +45,11 @@ class Gateway : public ReplyReceiver {
   void Resume(Session& stSession);  // a paused session may go on
   void WatchSession(Session& stSession, int iFD, uint32_t iEvents);
   pid_t Master() const { return m_iMaster; }
-  std::string InfoText(const WorkerStat_t& stStat) const;
+  GatewayStatistics& Statistics() { return m_stStatistics; }
+  std::vector<Session*> Sessions() const;  // except dead ones
+  uint64_t NewClientNumber() { return ++m_iClients; }
+  // The sections of INFO, of InfoSection_t; those of the workers from what they answered.
+  std::string InfoText(uint32_t iSections, const WorkerStat_t& stWorkers) const;
 
   void OnPiece(const ReplyTarget_t& stTarget, const ReplyPiece_t& stPiece) override;
   void OnLost(const ReplyTarget_t& stTarget) override;
@@ -82,7 +87,8 @@ class Gateway : public ReplyReceiver {
   std::vector<uint32_t> m_vecTouched;
   std::vector<uint32_t> m_vecResumed;
   IdGenerator m_stIds;
-  uint64_t m_iConnections = 0;
+  uint64_t m_iClients = 0;  // ever
+  GatewayStatistics m_stStatistics;
   RequestRouter m_stRouter;
 };
 

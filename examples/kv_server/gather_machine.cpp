@@ -97,7 +97,7 @@ std::string GatherMachine::Join() const {
       AppendStatus(strReply, "OK");
       break;
     case CMD_INFO:
-      AppendBulk(strReply, m_stGateway.InfoText(SumStat()));
+      AppendBulk(strReply, m_stGateway.InfoText(m_iSections, SumStat()));
       break;
     case CMD_SHUTDOWN:
       kill(m_stGateway.Master(), SIGTERM);

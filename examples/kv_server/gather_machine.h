@@ -25,6 +25,9 @@ class GatherMachine : public StateMachine {
 
   static void RegisterStates();
 
+  // Of INFO: which sections, of InfoSection_t.
+  void SetSections(uint32_t iSections) { m_iSections = iSections; }
+
   // Adds a part that answers for the keys at these places of the command; the result is its number.
   uint32_t AddPart(std::vector<uint32_t> vecPlaces);
 
@@ -58,6 +61,7 @@ class GatherMachine : public StateMachine {
   const ReplyTarget_t m_stAsker;  // the session and its slot
   std::vector<Part_t> m_vecParts;
   size_t m_iOpenParts = 0;
+  uint32_t m_iSections = 0;
   uint64_t m_iBytes = 0;  // of all parts' replies
 };
 

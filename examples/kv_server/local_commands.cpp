@@ -1,24 +1,23 @@
 #include "local_commands.h"
 
 #include <fnmatch.h>
-#include <strings.h>
 
-#include <cstring>
+#include <algorithm>
+#include <limits>
+#include <set>
 
+#include "command_docs.h"
 #include "command_runner.h"
 #include "reply.h"
+#include "subcommands.h"
 
 namespace {
-
-const size_t SHOWN_ARGUMENT = 128;  // characters of a client's text that an error repeats
 
 // More words than any single-key command knows.
 const size_t MAX_OPTIONS = 16;
 const size_t MAX_OPTION_BYTES = 256;
 
-bool Is(std::string_view strText, const char* pWord) {
-  return strText.size() == strlen(pWord) && strncasecmp(strText.data(), pWord, strText.size()) == 0;
-}
+const char* const SHUTDOWN_WORDS[] = {"abort", "force", "nosave", "now", "save"};
 
 void Ping(const Arguments_t& vecArguments, std::string& strOut) {
   if (vecArguments.size() == 1) {
@@ -32,40 +31,15 @@ void Select(const Arguments_t& vecArguments, std::string& strOut) {
   if (!ParseInteger(vecArguments[1], iIndex)) {
     return AppendError(strOut, NOT_AN_INTEGER);
   }
+  if (iIndex < std::numeric_limits<int32_t>::min() ||
+      iIndex > std::numeric_limits<int32_t>::max()) {
+    return AppendError(strOut,
+                       "ERR value is out of range, value must between -2147483648 and 2147483647");
+  }
   if (iIndex != 0) {
     return AppendError(strOut, "ERR DB index is out of range");
   }
   AppendStatus(strOut, "OK");
-}
-
-void DescribeCommand(const Command_t& stCommand, std::string& strOut) {
-  const bool bKeys = stCommand.eRoute == ROUTE_ONE_KEY || stCommand.eRoute == ROUTE_KEYS ||
-                     stCommand.eRoute == ROUTE_PAIRS;
-  AppendArrayHead(strOut, 6);
-  AppendBulk(strOut, stCommand.pName);
-  AppendInteger(strOut, stCommand.iArity);
-  AppendArrayHead(strOut, 1);
-  AppendStatus(strOut, stCommand.bWrites ? "write" : "readonly");
-  AppendInteger(strOut, bKeys ? 1 : 0);
-  AppendInteger(strOut, !bKeys ? 0 : stCommand.eRoute == ROUTE_ONE_KEY ? 1 : -1);
-  AppendInteger(strOut, !bKeys ? 0 : stCommand.eRoute == ROUTE_PAIRS ? 2 : 1);
-}
-
-void Command(const Arguments_t& vecArguments, std::string& strOut) {
-  if (vecArguments.size() == 1) {
-    AppendArrayHead(strOut, AllCommands().size());
-    for (const Command_t& stCommand : AllCommands()) {
-      DescribeCommand(stCommand, strOut);
-    }
-  } else if (Is(vecArguments[1], "count")) {
-    AppendInteger(strOut, static_cast<int64_t>(AllCommands().size()));
-  } else if (Is(vecArguments[1], "docs")) {
-    AppendArrayHead(strOut, 0);
-  } else {
-    AppendError(strOut, "ERR unknown subcommand '" +
-                            std::string(vecArguments[1].substr(0, SHOWN_ARGUMENT)) +
-                            "'. Try COMMAND, COMMAND COUNT or COMMAND DOCS.");
-  }
 }
 
 std::string SaveRulesText(const Settings_t& stSettings) {
@@ -77,26 +51,11 @@ std::string SaveRulesText(const Settings_t& stSettings) {
   return strText;
 }
 
-void Config(const Arguments_t& vecArguments, const Settings_t& stSettings, std::string& strOut) {
-  if (vecArguments.size() != 3 || !Is(vecArguments[1], "get")) {
-    return AppendError(strOut, "ERR only CONFIG GET <pattern> is known");
-  }
-  const std::string strPattern(vecArguments[2]);
-  std::vector<SettingRow_t> vecRows = ListSettings(stSettings);
-  // What benchmarks of this protocol ask for before they start.
-  vecRows.push_back({"save", SaveRulesText(stSettings), ""});
-  vecRows.push_back({"appendonly", "no", ""});
-  std::string strPairs;
-  size_t iCount = 0;
-  for (const SettingRow_t& stRow : vecRows) {
-    if (fnmatch(strPattern.c_str(), stRow.pKey, FNM_CASEFOLD) == 0) {
-      AppendBulk(strPairs, stRow.pKey);
-      AppendBulk(strPairs, stRow.strValue);
-      iCount += 2;
-    }
-  }
-  AppendArrayHead(strOut, iCount);
-  strOut.append(strPairs);
+// Whether a setting is one that the client asks for.
+bool IsAskedFor(const char* pKey, const Arguments_t& vecArguments) {
+  return std::any_of(vecArguments.begin() + 2, vecArguments.end(), [pKey](std::string_view str) {
+    return fnmatch(std::string(str).c_str(), pKey, FNM_CASEFOLD) == 0;
+  });
 }
 
 std::string CheckKey(std::string_view strKey, const Settings_t& stSettings) {
@@ -108,17 +67,37 @@ std::string CheckKey(std::string_view strKey, const Settings_t& stSettings) {
   return strKey.find('\0') != std::string_view::npos ? "ERR key contains a zero byte" : "";
 }
 
-// Commands with a word that may follow them.
-std::string CheckMode(const Command_t& stCommand, const Arguments_t& vecArguments) {
-  const char* pWord = stCommand.eId == CMD_SHUTDOWN ? "save" : "async";
-  const char* pOther = stCommand.eId == CMD_SHUTDOWN ? "nosave" : "sync";
-  if (stCommand.eId == CMD_BGSAVE) {
-    pWord = pOther = "schedule";
+// FLUSHALL and FLUSHDB take a word that changes nothing here.
+std::string CheckFlush(const Arguments_t& vecArguments) {
+  const bool bKnown = vecArguments.size() == 1 ||
+                      (vecArguments.size() == 2 &&
+                       (IsWord(vecArguments[1], "async") || IsWord(vecArguments[1], "sync")));
+  return bKnown ? "" : SYNTAX_ERROR;
+}
+
+// The words of SHUTDOWN change nothing either; an end can not be called off.
+std::string CheckShutdown(const Arguments_t& vecArguments) {
+  std::set<std::string_view> setWords;
+  for (size_t i = 1; i < vecArguments.size(); ++i) {
+    const auto pWord =
+        std::find_if(std::begin(SHUTDOWN_WORDS), std::end(SHUTDOWN_WORDS),
+                     [&](const char* pKnown) { return IsWord(vecArguments[i], pKnown); });
+    if (pWord == std::end(SHUTDOWN_WORDS)) {
+      return SYNTAX_ERROR;
+    }
+    setWords.insert(*pWord);
   }
-  const bool bKnown =
-      vecArguments.size() == 1 ||
-      (vecArguments.size() == 2 && (Is(vecArguments[1], pWord) || Is(vecArguments[1], pOther)));
-  return bKnown ? "" : "ERR syntax error";
+  const bool bAbort = setWords.count("abort") > 0;
+  if ((bAbort && setWords.size() > 1) || setWords.count("save") + setWords.count("nosave") == 2) {
+    return SYNTAX_ERROR;
+  }
+  return bAbort ? "ERR No shutdown in progress." : "";
+}
+
+std::string CheckBgSave(const Arguments_t& vecArguments) {
+  const bool bKnown = vecArguments.size() == 1 ||
+                      (vecArguments.size() == 2 && IsWord(vecArguments[1], "schedule"));
+  return bKnown ? "" : SYNTAX_ERROR;
 }
 
 std::string CheckOptions(const Arguments_t& vecArguments) {
@@ -126,13 +105,13 @@ std::string CheckOptions(const Arguments_t& vecArguments) {
   for (size_t i = 3; i < vecArguments.size(); ++i) {
     iBytes += vecArguments[i].size();
   }
-  return vecArguments.size() > MAX_OPTIONS || iBytes > MAX_OPTION_BYTES ? "ERR syntax error" : "";
+  return vecArguments.size() > MAX_OPTIONS || iBytes > MAX_OPTION_BYTES ? SYNTAX_ERROR : "";
 }
 
 }  // namespace
 
 void RunLocalCommand(const Command_t& stCommand, const Arguments_t& vecArguments,
-                     const Settings_t& stSettings, std::string& strOut) {
+                     std::string& strOut) {
   switch (stCommand.eId) {
     case CMD_PING:
       return Ping(vecArguments, strOut);
@@ -140,21 +119,43 @@ void RunLocalCommand(const Command_t& stCommand, const Arguments_t& vecArguments
       return AppendBulk(strOut, vecArguments[1]);
     case CMD_SELECT:
       return Select(vecArguments, strOut);
-    case CMD_COMMAND:
-      return Command(vecArguments, strOut);
     default:
-      return Config(vecArguments, stSettings, strOut);
+      return RunCommandCommand(vecArguments, strOut);
   }
 }
 
+void RunConfigCommand(const Arguments_t& vecArguments, const Settings_t& stSettings,
+                      std::string& strOut) {
+  if (IsWord(vecArguments[1], "set")) {
+    return AppendError(strOut, vecArguments.size() % 2 != 0
+                                   ? SYNTAX_ERROR
+                                   : "ERR CONFIG SET is not possible, settings are read when the "
+                                     "server starts");
+  }
+  std::vector<SettingRow_t> vecRows = ListSettings(stSettings);
+  // What benchmarks of this protocol ask for before they start.
+  vecRows.push_back({"save", SaveRulesText(stSettings), ""});
+  vecRows.push_back({"appendonly", "no", ""});
+  std::string strPairs;
+  size_t iCount = 0;
+  for (const SettingRow_t& stRow : vecRows) {
+    if (IsAskedFor(stRow.pKey, vecArguments)) {
+      AppendBulk(strPairs, stRow.pKey);
+      AppendBulk(strPairs, stRow.strValue);
+      iCount += 2;
+    }
+  }
+  AppendArrayHead(strOut, iCount);
+  strOut.append(strPairs);
+}
+
 void AppendUnknownCommand(std::string& strOut, const Arguments_t& vecArguments) {
-  std::string strError = "ERR unknown command '" +
-                         std::string(vecArguments[0].substr(0, SHOWN_ARGUMENT)) +
+  std::string strError = "ERR unknown command '" + std::string(ShownText(vecArguments[0])) +
                          "', with args beginning with: ";
-  const size_t iLimit = strError.size() + SHOWN_ARGUMENT;
+  const size_t iLimit = strError.size() + SHOWN_TEXT;
   for (size_t i = 1; i < vecArguments.size() && strError.size() < iLimit; ++i) {
     const size_t iRoom = iLimit - strError.size();
-    strError.append("'").append(vecArguments[i].substr(0, iRoom)).append("' ");
+    strError.append("'").append(ShownText(vecArguments[i], iRoom)).append("' ");
   }
   AppendError(strOut, strError);
 }
@@ -166,9 +167,14 @@ void AppendWrongArity(std::string& strOut, const Command_t& stCommand) {
 
 std::string CheckArguments(const Command_t& stCommand, const Arguments_t& vecArguments,
                            const Settings_t& stSettings) {
-  if (stCommand.eId == CMD_FLUSHALL || stCommand.eId == CMD_FLUSHDB ||
-      stCommand.eId == CMD_SHUTDOWN || stCommand.eId == CMD_BGSAVE) {
-    return CheckMode(stCommand, vecArguments);
+  if (stCommand.eId == CMD_FLUSHALL || stCommand.eId == CMD_FLUSHDB) {
+    return CheckFlush(vecArguments);
+  }
+  if (stCommand.eId == CMD_SHUTDOWN) {
+    return CheckShutdown(vecArguments);
+  }
+  if (stCommand.eId == CMD_BGSAVE) {
+    return CheckBgSave(vecArguments);
   }
   const bool bOne = stCommand.eRoute == ROUTE_ONE_KEY;
   const bool bPairs = stCommand.eRoute == ROUTE_PAIRS;

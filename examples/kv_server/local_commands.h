@@ -7,10 +7,14 @@
 #include "command_table.h"
 #include "settings.h"
 
-// Commands that need neither keys nor a client's state: PING, ECHO, SELECT, COMMAND, CONFIG.
+// Commands that need neither keys nor a client's state: PING, ECHO, SELECT, COMMAND.
 // Appends the reply; vecArguments start with the command's name.
 void RunLocalCommand(const Command_t& stCommand, const Arguments_t& vecArguments,
-                     const Settings_t& stSettings, std::string& strOut);
+                     std::string& strOut);
+
+// CONFIG GET with any number of patterns, and the error of CONFIG SET.
+void RunConfigCommand(const Arguments_t& vecArguments, const Settings_t& stSettings,
+                      std::string& strOut);
 
 // The errors of a request that is not run.
 void AppendUnknownCommand(std::string& strOut, const Arguments_t& vecArguments);

@@ -6,11 +6,11 @@
 #include "config_files.h"
 #include "master.h"
 #include "process_title.h"
+#include "server_version.h"
 
 namespace {
 
 const int USAGE_ERROR = 2;
-const char VERSION[] = "1.0.0";
 
 int PrintHelp() {
   printf(
@@ -49,7 +49,7 @@ int main(int argc, char** argv) {
     case ACTION_HELP:
       return PrintHelp();
     case ACTION_VERSION:
-      return printf("kv_server %s\n", VERSION) < 0;
+      return printf("kv_server %s\n", SERVER_VERSION) < 0;
     case ACTION_CHECK:
       return printf("kv_server: the settings are right\n") < 0;
     case ACTION_PRINT_CONFIG:

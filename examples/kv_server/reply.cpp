@@ -1,5 +1,6 @@
 #include "reply.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 
@@ -49,6 +50,10 @@ void AppendNull(std::string& strOut) { strOut.append("$-1\r\n", 5); }
 
 void AppendArrayHead(std::string& strOut, size_t iCount) {
   AppendNumberLine(strOut, '*', static_cast<int64_t>(iCount));
+}
+
+std::string_view ShownText(std::string_view strText, size_t iLimit) {
+  return strText.substr(0, std::min(strText.find('\0'), iLimit));
 }
 
 void AppendReplyTooLong(std::string& strOut, uint64_t iLimit) {

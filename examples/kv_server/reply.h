@@ -14,6 +14,10 @@ void AppendBulk(std::string& strOut, std::string_view strValue);     // $3 abc
 void AppendNull(std::string& strOut);                                // $-1
 void AppendArrayHead(std::string& strOut, size_t iCount);            // *2
 
+// A client's text as an error repeats it: its beginning, and nothing behind a zero byte.
+const size_t SHOWN_TEXT = 128;
+std::string_view ShownText(std::string_view strText, size_t iLimit = SHOWN_TEXT);
+
 void AppendReplyTooLong(std::string& strOut, uint64_t iLimit);
 
 const char WORKER_LOST_ERROR[] = "ERR worker restarted, the command may or may not have run";

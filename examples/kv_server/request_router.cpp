@@ -4,14 +4,17 @@
 #include <unistd.h>
 
 #include "command_runner.h"
+#include "debug_commands.h"
 #include "gateway.h"
 #include "gather_machine.h"
+#include "info_text.h"
 #include "key_owner.h"
 #include "local_commands.h"
 #include "log.h"
 #include "machine_pool.h"
 #include "reply.h"
 #include "session.h"
+#include "subcommands.h"
 #include "zelk_variable.h"
 
 namespace {
@@ -36,12 +39,13 @@ bool RequestRouter::Run(Session& stSession, const Arguments_t& vecArguments) {
   if (Refuse(stSession, pCommand, vecArguments)) {
     return true;
   }
+  stSession.Record().pCommand = pCommand->pName;
   bool bRun = true;
-  // A word of SHUTDOWN is for the workers, which save or do not.
+  // Words of SHUTDOWN are for the workers, which save or do not.
   const bool bToWorkers = pCommand->eId == CMD_SHUTDOWN && vecArguments.size() > 1;
   switch (bToWorkers ? ROUTE_ALL : pCommand->eRoute) {
     case ROUTE_GATEWAY:
-      RunHere(stSession, *pCommand, vecArguments);
+      bRun = RunHere(stSession, *pCommand, vecArguments);
       break;
     case ROUTE_ONE_KEY:
       bRun = RunOnWorker(stSession, *pCommand, WorkerOf(vecArguments[1]), vecArguments);
@@ -55,7 +59,9 @@ bool RequestRouter::Run(Session& stSession, const Arguments_t& vecArguments) {
     default:
       bRun = RunOnKeys(stSession, *pCommand, vecArguments);
   }
-  m_iCommands += bRun ? 1 : 0;
+  if (bRun) {
+    m_stGateway.Statistics().CountCall(pCommand->eId);
+  }
   return bRun;
 }
 
@@ -134,12 +140,18 @@ std::vector<RequestRouter::Part_t> RequestRouter::SplitByWorker(
 
 bool RequestRouter::RunOnAll(Session& stSession, const Command_t& stCommand,
                              const Arguments_t& vecArguments) {
+  const bool bInfo = stCommand.eId == CMD_INFO;
+  const uint32_t iSections = bInfo ? InfoSections(vecArguments) : 0;
+  if (bInfo && (iSections & INFO_OF_WORKERS) == 0) {
+    AppendBulk(stSession.LocalReply(), m_stGateway.InfoText(iSections, {}));
+    return true;
+  }
   std::vector<Part_t> vecParts;
   for (size_t i = 0; i < m_stGateway.Workers(); ++i) {
     vecParts.push_back(
         {static_cast<int>(i), {vecArguments.begin() + 1, vecArguments.end()}, {}, 0});
   }
-  return RunParts(stSession, stCommand, vecParts);
+  return RunParts(stSession, stCommand, vecParts, iSections);
 }
 
 // A cursor that was never given out leads to the end.
@@ -161,7 +173,7 @@ bool RequestRouter::RunAtCursor(Session& stSession, const Command_t& stCommand,
 }
 
 bool RequestRouter::RunParts(Session& stSession, const Command_t& stCommand,
-                             std::vector<Part_t>& vecParts) {
+                             std::vector<Part_t>& vecParts, uint32_t iInfoSections) {
   for (const Part_t& stPart : vecParts) {
     if (m_stGateway.Link(stPart.iWorker).Blocked()) {
       return false;
@@ -171,6 +183,7 @@ bool RequestRouter::RunParts(Session& stSession, const Command_t& stCommand,
   const ReplyTarget_t stAsker{stSession.GetId(), stSession.OpenSlot(-1)};
   auto* pGather = new GatherMachine(m_stGateway, stCommand.eId, stAsker);
   pGather->SetId(iId);
+  pGather->SetSections(iInfoSections);
   pGather->SetStateTimeout(static_cast<unsigned int>(m_stGateway.Settings().iGatherTimeout));
   pGather->SetStateBeginTime(m_stGateway.Now());
   MachinePool::Instance().AddMachine(pGather);
@@ -183,16 +196,57 @@ bool RequestRouter::RunParts(Session& stSession, const Command_t& stCommand,
   return true;
 }
 
-void RequestRouter::RunHere(Session& stSession, const Command_t& stCommand,
+// False when it has to wait.
+bool RequestRouter::RunHere(Session& stSession, const Command_t& stCommand,
                             const Arguments_t& vecArguments) {
-  if (stCommand.eId == CMD_QUIT) {
-    AppendStatus(stSession.LocalReply(), "OK");
-    return stSession.StartClosing();
+  switch (stCommand.eId) {
+    case CMD_QUIT:
+      AppendStatus(stSession.LocalReply(), "OK");
+      return stSession.StartClosing(), true;
+    case CMD_SHUTDOWN:
+      return Shutdown(stSession), true;
+    case CMD_CLIENT:
+      return m_stClients.Client(stSession, vecArguments), true;
+    case CMD_HELLO:
+      return m_stClients.Hello(stSession, vecArguments), true;
+    case CMD_CONFIG:
+      return Config(stSession, vecArguments), true;
+    case CMD_DEBUG:
+      return Debug(stSession, stCommand, vecArguments);
+    default:
+      RunLocalCommand(stCommand, vecArguments, stSession.LocalReply());
+      return true;
   }
-  if (stCommand.eId == CMD_SHUTDOWN) {
-    g_pLog->Info("gateway: client %u asks for the end", stSession.GetId());
-    kill(m_stGateway.Master(), SIGTERM);
-    return stSession.StartClosing();
+}
+
+void RequestRouter::Shutdown(Session& stSession) {
+  g_pLog->Info("gateway: client %llu asks for the end", stSession.LogNumber());
+  kill(m_stGateway.Master(), SIGTERM);
+  stSession.StartClosing();
+}
+
+void RequestRouter::Config(Session& stSession, const Arguments_t& vecArguments) {
+  std::string& strOut = stSession.LocalReply();
+  const Subcommand_t* pRow = ChooseSubcommand(CMD_CONFIG, vecArguments, strOut);
+  if (pRow == nullptr) {
+    return;
   }
-  RunLocalCommand(stCommand, vecArguments, m_stGateway.Settings(), stSession.LocalReply());
+  stSession.Record().pCommand = pRow->stFull.pName;
+  if (pRow->iId == CONFIG_RESETSTAT) {
+    m_stGateway.Statistics().Reset();
+    return AppendStatus(strOut, "OK");
+  }
+  RunConfigCommand(vecArguments, m_stGateway.Settings(), strOut);
+}
+
+// Always the first worker: who wants to see a stall has to know which keys it stalls.
+bool RequestRouter::Debug(Session& stSession, const Command_t& stCommand,
+                          const Arguments_t& vecArguments) {
+  std::string strReply;
+  const bool bAllowed = m_stGateway.Settings().strDebugCommands == "yes";
+  if (CheckDebug(vecArguments, bAllowed, strReply)) {
+    return RunOnWorker(stSession, stCommand, 0, vecArguments);
+  }
+  stSession.LocalReply().append(strReply);
+  return true;
 }

@@ -1,5 +1,7 @@
 // Commands about saving.
 
+#include <algorithm>
+
 #include "command_runner.h"
 #include "reply.h"
 
@@ -19,9 +21,15 @@ void CommandRunner::LastSave(const Arguments_t& /*vecArguments*/, std::string& s
 
 // The end itself comes with a signal, when all workers have agreed.
 void CommandRunner::Shutdown(const Arguments_t& vecArguments, std::string& strOut) {
-  if (EqualsIgnoringCase(vecArguments[0], "nosave")) {
+  const auto Has = [&](const char* pWord) {
+    return std::any_of(
+        vecArguments.begin(), vecArguments.end(),
+        [pWord](std::string_view strWord) { return EqualsIgnoringCase(strWord, pWord); });
+  };
+  if (Has("nosave")) {
     m_stSaver.DoNotSaveAtEnd();
-  } else if (!m_stSaver.SaveNow()) {
+  }
+  if (Has("save") && !m_stSaver.SaveNow() && !Has("force")) {
     return AppendError(strOut, "ERR Errors trying to SHUTDOWN. Check logs.");
   }
   AppendStatus(strOut, "OK");

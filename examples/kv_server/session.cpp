@@ -60,6 +60,9 @@ Session::Session(Gateway& stGateway, TcpSocket* pSocket, uint32_t iId)
       m_stParser(ParserLimits(stGateway.Settings())),
       m_iInterest(EPOLLIN) {
   SetId(iId);
+  m_stRecord.iNumber = stGateway.NewClientNumber();
+  m_stRecord.iConnected = stGateway.Now();
+  m_stRecord.iActive = stGateway.Now();
   m_iState = SESSION_OPEN;
   m_sInternalHead = {pSocket->FD(), pSocket->PeerAddress(), pSocket->PeerPort(),
                      pSocket->SockAddress(), pSocket->SockPort()};
@@ -77,6 +80,22 @@ bool Session::Touch() {
 
 bool Session::Busy() const {
   return !m_dqSlots.empty() || !m_strOut.empty() || m_pSocket->SendBufferSize() > 0 || m_bPaused;
+}
+
+ClientState_t Session::State() const {
+  const auto End = [](const char* pAddress, int iPort) {
+    return std::string(pAddress) + ":" + std::to_string(iPort);
+  };
+  return {&m_stRecord,
+          End(m_pSocket->PeerAddressString(), m_pSocket->PeerPort()),
+          End(m_pSocket->SockAddressString(), m_pSocket->SockPort()),
+          m_pSocket->FD(),
+          m_pSocket->RecvBufferSize() - m_iConsumed,
+          m_pSocket->SendBufferSize() + m_strOut.size() + HeldSize(),
+          m_bPaused,
+          m_iState != SESSION_OPEN,
+          (m_iInterest & EPOLLIN) != 0,
+          (m_iInterest & EPOLLOUT) != 0};
 }
 
 int Session::OnOpenEvent(StateMachine* pMachine, InternalHead_t* /*pHead*/, void* pMessage) {
@@ -129,7 +148,10 @@ void Session::Receive() {
     return;  // what comes now was not received; large values still stand in the buffer
   }
   // A client that has closed its sending side may still wait for its answers.
+  const unsigned int iBefore = m_pSocket->RecvBufferSize();
   m_bPeerClosed = m_pSocket->Recv() == -1 || m_bPeerClosed;
+  m_stGateway.Statistics().m_iInputBytes += m_pSocket->RecvBufferSize() - iBefore;
+  m_stRecord.iActive = m_stGateway.Now();
   RunRequests();
 }
 
@@ -148,7 +170,8 @@ void Session::RunRequests() {
     }
     if (eResult == RequestParser::MALFORMED) {
       AppendError(LocalReply(), "ERR Protocol error: " + m_stParser.Error());
-      g_pLog->Info("gateway: client %u: protocol error: %s", GetId(), m_stParser.Error().c_str());
+      g_pLog->Info("gateway: client %llu: protocol error: %s", LogNumber(),
+                   m_stParser.Error().c_str());
       return StartClosing();
     }
     if (!m_stGateway.Router().Run(*this, m_stParser.Arguments())) {
@@ -270,8 +293,8 @@ void Session::StartClosing() {
 }
 
 void Session::Abort(const char* pReason) {
-  g_pLog->Warning("gateway: client %u (%s) is disconnected: %s", GetId(), m_pSocket->IdString(),
-                  pReason);
+  g_pLog->Warning("gateway: client %llu (%s) is disconnected: %s", LogNumber(),
+                  m_pSocket->IdString(), pReason);
   m_iState = SESSION_DEAD;
 }
 
@@ -320,6 +343,7 @@ void Session::SendOutput() {
   if (!bWrites) {
     return;
   }
+  m_stGateway.Statistics().m_iOutputBytes += static_cast<unsigned int>(iSent);
   WatchProgress(iSent > 0);
   if (m_bPaused && MayRunMore()) {
     m_stGateway.Resume(*this);

@@ -4,6 +4,7 @@
 #include <deque>
 #include <string>
 
+#include "client_list.h"
 #include "gateway_event.h"
 #include "request_parser.h"
 #include "state_machine.h"
@@ -46,6 +47,10 @@ class Session : public StateMachine {
   // At the end of a turn: sends what has gathered, forgets the requests that were run, and asks to
   // be woken for what is needed next.
   void FinishTurn();
+
+  ClientRecord_t& Record() { return m_stRecord; }
+  ClientState_t State() const;
+  unsigned long long LogNumber() const { return m_stRecord.iNumber; }  // for %llu
 
   bool Dead() const { return m_iState == SESSION_DEAD; }
   bool Paused() const { return m_bPaused; }
@@ -96,6 +101,7 @@ class Session : public StateMachine {
   Gateway& m_stGateway;
   TcpSocket* m_pSocket;
   RequestParser m_stParser;
+  ClientRecord_t m_stRecord;
   size_t m_iConsumed = 0;  // received bytes whose requests were run this turn
   bool m_bPaused = false;  // requests wait in the receive buffer for replies, room or a worker
   bool m_bPeerClosed = false;

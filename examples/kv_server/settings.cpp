@@ -37,6 +37,7 @@ const TextSetting_t TEXT_SETTINGS[] = {
     {"save.hook", &Settings_t::strSaveHook, "shell command after a save, with KV_DUMP set; none"},
     {"log.path", &Settings_t::strLogPath, "directory of the log; \"log\" in the run directory"},
     {"log.level", &Settings_t::strLogLevel, "NET, DEBUG, INFORMATION, WARNING, ERROR or STAT"},
+    {"debug.commands", &Settings_t::strDebugCommands, "yes or no: whether DEBUG may be used"},
 };
 
 const uint64_t GIB = 1 << 30;
@@ -156,6 +157,9 @@ std::string CheckSettings(const Settings_t& stSettings) {
     return Wrong(stSettings, "queue.bytes", std::to_string(stSettings.iQueueBytes),
                  "must be at least " + std::to_string(iNeeded) +
                      " for the present limits.key and limits.value");
+  }
+  if (stSettings.strDebugCommands != "yes" && stSettings.strDebugCommands != "no") {
+    return Wrong(stSettings, "debug.commands", stSettings.strDebugCommands, "must be yes or no");
   }
   std::string strError = CheckTable(stSettings);
   if (!strError.empty()) {

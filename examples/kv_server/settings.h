@@ -22,6 +22,7 @@ struct Settings_t {
   std::string strSaveHook;      // a shell command; empty: none
   std::string strLogPath;       // empty: "log" below the run directory
   std::string strLogLevel = "INFORMATION";
+  std::string strDebugCommands = "no";  // "yes": DEBUG may be used
   uint64_t iWorkers = 1;
   uint64_t iQueueBytes = 8 << 20;
   uint64_t iTableBytes = 256 << 20;    // of each worker's table; memory is taken as it is used
