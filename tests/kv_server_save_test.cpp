@@ -296,7 +296,9 @@ TEST_F(KvServerSaveTest, AShutdownThatCanNotSaveGoesOn) {
   Client stClient(stServer);
   ASSERT_EQ(0, rmdir(strPath.c_str()));
   EXPECT_EQ("-ERR Errors trying to SHUTDOWN. Check logs.\r\n", stClient.Ask({"SHUTDOWN", "SAVE"}));
-  EXPECT_EQ("+PONG\r\n", stClient.Ask({"PING"}));
+  EXPECT_EQ("+PONG\r\n", Client(stServer).Ask({"PING"}));
+  EXPECT_EQ("", Client(stServer).Ask({"SHUTDOWN", "SAVE", "FORCE"}));
+  EXPECT_EQ(0, stServer.Wait());
 }
 
 TEST_F(KvServerSaveTest, ADamagedDumpEndsTheStart) {

@@ -75,7 +75,7 @@ std::string CheckFlush(const Arguments_t& vecArguments) {
   return bKnown ? "" : SYNTAX_ERROR;
 }
 
-// The words of SHUTDOWN change nothing either; an end can not be called off.
+// An end can not be called off.
 std::string CheckShutdown(const Arguments_t& vecArguments) {
   std::set<std::string_view> setWords;
   for (size_t i = 1; i < vecArguments.size(); ++i) {

@@ -59,6 +59,9 @@ bool RequestRouter::Run(Session& stSession, const Arguments_t& vecArguments) {
     default:
       bRun = RunOnKeys(stSession, *pCommand, vecArguments);
   }
+  if (bRun && bToWorkers) {
+    stSession.StartClosing();
+  }
   if (bRun) {
     m_stGateway.Statistics().CountCall(pCommand->eId);
   }
