@@ -342,6 +342,7 @@ TEST(KvServerKeysTest, ASegmentOfSomebodyElseIsRefused) {
 TEST(KvServerKeysTest, AWorkerThatFindsItsTableDamagedEndsTheServer) {
   ServerProcess stServer(
       {"server.workers=3", "table.bytes=32M", "table.buckets=64", "timeout.stop=1"});
+  EXPECT_EQ(0u, KeyCount(stServer)) << "all workers have taken their tables";
   HeapImage(stServer.TableKeys()[1]).SetWord(56, 8);  // where the blocks end
   SendSignal(stServer.Worker(1), SIGKILL);
   EXPECT_EQ(2, stServer.Wait());

@@ -4,29 +4,16 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
+#include <memory>
 #include <set>
 #include <string>
 
 #include "heap_image.h"
 #include "kv_store_fixture.h"
-#include "single_step.h"
+#include "sweep.h"
 
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || !defined(__OPTIMIZE__)
-const unsigned int DEFAULT_STRIDE = 197;  // an operation is tens of thousands of instructions
-#else
-const unsigned int DEFAULT_STRIDE = 13;
-#endif
-
-// ZELK_CRASH_STRIDE=1 dies at every instruction, which takes minutes.
-unsigned int Stride() {
-  const char* pStride = getenv("ZELK_CRASH_STRIDE");
-  return pStride == nullptr ? DEFAULT_STRIDE : static_cast<unsigned int>(atoi(pStride));
-}
 
 const int64_t NOW = 1700000000000;
 const char KEY[] = "the key";
@@ -80,21 +67,17 @@ class KeyStoreCrashTest : public ::testing::Test {
   // setAllowed: what may be under the key once the operation was begun; strComplete: and after it.
   void Sweep(const std::set<std::string>& setAllowed, const std::string& strComplete,
              const std::function<void(KeyStore&)>& fnOperation) {
-    const unsigned int iStride = Stride();
-    unsigned int iInstructions = 0;
-    for (bool bMore = true; bMore; iInstructions += iStride) {
-      SCOPED_TRACE("killed after " + std::to_string(iInstructions) + " instructions");
-      const StoreTable stTable(m_iRoom == 0 ? SMALL_ROOM : m_iRoom);
-      Fill(stTable.Name());
-      KeyStore stStore;
-      bMore = KillAfter(
-          iInstructions, [&] { Prepare(stStore, stTable.Name()); }, [&] { fnOperation(stStore); });
-      Check(stTable, bMore ? setAllowed : std::set<std::string>{strComplete});
-      ASSERT_FALSE(HasFailure());
-    }
-    EXPECT_GT(iInstructions, 50u);
-    RecordProperty("instructions", static_cast<int>(iInstructions));
-    printf("%u instructions, every %u\n", iInstructions, iStride);
+    std::unique_ptr<StoreTable> pTable;
+    KeyStore stStore;  // the child's
+    SweepInstructions({[&] {
+                         pTable = std::make_unique<StoreTable>(m_iRoom == 0 ? SMALL_ROOM : m_iRoom);
+                         Fill(pTable->Name());
+                       },
+                       [&] { Prepare(stStore, pTable->Name()); }, [&] { fnOperation(stStore); },
+                       [&](bool bComplete) {
+                         Check(*pTable,
+                               bComplete ? std::set<std::string>{strComplete} : setAllowed);
+                       }});
   }
 
   void Check(const StoreTable& stTable, const std::set<std::string>& setAllowed) {
