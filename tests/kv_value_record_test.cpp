@@ -27,8 +27,8 @@ TEST(KvValueRecordTest, AllBlocksShareFewSizes) {
 }
 
 TEST(KvValueRecordTest, TheWholeBlockIsPaddedWhateverTheKey) {
-  for (const size_t iKey : {1, 7, 100, 16384}) {
-    for (const size_t iValue : {0, 1, 100, 1000, 1048576}) {
+  for (const size_t iKey : {1u, 7u, 100u, 16384u}) {
+    for (const size_t iValue : {0u, 1u, 100u, 1000u, 1048576u}) {
       const size_t iBlock = BlockSize(iKey, RecordSize(iKey, iValue));
       EXPECT_EQ(PadBlock(iBlock), iBlock);
       EXPECT_GE(RecordSize(iKey, iValue), sizeof(ValueHead_t) + iValue);
