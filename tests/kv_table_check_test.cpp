@@ -59,7 +59,13 @@ TEST_F(KvTableCheckTest, ASoundTableIsTaken) {
 }
 
 TEST_F(KvTableCheckTest, HeadsThatMakeNoSense) {
-  EXPECT_EQ("is damaged: wrong sizes in the head", CheckWith(40, 12345));
+  const char* const NO_TABLE = "is not ours: it holds no table of this server";
+  const uint64_t iSize = m_stImage.Word(0);
+  EXPECT_EQ(NO_TABLE, CheckWith(0, iSize - 1));
+  EXPECT_EQ(NO_TABLE, CheckWith(0, iSize + 1));
+  EXPECT_EQ(NO_TABLE, CheckWith(40, 12345)) << "where the reserved area starts";
+  EXPECT_EQ(NO_TABLE, CheckWith(48, 12345)) << "and its size";
+  EXPECT_EQ(NO_TABLE, CheckWith(72, 0)) << "not ready";
   EXPECT_EQ(Damaged("blocks end", 8), CheckWith(CURRENT_OFFSET, 8));
   EXPECT_EQ(Damaged("blocks end", 1ull << 40), CheckWith(CURRENT_OFFSET, 1ull << 40));
   const uint64_t iEnd = m_stImage.Word(CURRENT_OFFSET);
@@ -96,7 +102,7 @@ TEST_F(KvTableCheckTest, EntriesThatMakeNoSense) {
   const uint64_t iSizes = m_stImage.Word(m_iEntry + 8);
   EXPECT_EQ(Damaged("entry larger than its block", m_iEntry),
             CheckWith(m_iEntry + 8, iSizes + (1ull << 40)));
-  EXPECT_EQ(Damaged("key that can not be found", m_iEntry), CheckWith(m_iEntry + 8, iSizes + 1));
+  EXPECT_EQ(Damaged("key that can not be found", m_iEntry), CheckWith(m_iEntry + 8, iSizes - 1));
   EXPECT_EQ(Damaged("key that can not be found", m_iEntry),
             CheckWith(m_iEntry + 16, m_stImage.Word(m_iEntry + 16) ^ 0x0100))
       << "another bucket's";

@@ -20,7 +20,8 @@ bool KeyTable::Create(key_t iKey, uint64_t iBytes, uint64_t iBuckets) {
   return Attach(iKey, iBytes, iBuckets, false);
 }
 
-// Looks before it attaches: a HashMap makes itself at home in a heap that has no table yet.
+// Looks before it attaches: a HashMap makes itself at home in a heap that has no table yet, and
+// believes what the heap's head says.
 bool KeyTable::Open(key_t iKey, uint64_t iBuckets, bool bReadOnly) {
   RESERVED_SIZE = BucketBytes(iBuckets, sizeof(Head_t)) + INTENT_SIZE;
   return IsTable(iKey) && Attach(iKey, 0, iBuckets, bReadOnly) && Buckets() == iBuckets;
@@ -31,7 +32,10 @@ bool KeyTable::IsTable(key_t iKey) {
   ShmAllocator stHeap;
   if (shmctl(shmget(iKey, 0, 0), IPC_STAT, &stStatus) != 0 ||
       stStatus.shm_segsz < sizeof(Heap::Head_t) + RESERVED_SIZE ||
-      !stHeap.Attach(iKey, 0, 0, true) || stHeap.GetReservedSize() != RESERVED_SIZE) {
+      !stHeap.Attach(iKey, 0, 0, true) || stHeap.GetReservedSize() != RESERVED_SIZE ||
+      stHeap.GetReservedPointer() != stHeap.GetPointer(sizeof(Heap::Head_t)) ||
+      stHeap.GetPointer(stStatus.shm_segsz) != nullptr ||
+      stHeap.GetPointer(stStatus.shm_segsz - 1) == nullptr) {
     return false;
   }
   Head_t stHead{};

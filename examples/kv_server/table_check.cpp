@@ -38,9 +38,6 @@ std::string TableCheck::Run() {
 std::string TableCheck::CheckHead() const {
   const KeyTable::Heap::Head_t& stHeap = *m_stTable.HeapHead();
   const uint64_t iBegin = KeyTable::HeadSize(m_stTable.Buckets());
-  if (stHeap.iBeginOffset != sizeof(stHeap) || stHeap.iReservedSize != iBegin - sizeof(stHeap)) {
-    return "wrong sizes in the head";
-  }
   if (stHeap.iCurrentOffset < iBegin || stHeap.iCurrentOffset > stHeap.iMemorySize ||
       stHeap.iCurrentOffset % ALIGN != iBegin % ALIGN) {
     return Fault("blocks end", stHeap.iCurrentOffset);
