@@ -363,15 +363,17 @@ TEST_F(KvServerSaveTest, AWorkerKilledWhileItLoadsLoadsAgain) {
   EXPECT_EQ(":100000\r\n", Client(stServer).Ask({"DBSIZE"}));
 }
 
+// A child has its name some instructions after the log tells of it.
 TEST_F(KvServerSaveTest, ListingsShowWhatEachProcessIs) {
   ServerProcess stServer({"server.workers=2"});
-  const auto Title = [](pid_t iPid) {
-    return std::string(ReadFile("/proc/" + std::to_string(iPid) + "/cmdline").c_str());
+  const auto IsCalled = [](pid_t iPid, const std::string& strTitle) {
+    return WaitUntil(
+        [&] { return ReadFile("/proc/" + std::to_string(iPid) + "/cmdline").c_str() == strTitle; });
   };
-  EXPECT_EQ("kv_server: master", Title(stServer.Master()));
-  EXPECT_EQ("kv_server: gateway 127.0.0.1:" + std::to_string(stServer.Port()),
-            Title(stServer.Gateway()));
-  EXPECT_EQ("kv_server: worker 1", Title(stServer.Worker(1)));
+  EXPECT_TRUE(IsCalled(stServer.Master(), "kv_server: master"));
+  EXPECT_TRUE(IsCalled(stServer.Gateway(),
+                       "kv_server: gateway 127.0.0.1:" + std::to_string(stServer.Port())));
+  EXPECT_TRUE(IsCalled(stServer.Worker(1), "kv_server: worker 1"));
   const std::string strAll = ReadFile("/proc/" + std::to_string(stServer.Master()) + "/cmdline");
   EXPECT_EQ(std::string::npos, strAll.find("--set"));
 }

@@ -13,7 +13,7 @@
 // block twice: so the walk ends, whatever the bytes are. Blocks that are on neither are no fault:
 // that is what a killed writer leaves, and Reclaim() gives them back.
 //
-// Takes two bits of memory for each 8 bytes of the segment, and some 50 ns for each entry.
+// Takes two bits of memory for each 8 bytes of the segment, and one look at each entry.
 class TableCheck {
  public:
   explicit TableCheck(KeyTable& stTable);
