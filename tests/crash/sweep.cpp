@@ -11,7 +11,7 @@
 namespace {
 
 #if defined(__SANITIZE_ADDRESS__) || !defined(__OPTIMIZE__)
-const unsigned int USUAL_STRIDE = 31;  // an operation is thousands of instructions
+const unsigned int USUAL_STRIDE = 101;  // an operation is thousands of instructions
 #else
 const unsigned int USUAL_STRIDE = 3;
 #endif
