@@ -27,12 +27,12 @@ void Silence(void* /*pContext*/, const char* /*pFormat*/, ...) {}
 
 void LookUp(const Config& stConfig) {
   for (const auto& [strKey, strValue] : stConfig.AllItems()) {
-    Check(stConfig.AllItems().count(strKey) == stConfig.StringValues(strKey).size());
+    Check(stConfig.AllItems().count(strKey) == stConfig.StringValues(strKey.c_str()).size());
     if (strValue.find_first_of("$@") == std::string::npos) {
-      const auto vecValues = stConfig.StringValues(strKey);
+      const auto vecValues = stConfig.StringValues(strKey.c_str());
       Check(std::count(vecValues.begin(), vecValues.end(), strValue) > 0);
     }
-    Check(stConfig.StringValues(strKey).front() == stConfig.StringValue(strKey.c_str()));
+    Check(stConfig.StringValues(strKey.c_str()).front() == stConfig.StringValue(strKey.c_str()));
     stConfig.IntValue(strKey.c_str());
     stConfig.vIntValues("%s", strKey.c_str());
   }
