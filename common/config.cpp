@@ -266,7 +266,13 @@ Config::Index& Config::Index::operator=(const Index& /*stOther*/) {
   return *this;
 }
 
-void Config::Index::Clear() {
+Config::Index& Config::Index::operator=(Index&& stOther) noexcept {
+  Clear();
+  stOther.Clear();
+  return *this;
+}
+
+void Config::Index::Clear() noexcept {
   m_vecSlots.clear();
   m_iItems = 0;
 }
@@ -297,10 +303,11 @@ void Config::Index::Grow(size_t iItems) {
 }
 
 void Config::Index::Add(const Items_t& mapNew) {
-  m_iItems += mapNew.size();
-  if (m_iItems * 2 > m_vecSlots.size()) {
-    Grow(m_iItems);
+  const size_t iItems = m_iItems + mapNew.size();
+  if (iItems * 2 > m_vecSlots.size()) {
+    Grow(iItems);
   }
+  m_iItems = iItems;  // only now: Grow() may lack memory
   for (const Item_t& stItem : mapNew) {
     const size_t iHash = std::hash<std::string_view>()(stItem.first);
     Slot& stSlot = m_vecSlots[Place(stItem.first, iHash)];

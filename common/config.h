@@ -115,19 +115,21 @@ class Config : public Object {
   struct Includes;
 
   // A hash table of the first item of each key. It refers to the items of one object, so a copy
-  // begins empty and is filled by the first lookup.
+  // begins empty and is filled by the first lookup, and what an object is moved from keeps nothing.
   class Index {
    public:
     typedef std::pair<const std::string, std::string> Item_t;
 
     Index() = default;
     Index(const Index& /*stOther*/) {}
+    Index(Index&& stOther) noexcept { stOther.Clear(); }
     Index& operator=(const Index& /*stOther*/);
+    Index& operator=(Index&& stOther) noexcept;
     ~Index() = default;
 
     // Takes up items behind those of the same key.
     void Add(const std::multimap<std::string, std::string>& mapNew);
-    void Clear();
+    void Clear() noexcept;
     // How many items were added.
     size_t Items() const { return m_iItems; }
     const Item_t* Find(std::string_view svKey) const;

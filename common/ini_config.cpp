@@ -503,14 +503,24 @@ void IniConfig::Refresh() {}
 void IniConfig::Clear() { Change().clear(); }
 
 IniConfig::Contents_t& IniConfig::Change() {
-  m_stIndex = Index_t();
+  m_stIndex.Clear();
   return m_mapContents;
 }
 
 IniConfig::Index_t& IniConfig::Index_t::operator=(const Index_t& /*stOther*/) {
+  Clear();
+  return *this;
+}
+
+IniConfig::Index_t& IniConfig::Index_t::operator=(Index_t&& stOther) noexcept {
+  Clear();
+  stOther.Clear();
+  return *this;
+}
+
+void IniConfig::Index_t::Clear() noexcept {
   vecSlots.clear();
   iSearches = 0;
-  return *this;
 }
 
 void IniConfig::Index_t::Build(const Contents_t& mapContents, size_t iItems) {

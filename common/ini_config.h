@@ -114,7 +114,8 @@ class IniConfig : public Object {
   std::map<std::string, std::string>& Macros() { return m_mapMacros; }
 
  private:
-  // Where the first value of every key is. It points into the contents, so a copy starts empty.
+  // Where the first value of every key is. It points into the contents, so a copy starts empty, and
+  // what an object is moved from keeps nothing.
   struct Index_t {
     struct Slot_t {
       size_t iHash;
@@ -123,7 +124,11 @@ class IniConfig : public Object {
     };
     Index_t() = default;
     Index_t(const Index_t& /*stOther*/) {}
+    Index_t(Index_t&& stOther) noexcept { stOther.Clear(); }
     Index_t& operator=(const Index_t& /*stOther*/);
+    Index_t& operator=(Index_t&& stOther) noexcept;
+    ~Index_t() = default;
+    void Clear() noexcept;
     void Build(const Contents_t& mapContents, size_t iItems);
     const Slot_t* Find(const std::string& strSection, const std::string& strKey) const;
 

@@ -235,6 +235,46 @@ TEST_F(ConfigTest, CopyHasItemsOfItsOwn) {
   EXPECT_STREQ("", m_stConfig.StringValue("b"));
 }
 
+TEST_F(ConfigTest, AssignmentTakesTheMacrosAndTheFileAndMayBeToItself) {
+  const PrivateDirectory stDirectory;
+  WriteFile(stDirectory.File("a.xml"), "<r><a>1</a></r>");
+  Config stOther;
+  ASSERT_EQ(0, stOther.LoadFromFile(stDirectory.File("a.xml").c_str()));
+  stOther.SetMacroVariable("m", "2");
+  ASSERT_EQ(0, Load("<b>@(m)</b>"));
+  m_stConfig.SetMacroVariable("n", "3");
+  m_stConfig = stOther;
+  const Config& stSame = m_stConfig;
+  m_stConfig = stSame;
+  EXPECT_EQ("a=1", Items());
+  EXPECT_STREQ("1", m_stConfig.StringValue("a"));
+  EXPECT_STREQ("2", m_stConfig.GetMacroVariable("m"));
+  EXPECT_STREQ("", m_stConfig.GetMacroVariable("n"));
+  WriteFile(stDirectory.File("a.xml"), "<r><a>4</a></r>");
+  m_stConfig.Refresh();
+  EXPECT_STREQ("4", m_stConfig.StringValue("a"));
+}
+
+// The sanitizer sees a key that is looked for among the items of the object that is gone.
+TEST_F(ConfigTest, ObjectThatWasMovedFromIsEmptyAndCanBeLoadedAgain) {
+  ASSERT_EQ(0, Load("<a>1</a><b>2</b>"));
+  {
+    const Config stTaken(std::move(m_stConfig));
+    EXPECT_STREQ("1", stTaken.StringValue("a"));
+  }
+  ASSERT_EQ(0, Load("<a>3</a>"));
+  EXPECT_STREQ("3", m_stConfig.StringValue("a"));
+  EXPECT_STREQ("", m_stConfig.StringValue("b"));
+  {
+    Config stTaken;
+    ASSERT_EQ(0, stTaken.LoadFromMemory("<r><a>4</a></r>", 15));
+    stTaken = std::move(m_stConfig);
+    EXPECT_STREQ("3", stTaken.StringValue("a"));
+  }
+  ASSERT_EQ(0, Load("<a>5</a>"));
+  EXPECT_STREQ("5", m_stConfig.StringValue("a"));
+}
+
 TEST_F(ConfigTest, EveryOneOfManyKeysIsFound) {
   const int KEYS = 3000;
   std::string strContent;

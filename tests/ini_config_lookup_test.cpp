@@ -178,6 +178,27 @@ TEST_F(IniConfigIndexTest, CopiesHaveTheirOwn) {
   EXPECT_EQ("", m_stConfig.GetValue("s2", "k2"));
 }
 
+TEST_F(IniConfigIndexTest, ObjectThatWasMovedFromFindsNothingOfTheOther) {
+  const IniConfig stTaken(std::move(m_stConfig));
+  EXPECT_EQ("1", stTaken.GetValue("s1", "k1"));
+  EXPECT_EQ("", m_stConfig.GetValue("s1", "k1"));
+  m_stConfig.SetValue("s1", "k1", "again");
+  LookUp(m_stConfig);
+  EXPECT_EQ("again", m_stConfig.GetValue("s1", "k1"));
+  IniConfig stAssigned;
+  stAssigned = std::move(m_stConfig);
+  EXPECT_EQ("again", stAssigned.GetValue("s1", "k1"));
+  EXPECT_EQ("", m_stConfig.GetValue("s1", "k1"));
+}
+
+TEST_F(IniConfigIndexTest, AssignmentToItselfChangesNothing) {
+  const IniConfig& stSame = m_stConfig;
+  m_stConfig = stSame;
+  EXPECT_EQ("1", m_stConfig.GetValue("s1", "k1"));
+  LookUp(m_stConfig);
+  EXPECT_EQ("1", m_stConfig.GetValue("s1", "k1"));
+}
+
 // IntValue() of a value, which is not restricted to the grammar of lines.
 int64_t Number(const std::string& strValue) {
   IniConfig stConfig;
