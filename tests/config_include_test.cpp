@@ -1,3 +1,4 @@
+#include <glob.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -5,8 +6,12 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
+#include <random>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "config.h"
 #include "config_test_support.h"
@@ -342,6 +347,115 @@ TEST_F(ConfigIncludeTest, ThousandFilesFollowedOneByOne) {
   EXPECT_EQ(0, Load(strTop));
   EXPECT_EQ(static_cast<size_t>(FILES), m_stConfig.StringValues("v").size());
   EXPECT_EQ("999", m_stConfig.StringValues("v").back());
+}
+
+// A file as the items that its document gives, in document order.
+using Items_t = std::vector<std::pair<std::string, std::string>>;
+
+// Follows includes in the plain way: after each file it looks at all items for directives.
+class PlainLoader {
+ public:
+  explicit PlainLoader(const std::map<std::string, Items_t>& mapFiles) : m_mapFiles(mapFiles) {}
+
+  void LoadFile(const std::string& strPath) {
+    for (const auto& stItem : m_mapFiles.at(strPath)) {
+      mapItems.insert(stItem);
+    }
+    std::vector<std::string> vecPaths;
+    for (const auto& [strKey, strValue] : mapItems) {
+      if (strKey.find("include") != std::string::npos) {
+        vecPaths.push_back(Translate(strValue));
+      }
+    }
+    for (const std::string& strInclude : vecPaths) {
+      if (setFollowed.insert(strInclude).second) {
+        LoadMatches(strInclude);
+      }
+    }
+  }
+
+  std::multimap<std::string, std::string> mapItems;
+  std::set<std::string> setFollowed;
+
+ private:
+  void LoadMatches(const std::string& strPattern) {
+    glob_t stGlob{};
+    glob(strPattern.c_str(), GLOB_TILDE, nullptr, &stGlob);
+    for (size_t i = 0; i < stGlob.gl_pathc; ++i) {
+      LoadFile(std::filesystem::path(stGlob.gl_pathv[i]).lexically_normal());
+    }
+    globfree(&stGlob);
+  }
+  // Only "@(key)", and no value holds another reference.
+  std::string Translate(std::string strText) const {
+    size_t iBegin = 0;
+    while ((iBegin = strText.find("@(")) != std::string::npos) {
+      const size_t iEnd = strText.find(')', iBegin);
+      const auto it = mapItems.lower_bound(strText.substr(iBegin + 2, iEnd - iBegin - 2));
+      const bool bFound =
+          it != mapItems.end() && it->first == strText.substr(iBegin + 2, iEnd - iBegin - 2);
+      strText.replace(iBegin, iEnd + 1 - iBegin, bFound ? it->second : "");
+    }
+    return strText;
+  }
+
+  const std::map<std::string, Items_t>& m_mapFiles;
+};
+
+class ConfigIncludeOrderTest : public ConfigIncludeTest {
+ protected:
+  size_t Random(size_t iLimit) { return m_stRandom() % iLimit; }
+  std::string Digit() { return std::to_string(Random(8)); }
+
+  // Where the directive stands among the others, and how it names its files, is left to chance.
+  std::pair<std::string, std::string> Directive() {
+    const std::vector<std::string> vecKeys = {"a.include", "include", "include.x", "z.include"};
+    const std::vector<std::string> vecForms = {"f" + Digit(), "f[x" + Digit() + "]",
+                                               "f@(k" + Digit() + ")", "./f@(k0)@(k1)",
+                                               "*" + Digit()};
+    return {vecKeys[Random(vecKeys.size())], Path(vecForms[Random(vecForms.size())])};
+  }
+  Items_t File(const std::string& strName) {
+    Items_t vecItems = {{"v", strName}, {"k" + Digit(), Digit()}};
+    for (size_t i = Random(4); i > 0; --i) {
+      vecItems.push_back(Directive());
+    }
+    return vecItems;
+  }
+  void WriteItems(const std::string& strName, const Items_t& vecItems) {
+    std::string strContent;
+    for (const auto& [strKey, strValue] : vecItems) {
+      std::string strOpening = strKey;
+      const size_t iDot = strKey.find('.');
+      if (iDot != std::string::npos) {
+        strOpening.replace(iDot, 1, "><");
+      }
+      strContent += "<" + strOpening + ">" + strValue;
+      strContent += iDot == std::string::npos ? "" : "</" + strKey.substr(iDot + 1) + ">";
+      strContent += "</" + strKey.substr(0, iDot) + ">";
+    }
+    Write(strName, strContent);
+  }
+
+  std::mt19937 m_stRandom{4711};
+};
+
+TEST_F(ConfigIncludeOrderTest, OrderIsThatOfLookingAtAllItemsAfterEachFile) {
+  for (int iRound = 0; iRound < 100; ++iRound) {
+    std::map<std::string, Items_t> mapFiles;
+    for (int iFile = 0; iFile < 8; ++iFile) {
+      const std::string strName = "f" + std::to_string(iFile);
+      mapFiles[Path(strName)] = File(strName);
+      WriteItems(strName, mapFiles[Path(strName)]);
+    }
+    Config stConfig;
+    PlainLoader stLoader(mapFiles);
+    std::set<std::string> setFollowed;
+    ASSERT_EQ(0, stConfig.LoadFromFile(Path("f0").c_str(), &setFollowed));
+    stLoader.LoadFile(Path("f0"));
+    ASSERT_EQ(ItemsText(stLoader.mapItems), ItemsText(stConfig.AllItems())) << "round " << iRound;
+    ASSERT_EQ(stLoader.setFollowed, setFollowed) << "round " << iRound;
+  }
 }
 
 }  // namespace
