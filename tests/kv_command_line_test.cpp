@@ -68,9 +68,8 @@ TEST_F(KvCommandLineTest, WhatIsNotKnownIsRefused) {
     EXPECT_EQ(std::string("unknown or incomplete option \"") + pWrong + "\", see --help",
               ParseCommandLine({pWrong}).strError);
   }
-  const std::string strFile = Write("kv.xml", "<kv/>");
-  EXPECT_EQ("unknown or incomplete option \"other.xml\", see --help",
-            ParseCommandLine({strFile, "other.xml"}).strError);
+  EXPECT_EQ("one configuration file only, not \"other.xml\" behind \"kv.xml\"",
+            ParseCommandLine({"kv.xml", "--check", "other.xml"}).strError);
   EXPECT_EQ("unknown or incomplete option \"\", see --help", ParseCommandLine({""}).strError);
 }
 

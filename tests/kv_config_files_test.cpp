@@ -77,9 +77,59 @@ TEST_F(KvConfigFilesTest, UnreadableFilesSayWhy) {
             LoadOperatorFile(m_stSettings, PathOf("none.ini")));
   std::string strError;
   const std::string strParser = CaptureOutput(2, [&] { strError = LoadXml("<open>"); });
-  EXPECT_EQ(PathOf("kv.xml: this file or one that it includes is no XML file with content"),
-            strError);
+  EXPECT_EQ(PathOf("kv.xml: is no XML file with content"), strError);
   EXPECT_NE(std::string::npos, strParser.find("parser error"));
+}
+
+TEST_F(KvConfigFilesTest, AnIncludedFileThatFailsIsNamed) {
+  Write("fine.xml", "<site><server><workers>4</workers></server></site>");
+  Write("broken.xml", "<site>");
+  std::string strError;
+  CaptureOutput(2, [&] { strError = LoadXml("<include>@(config.dir)/*e*.xml</include>"); });
+  EXPECT_EQ(PathOf("broken.xml: is no XML file with content"), strError);
+  Write("broken.xml", "");
+  EXPECT_EQ(PathOf("broken.xml: is no XML file with content"),
+            LoadXml("<include>@(config.dir)/*e*.xml</include>"));
+  ASSERT_EQ(0, symlink("nowhere", PathOf("dangling.xml").c_str()));
+  EXPECT_EQ(PathOf("dangling.xml: No such file or directory"),
+            LoadXml("<include>@(config.dir)/dangling.xml</include>"));
+  EXPECT_EQ(PathOf("dangling.xml: No such file or directory"),
+            LoadIni("include = " + PathOf("dangling.xml") + "\n"));
+}
+
+TEST_F(KvConfigFilesTest, DirectoriesAreNoFiles) {
+  const std::string strDirectory = m_stDirectory.Path();
+  EXPECT_EQ(strDirectory + ": Is a directory", LoadConfigFile(m_stSettings, strDirectory));
+  EXPECT_EQ(strDirectory + ": Is a directory", LoadOperatorFile(m_stSettings, strDirectory));
+  EXPECT_EQ(strDirectory + ": Is a directory", LoadXml("<include>@(config.dir)</include>"));
+  EXPECT_EQ(strDirectory + ": Is a directory", LoadIni("include = " + strDirectory + "\n"));
+}
+
+TEST_F(KvConfigFilesTest, ASingleIncludedFileMustBeThereAndAPatternMayMatchNothing) {
+  EXPECT_EQ(PathOf("kv.xml: include = \"") + PathOf("site.xml\": there is no such file"),
+            LoadXml("<include>@(config.dir)/site.xml</include>"));
+  EXPECT_EQ(PathOf("kv.xml: include = \"/site.xml\": there is no such file"),
+            LoadXml("<include>site.xml</include>"));
+  EXPECT_EQ(PathOf("kv.ini: include = \"") + PathOf("more.ini\": there is no such file"),
+            LoadIni("include = " + PathOf("more.ini") + "\n"));
+  unsetenv("KV_TEST_NONE");
+  EXPECT_EQ("", LoadXml("<include>@(config.dir)/site-*.xml</include>"
+                        "<include>$(KV_TEST_NONE)</include>"));
+  EXPECT_EQ("", LoadIni("include = " + PathOf("more-?.ini") + "\ninclude = $(KV_TEST_NONE)\n"));
+}
+
+TEST_F(KvConfigFilesTest, WrongSettingsOfAnIncludedFileAreNamedWithThatFile) {
+  Write("site.xml", "<site><server><workers>many</workers></server></site>");
+  EXPECT_EQ(PathOf("site.xml: server.workers = \"many\": must be a number from 1 to 64"),
+            LoadXml("<include>@(config.dir)/site.xml</include>"));
+  Write("site.xml", "<site><log><level>loud</level></log></site>");
+  ASSERT_EQ("", LoadXml("<include>@(config.dir)/site.xml</include>"
+                        "<server><workers>1</workers></server>"));
+  EXPECT_EQ(PathOf("site.xml: log.level = \"loud\": is no level name"),
+            CheckSettings(m_stSettings));
+  Write("more.ini", "[disable]\nget = x\n");
+  EXPECT_EQ(PathOf("more.ini: [disable] get = \"x\": a disabled command has no value"),
+            LoadIni("include = " + PathOf("more.ini") + "\nsave = 900:1\n"));
 }
 
 TEST_F(KvConfigFilesTest, SaveRulesMayBeRepeated) {

@@ -34,7 +34,11 @@ std::string ReadArguments(const std::vector<std::string>& vecArguments, Action_t
     const std::string& strArgument = vecArguments[i];
     if (strArgument == "--set" && i + 1 < vecArguments.size()) {
       stWishes.vecSet.push_back(vecArguments[++i]);
-    } else if (!strArgument.empty() && strArgument[0] != '-' && stWishes.strFile.empty()) {
+    } else if (!strArgument.empty() && strArgument[0] != '-') {
+      if (!stWishes.strFile.empty()) {
+        return "one configuration file only, not \"" + strArgument + "\" behind \"" +
+               stWishes.strFile + "\"";
+      }
       stWishes.strFile = strArgument;
     } else if (strArgument == "--ephemeral") {
       stWishes.bEphemeral = true;

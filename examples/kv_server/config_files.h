@@ -11,7 +11,8 @@
 // The XML file: an element per part of a key, below a root of any name:
 //   <kv_server><server><listen>127.0.0.1:6399</listen><workers>2</workers></server></kv_server>
 // Values may hold $(VARIABLE) of the environment and @(other.key); <include> names further files
-// by absolute patterns. @(config.dir) is the directory of the file itself.
+// by absolute patterns, which may match nothing; a single file must be there. @(config.dir) is the
+// directory of the file itself.
 std::string LoadConfigFile(Settings_t& stSettings, const std::string& strPath);
 
 // The INI file of what operators change often. Values hold no blanks.
