@@ -186,13 +186,12 @@ class Flattener {
   }
 
   // Behind all of the same key. Documents are mostly sorted in places, so that the place is often
-  // right behind the last.
+  // right behind the last. A hint behind all of the same key never leads to another place.
   void Insert(std::string strValue) {
     const auto itNext = m_itLast != m_mapItems.end() ? std::next(m_itLast) : m_itLast;
-    const bool bBehindLast = m_itLast != m_mapItems.end() && m_itLast->first <= m_strKey &&
-                             (itNext == m_mapItems.end() || m_strKey < itNext->first);
-    m_itLast = bBehindLast ? m_mapItems.emplace_hint(itNext, m_strKey, std::move(strValue))
-                           : m_mapItems.emplace(m_strKey, std::move(strValue));
+    const bool bBefore = itNext == m_mapItems.end() || m_strKey < itNext->first;
+    m_itLast = bBefore ? m_mapItems.emplace_hint(itNext, m_strKey, std::move(strValue))
+                       : m_mapItems.emplace(m_strKey, std::move(strValue));
   }
 
   Items_t& m_mapItems;
