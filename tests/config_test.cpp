@@ -4,7 +4,10 @@
 #include <libxml/parser.h>
 
 #include <cstring>
+#include <functional>
 #include <memory>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "config_test_support.h"
@@ -12,6 +15,9 @@
 namespace {
 
 const size_t RING_SLOTS = 100;
+// Names of one hash, so that only their text tells them apart.
+const char TWIN[] = "firstkeyofhash_1";
+const char OTHER_TWIN[] = "lewhhmnoUc7DmTUE";
 
 TEST_F(ConfigTest, ElementAndAttributeAreItemsAndTheRootIsNone) {
   ASSERT_EQ(0, LoadDocument("<r q='9'>text<a x='2'>1</a>more</r>"));
@@ -289,6 +295,28 @@ TEST_F(ConfigTest, EveryOneOfManyKeysIsFound) {
     ASSERT_EQ(strKey, m_stConfig.StringValue(strKey.c_str()));
   }
   EXPECT_STREQ("", m_stConfig.StringValue("k3000"));
+}
+
+// A search ends at a free place, so there must always be one.
+TEST_F(ConfigTest, MissingKeyIsMissingAmongAnyNumberOfKeys) {
+  for (int i = 0; i < 300; ++i) {
+    const std::string strName = "k" + std::to_string(i);
+    ASSERT_EQ(0, Load("<" + strName + ">1</" + strName + ">"));
+    ASSERT_STREQ("", m_stConfig.StringValue("missing"));
+    const Config stCopy(m_stConfig);
+    ASSERT_STREQ("", stCopy.StringValue("missing"));
+    ASSERT_STREQ("1", stCopy.StringValue(strName.c_str()));
+  }
+}
+
+TEST_F(ConfigTest, KeysOfOneHashAreToldApart) {
+  ASSERT_EQ(std::hash<std::string_view>()(TWIN), std::hash<std::string_view>()(OTHER_TWIN));
+  ASSERT_EQ(0, Load(std::string("<") + TWIN + ">1</" + TWIN + ">"));
+  EXPECT_STREQ("1", m_stConfig.StringValue(TWIN));
+  EXPECT_STREQ("", m_stConfig.StringValue(OTHER_TWIN));
+  ASSERT_EQ(0, Load(std::string("<") + OTHER_TWIN + ">2</" + OTHER_TWIN + ">"));
+  EXPECT_STREQ("1", m_stConfig.StringValue(TWIN));
+  EXPECT_STREQ("2", m_stConfig.StringValue(OTHER_TWIN));
 }
 
 TEST_F(ConfigTest, FirstValueStaysFirstWhenMoreAreLoaded) {

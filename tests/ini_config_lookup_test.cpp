@@ -1,6 +1,8 @@
 // Values, counts, numbers, names and references.
 
 #include <cstdlib>
+#include <functional>
+#include <utility>
 
 #include "ini_config.h"
 #include "ini_fixture.h"
@@ -176,6 +178,34 @@ TEST_F(IniConfigIndexTest, CopiesHaveTheirOwn) {
   EXPECT_EQ("other", stCopy.GetValue("s1", "k1"));
   EXPECT_EQ("1", stAssigned.GetValue("s1", "k1"));
   EXPECT_EQ("", m_stConfig.GetValue("s2", "k2"));
+}
+
+// A search ends at a free place, so there must always be one.
+TEST_F(IniConfigIndexTest, MissingKeyIsMissingAmongAnyNumberOfKeys) {
+  IniConfig stConfig;
+  for (int i = 0; i < 130; ++i) {
+    stConfig.SetValue("s", "k" + std::to_string(i), i);
+    LookUp(stConfig);
+    ASSERT_EQ("", stConfig.GetValue("s", "missing"));
+    ASSERT_EQ(std::to_string(i), stConfig.GetValue("s", "k" + std::to_string(i)));
+  }
+}
+
+TEST_F(IniConfigIndexTest, NamesOfOneHashAreToldApart) {
+  const std::string strTwin = "firstkeyofhash_1";
+  const std::string strOther = "lewhhmnoUc7DmTUE";
+  ASSERT_EQ(std::hash<std::string>()(strTwin), std::hash<std::string>()(strOther));
+  m_stConfig.SetValue("s", strTwin, "key");
+  m_stConfig.SetValue(strTwin, "k", "section");
+  LookUp(m_stConfig);
+  EXPECT_EQ("key", m_stConfig.GetValue("s", strTwin));
+  EXPECT_EQ("section", m_stConfig.GetValue(strTwin, "k"));
+  EXPECT_EQ("", m_stConfig.GetValue("s", strOther));
+  EXPECT_EQ("", m_stConfig.GetValue(strOther, "k"));
+  m_stConfig.SetValue("s", strOther, "other");
+  LookUp(m_stConfig);
+  EXPECT_EQ("key", m_stConfig.GetValue("s", strTwin));
+  EXPECT_EQ("other", m_stConfig.GetValue("s", strOther));
 }
 
 TEST_F(IniConfigIndexTest, ObjectThatWasMovedFromFindsNothingOfTheOther) {
