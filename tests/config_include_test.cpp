@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <clocale>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -290,6 +291,28 @@ TEST_F(ConfigIncludeTest, LaterLoadFollowsEarlierDirectivesAgain) {
   ASSERT_EQ(0, Load(Include("part")));
   EXPECT_EQ(0, Load("<v>later</v>"));
   EXPECT_EQ("part,later,part", Values());
+}
+
+TEST_F(ConfigIncludeTest, LaterLoadOfAFileFollowsEarlierDirectivesAgain) {
+  Write("top.xml", "<v>top</v>" + Include("part"));
+  Write("part", "<v>part</v>");
+  Write("later.xml", "<v>later</v>");
+  ASSERT_EQ(0, LoadFile("top.xml"));
+  EXPECT_EQ(0, LoadFile("later.xml"));
+  EXPECT_EQ("top,part,later,part", Values());
+}
+
+TEST_F(ConfigIncludeTest, KeyWithOtherLettersIsADirectiveInEveryLocale) {
+  Write("part", "<v>part</v>");
+  for (const char* pLocale : {"C", "C.UTF-8"}) {
+    ForkedPeer stPeer([&] {
+      const bool bLoaded = setlocale(LC_ALL, pLocale) != nullptr &&
+                           Load("<\xc3\xa4include>" + Path("part") + "</\xc3\xa4include>" +
+                                "<\xc3\xa4inclde>" + Path("part") + "</\xc3\xa4inclde>") == 0;
+      return bLoaded && Values() == "part" ? 0 : 1;
+    });
+    EXPECT_EQ(0, stPeer.Wait()) << pLocale;
+  }
 }
 
 TEST_F(ConfigIncludeTest, PathMayUseReferences) {
