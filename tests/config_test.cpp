@@ -386,6 +386,14 @@ TEST_F(ConfigRingTest, ReferenceToAnotherKeyTakesASlotOfItsOwnBeforeTheResult) {
   EXPECT_STREQ("other", pLast);
 }
 
+TEST_F(ConfigRingTest, ResultWithAReferenceLivesAsLongAsAnyOther) {
+  const char* pResult = m_stConfig.StringValue("c");
+  CallTimes(RING_SLOTS - 1, "a");
+  EXPECT_STREQ("other", pResult);
+  CallTimes(1, "a");
+  EXPECT_STREQ("first", pResult);
+}
+
 TEST_F(ConfigRingTest, AllObjectsShareTheSlots) {
   Config stOther;
   ASSERT_EQ(0, stOther.LoadFromMemory("<r><b>alien</b></r>", 19, nullptr));
