@@ -35,8 +35,8 @@ struct _xmlNode;  // libxml2's xmlNode
 //
 // Entities and DTDs of a document never make a load read a file or the network.
 //
-// For one thread: lookups of all objects share their results' storage. Object's Dump() writes a
-// line 'key -- "raw value"' for each item.
+// Copies are independent of each other. For one thread: lookups of all objects share their results'
+// storage. Object's Dump() writes a line 'key -- "raw value"' for each item.
 class Config : public Object {
  public:
   // Loads a file with all that it includes, in addition to the items already there; Refresh() is
