@@ -322,8 +322,10 @@ TEST_F(AIOUtilTest, FinishedRequestGivesItsControlBlockBack) {
   m_pAIO->FreeIOCB(pBlock);
   ASSERT_EQ(0, m_pAIO->SubmitSyncRequest(m_iFD, 1));
   Collect(1);
+  void* pOther = malloc(sizeof(iocb));  // would get the memory of a block that was freed
   EXPECT_EQ(pBlock, m_pAIO->NewIOCB());
   m_pAIO->FreeIOCB(pBlock);
+  free(pOther);
 }
 
 TEST_F(AIOUtilTest, ControlBlocksAreUsedAgainInTheOrderGivenBack) {

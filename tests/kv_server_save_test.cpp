@@ -66,10 +66,12 @@ class KvServerSaveTest : public testing::Test {
   PrivateDirectory m_stDirectory;
 };
 
-// A dump's file that nobody can finish: its writer waits for a reader of the FIFO.
+// A dump's file that nobody can finish: its writer waits for a reader of the FIFO. The worker
+// removes such a file when it starts, so it must have answered before.
 class StuckDump {
  public:
-  explicit StuckDump(const std::string& strDump) : m_strPath(strDump + ".new") {
+  StuckDump(Client& stClient, const std::string& strDump) : m_strPath(strDump + ".new") {
+    stClient.Ask({"DBSIZE"});
     EXPECT_EQ(0, mkfifo(m_strPath.c_str(), 0600));
   }
   ~StuckDump() { unlink(m_strPath.c_str()); }
@@ -152,7 +154,7 @@ TEST_F(KvServerSaveTest, ADumpIsOfOneMoment) {
 TEST_F(KvServerSaveTest, OneSaveAtATime) {
   ServerProcess stServer;
   Client stClient(stServer);
-  const StuckDump stStuck(Dump(stServer));
+  const StuckDump stStuck(stClient, Dump(stServer));
   EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
   EXPECT_EQ(BUSY, stClient.Ask({"BGSAVE"}));
   EXPECT_EQ("1", InfoLine(stClient, "rdb_bgsave_in_progress"));
@@ -163,10 +165,11 @@ TEST_F(KvServerSaveTest, AKilledChildIsAFailedSave) {
   ServerProcess stServer;
   Client stClient(stServer);
   {
-    const StuckDump stStuck(Dump(stServer));
+    const StuckDump stStuck(stClient, Dump(stServer));
     EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
     SendSignal(ChildOf(stServer.Worker(0)), SIGKILL);
     EXPECT_TRUE(SaveEnds(stClient));
+    EXPECT_FALSE(Exists(Dump(stServer) + ".new"));
   }
   EXPECT_EQ("err", InfoLine(stClient, "rdb_last_bgsave_status"));
   EXPECT_TRUE(LogTells(stServer, "worker 0: the save has failed: its child was killed"));
@@ -180,7 +183,7 @@ TEST_F(KvServerSaveTest, AKilledChildIsAFailedSave) {
 TEST_F(KvServerSaveTest, AChildThatTakesTooLongIsKilled) {
   ServerProcess stServer({"save.timeout=1"});
   Client stClient(stServer);
-  const StuckDump stStuck(Dump(stServer));
+  const StuckDump stStuck(stClient, Dump(stServer));
   EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
   EXPECT_TRUE(SaveEnds(stClient));
   EXPECT_TRUE(LogTells(stServer, "takes longer than save.timeout and is killed"));
@@ -190,7 +193,7 @@ TEST_F(KvServerSaveTest, AChildThatTakesTooLongIsKilled) {
 TEST_F(KvServerSaveTest, TheChildEndsWithItsWorker) {
   ServerProcess stServer;
   Client stClient(stServer);
-  const StuckDump stStuck(Dump(stServer));
+  const StuckDump stStuck(stClient, Dump(stServer));
   EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
   const pid_t iWorker = stServer.Worker(0);
   const pid_t iChild = ChildOf(iWorker);
@@ -204,6 +207,34 @@ TEST_F(KvServerSaveTest, TheChildEndsWithItsWorker) {
   EXPECT_TRUE(WaitUntil([&] { return !IsAlive(iChild); }));
   EXPECT_TRUE(WaitUntil([&] { return stServer.Worker(0) != iWorker; }));
   EXPECT_EQ("+OK\r\n", stClient.Ask({"SET", "a", "1"}).substr(0, 5));
+}
+
+// The library lets a child sleep before its first instruction. What the child of a dead worker
+// wrote would come over a newer dump.
+TEST_F(KvServerSaveTest, TheChildEndsWithAWorkerThatDiesBeforeItsFirstInstruction) {
+  ServerProcess stServer;
+  Client stClient(stServer);
+  const StuckDump stStuck(stClient, Dump(stServer));
+  const pid_t iWorker = stServer.Worker(0);
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  const pid_t iChild = ChildOf(iWorker);
+  SendSignal(iWorker, SIGKILL);
+  const bool bEnded = WaitUntil([&] { return !IsAlive(iChild); });
+  EXPECT_TRUE(bEnded);
+  if (!bEnded) {
+    SendSignal(iChild, SIGKILL);
+  }
+}
+
+// The new worker finds the table, and does not know what of it is in a dump.
+TEST_F(KvServerSaveTest, TheEndSavesWhatADeadWorkerHasChanged) {
+  ServerProcess stServer({Rules("save = 1000:1\n")});
+  EXPECT_EQ("+OK\r\n", Client(stServer).Ask({"SET", "a", "1"}));
+  const pid_t iWorker = stServer.Worker(0);
+  SendSignal(iWorker, SIGKILL);
+  ASSERT_TRUE(WaitUntil([&] { return stServer.Worker(0) != iWorker; }));
+  Boot(stServer);
+  EXPECT_EQ(Bulk("1"), Client(stServer).Ask({"GET", "a"}));
 }
 
 TEST_F(KvServerSaveTest, ADirectoryThatIsGoneIsAFailedSave) {
@@ -238,6 +269,52 @@ TEST_F(KvServerSaveTest, AHookThatTakesTooLongIsKilledWithWhatItHasStarted) {
   const pid_t iSleep = ChildOf(iShell);
   EXPECT_TRUE(SaveEnds(stClient));
   EXPECT_TRUE(WaitUntil([&] { return !IsAlive(iShell) && !IsAlive(iSleep); }));
+  EXPECT_TRUE(LogTells(stServer, "worker 0: save.hook: killed"));
+}
+
+TEST_F(KvServerSaveTest, AHookEndsWithItsWorkerAndSoDoesWhatItHasStarted) {
+  ServerProcess stServer({"save.hook=sleep 1000 & wait"});
+  Client stClient(stServer);
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_TRUE(LogTells(stServer, ": saved 0 keys"));
+  const pid_t iWorker = stServer.Worker(0);
+  const pid_t iShell = ChildOf(ChildOf(iWorker));
+  const pid_t iSleep = ChildOf(iShell);
+  SendSignal(iWorker, SIGKILL);
+  for (const pid_t iPid : {iShell, iSleep}) {
+    const bool bEnded = WaitUntil([&] { return !IsAlive(iPid); });
+    EXPECT_TRUE(bEnded);
+    if (!bEnded) {
+      SendSignal(iPid, SIGKILL);
+    }
+  }
+}
+
+// It prints faster than the worker reads, and the worker has clients.
+TEST_F(KvServerSaveTest, AHookThatPrintsWithoutEndIsKilled) {
+  ServerProcess stServer({"save.hook=yes"});
+  Client stClient(stServer);
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_TRUE(LogTells(stServer, "worker 0: a save's child prints too much and is killed"));
+  EXPECT_TRUE(LogTells(stServer, "worker 0: save.hook: killed"));
+  EXPECT_TRUE(SaveEnds(stClient));
+  EXPECT_EQ("ok", InfoLine(stClient, "rdb_last_bgsave_status"));
+}
+
+TEST_F(KvServerSaveTest, AHookMayPrintManyLines) {
+  ServerProcess stServer(
+      {"save.hook=i=0; while [ $i -lt 2000 ]; do echo; echo >&2; i=$((i+1)); done; exit 3"});
+  Client stClient(stServer);
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_TRUE(LogTells(stServer, "worker 0: save.hook: exit code 3"));
+}
+
+// A command that stays would hold the queues of a server that has gone. The last is that of ls.
+TEST_F(KvServerSaveTest, TheHookHasThreeDescriptors) {
+  ServerProcess stServer({"save.hook=echo $(ls /proc/self/fd)"});
+  Client stClient(stServer);
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_TRUE(LogTells(stServer, "worker 0: save.hook: exit code 0 0 1 2 3\n"));
 }
 
 TEST_F(KvServerSaveTest, RulesSaveByThemselves) {

@@ -18,6 +18,8 @@ struct CloseFile {
   void operator()(FILE* pFile) const { fclose(pFile); }
 };
 
+std::string UnfinishedName(const std::string& strPath) { return strPath + ".new"; }
+
 // A file read or written from its start, with the checksum of what has passed.
 class DumpStream {
  public:
@@ -135,7 +137,7 @@ std::string ReadEntries(DumpStream& stFile, KeyStore& stStore, DumpStat_t& stSta
 
 std::string WriteDump(KeyStore& stStore, const TableMark_t& stMark, const std::string& strPath,
                       DumpStat_t& stStat) {
-  const std::string strNew = strPath + ".new";
+  const std::string strNew = UnfinishedName(strPath);
   stStat = {};
   bool bGood = false;
   {
@@ -149,6 +151,8 @@ std::string WriteDump(KeyStore& stStore, const TableMark_t& stMark, const std::s
   unlink(strNew.c_str());
   return strError;
 }
+
+void RemoveUnfinishedDump(const std::string& strPath) { unlink(UnfinishedName(strPath).c_str()); }
 
 std::string LoadDump(KeyStore& stStore, const TableMark_t& stMark, const std::string& strPath,
                      DumpStat_t& stStat) {

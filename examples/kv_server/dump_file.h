@@ -43,6 +43,9 @@ struct DumpStat_t {
 std::string WriteDump(KeyStore& stStore, const TableMark_t& stMark, const std::string& strPath,
                       DumpStat_t& stStat);
 
+// Removes what a process that was killed in WriteDump() has left beside the name.
+void RemoveUnfinishedDump(const std::string& strPath);
+
 // Adds the keys of a file to a store, without those whose time is over. A file that is not there is
 // an empty one. Empty, or what is wrong with the file or the table; then some keys may be in.
 std::string LoadDump(KeyStore& stStore, const TableMark_t& stMark, const std::string& strPath,

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -13,16 +14,23 @@
 namespace {
 
 // Nobody reads what an orphan has done, and its file would come over a newer one. A group of its
-// own lets the worker end a command with all that it has started.
-void EndWithWorker() {
+// own lets the worker end a command with all that it has started. The worker may have died already:
+// the library lets a child sleep before it works.
+void EndWithWorker(pid_t iWorker) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != iWorker) {
+    _exit(1);
+  }
   setpgid(0, 0);
 }
+
+// The worker's death does not reach what a child has started, so the child passes it on.
+void EndGroup(int /*iSignal*/) { kill(-getpid(), SIGKILL); }
 
 }  // namespace
 
 int SaveAction::Do() {
-  EndWithWorker();
+  EndWithWorker(m_iWorker);
   DumpStat_t stStat{};
   std::string strError = m_stSnapshot.TakePlace()
                              ? WriteDump(m_stStore, m_stMark, m_strPath, stStat)
@@ -35,8 +43,11 @@ int SaveAction::Do() {
 }
 
 int RequestAction::Do() {
-  EndWithWorker();
+  EndWithWorker(m_iWorker);
   RestoreSignals();
+  signal(SIGTERM, EndGroup);
+  prctl(PR_SET_PDEATHSIG, SIGTERM);
+  close_range(STDERR_FILENO + 1, UINT_MAX, 0);  // queues are nothing for the command
   setenv("KV_DUMP", m_strDump.c_str(), 1);
   Execute(m_strRequest.data(), static_cast<unsigned int>(m_strRequest.size()));
   return Retcode();

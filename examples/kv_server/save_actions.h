@@ -1,6 +1,9 @@
 #ifndef KV_SERVER_SAVE_ACTIONS_H
 #define KV_SERVER_SAVE_ACTIONS_H
 
+#include <sys/types.h>
+#include <unistd.h>
+
 #include <string>
 
 #include "dump_file.h"
@@ -19,7 +22,8 @@ class SaveAction : public LongActionMethod {
       : m_stStore(stStore),
         m_stMark(stMark),
         m_strPath(std::move(strPath)),
-        m_stSnapshot(stSnapshot) {}
+        m_stSnapshot(stSnapshot),
+        m_iWorker(getpid()) {}
 
   int Do() override;
 
@@ -28,6 +32,7 @@ class SaveAction : public LongActionMethod {
   const TableMark_t m_stMark;
   const std::string m_strPath;
   TableSnapshot& m_stSnapshot;
+  const pid_t m_iWorker;
 };
 
 const char SAVED[] = "saved";
@@ -36,14 +41,16 @@ const char SAVED[] = "saved";
 // the library's ExecuteShell2.
 class RequestAction : public LongActionMethod {
  public:
-  // The command finds the dump's path in its environment, as KV_DUMP.
+  // The command finds the dump's path in its environment, as KV_DUMP, and of the worker's
+  // descriptors the first three.
   RequestAction(std::string strRequest, std::string strDump)
-      : m_strRequest(std::move(strRequest)), m_strDump(std::move(strDump)) {}
+      : m_strRequest(std::move(strRequest)), m_strDump(std::move(strDump)), m_iWorker(getpid()) {}
   int Do() override;
 
  private:
   const std::string m_strRequest;
   const std::string m_strDump;
+  const pid_t m_iWorker;
 };
 
 #endif

@@ -58,6 +58,8 @@ bool SaveMachine::Begin() {
 
 void SaveMachine::Enter(SaveState_t eState) {
   m_iState = eState;
+  m_stSaver.m_iOutput = 0;
+  m_stSaver.m_bChildKilled = false;
   SetStateTimeout(static_cast<unsigned int>(m_stSaver.m_stSettings.iSaveTimeout));
   SetStateBeginTime(time(nullptr));
   MachinePool::Instance().ConfigStateTimeout(this);
@@ -97,15 +99,20 @@ int SaveMachine::StartHook() {
   return GOES_ON;
 }
 
-int SaveMachine::OnHookEnded(StateMachine* /*pMachine*/, InternalHead_t* /*pHead*/,
-                             void* pMessage) {
-  const auto& stResponse = *static_cast<long_action_response_t*>(pMessage);
-  const bool bGood = stResponse.iRetcode == 0;
+int SaveMachine::OnHookEnded(StateMachine* pMachine, InternalHead_t* /*pHead*/, void* pMessage) {
+  static_cast<SaveMachine*>(pMachine)->LogHook(*static_cast<long_action_response_t*>(pMessage));
+  return DONE;
+}
+
+void SaveMachine::LogHook(const long_action_response_t& stResponse) const {
+  const bool bKilled = m_stSaver.m_bChildKilled;  // its exit code is 0
+  const bool bGood = !bKilled && stResponse.iRetcode == 0;
+  const std::string strEnd =
+      bKilled ? "killed" : "exit code " + std::to_string(stResponse.iRetcode);
   std::string strOutput = stResponse.strStdOut + stResponse.strStdError;
   Trim(strOutput, " \n");
-  g_pLog->WriteLog(bGood ? Log::LL_INFO : Log::LL_ERROR, "worker %d: save.hook: exit code %d %s",
-                   *g_pWorkerIndex, stResponse.iRetcode, strOutput.c_str());
-  return DONE;
+  g_pLog->WriteLog(bGood ? Log::LL_INFO : Log::LL_ERROR, "worker %d: save.hook: %s %s",
+                   *g_pWorkerIndex, strEnd.c_str(), strOutput.c_str());
 }
 
 // Resumed when the killed child's end is noticed; asked again if that takes long.

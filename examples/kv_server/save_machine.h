@@ -32,6 +32,7 @@ class SaveMachine : public StateMachine {
 
   int OnDump(const long_action_response_t& stResponse);
   int StartHook();
+  void LogHook(const long_action_response_t& stResponse) const;
   void Enter(SaveState_t eState);
 
   Saver& m_stSaver;

@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,7 +25,11 @@ namespace {
 const int MAX_EVENTS = 8;
 const int64_t RETRY_SECONDS = 5;  // after a save that failed
 const int RULES_PAUSE_MS = 1000;
-const int CHILD_PAUSE_MS = 100;  // should the signal of a child's end be missed
+const int CHILD_PAUSE_MS = 100;           // should the signal of a child's end be missed
+const int TURN_READS = 2 * 65536 / 1024;  // of a child's output: all that both pipes can hold
+const int READ_SIZE = 1024;               // of the library
+const int MAX_OUTPUT = 1 << 20;           // of a child, kept in memory
+const int64_t END_SECONDS = 10;           // a shutdown that was agreed on ends us within these
 
 int64_t TimeOfFile(const std::string& strPath, int64_t iElse) {
   struct stat stStat {};
@@ -52,8 +57,12 @@ Saver::Saver(const Settings_t& stSettings, KeyStore& stStore, const TableMark_t&
 
 Saver::~Saver() { close(m_iEpoll); }
 
+// Of a table that was there before nobody knows whether a dump has all its changes: an earlier
+// worker may have died, or ended without a save. That counts as one change.
 std::string Saver::Load() {
+  RemoveUnfinishedDump(m_strPath);
   if (m_stStore.IsLoaded()) {
+    m_iSavedChanges = m_stStore.Changes() - 1;
     return "";
   }
   m_stStore.Clear();
@@ -117,16 +126,30 @@ void Saver::Resume() {
   }
 }
 
+// Not to the end: a hook may print faster than this reads, and clients wait.
 void Saver::Drain() {
   epoll_event astEvents[MAX_EVENTS];
-  for (int iCount = 0; (iCount = epoll_wait(m_iEpoll, astEvents, MAX_EVENTS, 0)) > 0;) {
+  int iCount = 0;
+  for (int iReads = 0; iReads < TURN_READS; iReads += iCount) {
+    iCount = epoll_wait(m_iEpoll, astEvents, MAX_EVENTS, 0);
+    if (iCount <= 0) {
+      break;
+    }
     for (int i = 0; i < iCount; ++i) {
+      int iWaiting = 0;
+      ioctl(astEvents[i].data.fd, FIONREAD, &iWaiting);
+      m_iOutput += std::min(iWaiting, READ_SIZE);
       LongActionUtil::Instance().EventCallback(astEvents[i].data.fd);
     }
+  }
+  if (m_iOutput > MAX_OUTPUT && !m_bChildKilled) {
+    g_pLog->Error("worker %u: a save's child prints too much and is killed", m_stMark.iWorker);
+    KillChild();
   }
 }
 
 void Saver::KillChild() {
+  m_bChildKilled = true;
   for (const int iPid : LongActionUtil::Instance().EnumAllChildren()) {
     if (kill(-iPid, SIGKILL) != 0) {  // it has no group of its own yet
       kill(iPid, SIGKILL);
@@ -134,19 +157,23 @@ void Saver::KillChild() {
   }
 }
 
+// Also when the last save seems to be yet to come: the clock was set back.
 bool Saver::RuleHolds() const {
   const uint64_t iChanges = m_stStore.Changes() - m_iSavedChanges;
   const int64_t iSeconds = Now() - m_iLastSave;
-  return Now() >= m_iRetryAt &&
+  const int64_t iPause = m_iRetryAt - Now();
+  return (iPause <= 0 || iPause > RETRY_SECONDS) &&
          std::any_of(m_stSettings.vecSaveRules.begin(), m_stSettings.vecSaveRules.end(),
                      [=](const SaveRule_t& stRule) {
-                       return iChanges >= stRule.iChanges && iSeconds >= stRule.iSeconds;
+                       return iChanges >= stRule.iChanges &&
+                              (iSeconds >= stRule.iSeconds || iSeconds < 0);
                      });
 }
 
 void Saver::OnSaved(bool bGood, uint64_t iChanges) {
   m_bLastGood = bGood;
   if (!bGood) {
+    RemoveUnfinishedDump(m_strPath);
     m_iRetryAt = Now() + RETRY_SECONDS;
     return;
   }
@@ -177,10 +204,15 @@ bool Saver::SaveNow() {
   return strError.empty();
 }
 
+void Saver::DoNotSaveAtEnd() {
+  m_iNoSaveBefore = Now() + static_cast<int64_t>(m_stSettings.iStopTimeout) + END_SECONDS;
+}
+
 void Saver::Finish() {
   Abandon();
+  const bool bUnwanted = Now() < m_iNoSaveBefore;
   const bool bChanged = m_stStore.Changes() != m_iSavedChanges;
-  if (m_bSaveAtEnd && bChanged && !m_stSettings.vecSaveRules.empty()) {
+  if (!bUnwanted && bChanged && !m_stSettings.vecSaveRules.empty()) {
     SaveNow();
   }
 }

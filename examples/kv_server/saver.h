@@ -55,8 +55,9 @@ class Saver {
 
   // At the end: ends a save that runs, and saves what has changed if there are rules.
   void Finish();
-  // Not then.
-  void DoNotSaveAtEnd() { m_bSaveAtEnd = false; }
+  // Not then,
+  // should the end come soon; a shutdown that another worker refuses changes nothing.
+  void DoNotSaveAtEnd();
 
   SaveStat_t Stat() const;
 
@@ -82,7 +83,9 @@ class Saver {
   int64_t m_iLastSave;
   int64_t m_iRetryAt = 0;  // after a failure the rules wait
   bool m_bLastGood = true;
-  bool m_bSaveAtEnd = true;
+  int64_t m_iNoSaveBefore = 0;  // the end does not save before this time
+  int m_iOutput = 0;            // bytes from the child that runs
+  bool m_bChildKilled = false;  // by us
 };
 
 #endif
