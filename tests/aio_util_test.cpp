@@ -390,6 +390,19 @@ TEST_F(AIOUtilTest, DestructionClosesTheEventDescriptor) {
   EXPECT_EQ(iDescriptors - 1, OpenDescriptors());
 }
 
+// As when a long action's child exits.
+TEST_F(AIOUtilTest, DestructionInAForkedChildLeavesTheParentsRequestsAlone) {
+  ASSERT_EQ(0, m_pAIO->SubmitWriteRequest(m_iFD, m_szText, 0, 7, 1));
+  ForkedPeer stChild([this] {
+    m_pAIO.reset();
+    return 0;
+  });
+  EXPECT_EQ(0, stChild.Wait());
+  EXPECT_EQ(1u, Collect(1).at(0).iReqID);
+  ASSERT_EQ(0, m_pAIO->SubmitWriteRequest(m_iFD, m_szText, 0, 7, 2));
+  EXPECT_EQ(2u, Collect(1).at(0).iReqID);
+}
+
 TEST_F(AIOUtilTest, DestructionGivesTheContextBack) {
   const auto fnContexts = [] {  // each is a mapping
     const std::string strMaps = ReadFile("/proc/self/maps");

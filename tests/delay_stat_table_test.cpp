@@ -172,6 +172,14 @@ TEST(DelayStatTableTest, CountThatStartedAnewDividesNothing) {
             LinesOf(stStat.GenerateStatTable()).at(1));
 }
 
+TEST(DelayStatTableTest, LargestAverageIsWhole) {
+  PlainTable stStat;
+  stStat.PushData("t", 7);
+  stStat.Item("t").iTotal = 18446744073709551615u;
+  EXPECT_EQ("     t         1         718446744073709551615         7         1",
+            LinesOf(stStat.GenerateStatTable()).at(1));
+}
+
 // A number of 1 to 32 bits, so that all lengths of text come up.
 unsigned int AnyNumber(std::mt19937& stRandom) {
   const auto iNumber = static_cast<unsigned int>(stRandom());

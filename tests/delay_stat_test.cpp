@@ -162,6 +162,14 @@ TEST_F(DelayStatTest, BucketsFarUpAreCountedLikeOthers) {
   EXPECT_EQ(4294967295u, m_iMaxKey);
 }
 
+TEST_F(DelayStatTest, BucketsFarUpTakeNoRoomForThoseBelow) {
+  SetInterval(4294967295u, 1, 0);
+  for (const unsigned int iValue : {255u, 256u, 100000u, 4294967295u}) {
+    PushData("tag", iValue);
+  }
+  EXPECT_EQ(256u, m_mapData.at("tag").vecIndex.size());
+}
+
 TEST_F(DelayStatTest, BucketsAreCountedAnewAfterClear) {
   for (int i = 0; i < 2; ++i) {
     PushData("tag", 60);

@@ -167,6 +167,17 @@ TEST_P(FilterTest, WholeAndDamagedTextsGiveItsBytes) {
   }
 }
 
+// The filter reads 1024 characters at a time; these texts are cut there up to nine times.
+TEST_P(FilterTest, LongTextsWholeAndDamagedGiveItsBytes) {
+  std::mt19937 stRandom(GetParam());
+  for (int i = 0; i < 5000; ++i) {
+    std::string strText = EncodeByChain(RandomBytes(stRandom, 1 + stRandom() % 7000));
+    ASSERT_EQ(DecodeByChain(strText), LongActionMethod::Decode(strText)) << i;
+    Damage(stRandom, strText);
+    ASSERT_EQ(DecodeByChain(strText), LongActionMethod::Decode(strText)) << i;
+  }
+}
+
 TEST(LongActionDecodeTest, TextsOfTwoLinesDamagedAnywhereGiveTheBytesOfTheFilter) {
   const std::string strWhole = EncodeByChain(std::string(50, 'x'));
   for (size_t iPlace = 0; iPlace < strWhole.size(); ++iPlace) {

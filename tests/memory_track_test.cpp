@@ -102,21 +102,31 @@ TEST_F(MemoryTrackTest, ChildTracksItsOwnCopy) {
   EXPECT_EQ("both:1 allocate 1 bytes\n", DumpUnfreed());
 }
 
-// The map serves the static objects of the program to their end.
-struct EndOfProgram {
-  ~EndOfProgram() {
+// The map serves the static objects of the program from their start to their end.
+struct WholeProgram {
+  WholeProgram() {
+    AddTrack(&bReport, 1, "at start", 1);
+    strAtStart = DumpUnfreed();
+    RemoveTrack(&bReport);
+  }
+  ~WholeProgram() {
     if (bReport) {
       AddTrack(&bReport, 1, "at exit", 1);
       fputs(DumpUnfreed().c_str(), stderr);
     }
   }
   bool bReport = false;
-} g_stEndOfProgram;
+  std::string strAtStart;
+} g_stWholeProgram;
+
+TEST(MemoryTrackStartTest, StaticObjectsOfTheProgramAreRecorded) {
+  EXPECT_EQ("at start:1 allocate 1 bytes\n", g_stWholeProgram.strAtStart);
+}
 
 TEST(MemoryTrackExitTest, RecordsOutliveTheStaticObjectsOfTheProgram) {
   EXPECT_EXIT(
       {
-        g_stEndOfProgram.bReport = true;
+        g_stWholeProgram.bReport = true;
         exit(0);
       },
       ::testing::ExitedWithCode(0), "at exit:1 allocate 1 bytes");
