@@ -49,7 +49,9 @@ TEST(KvGatewayStatisticsTest, ResetStartsFromZero) {
   stStatistics.OnTurn(101);
   stStatistics.m_iConnections = stStatistics.m_iRejected = 1;
   stStatistics.m_iInputBytes = stStatistics.m_iOutputBytes = 1;
+  stStatistics.m_stLatencies.Add("get", 1, 1);
   stStatistics.Reset();
+  EXPECT_TRUE(stStatistics.m_stLatencies.Percentiles().empty());
   EXPECT_EQ(0u, stStatistics.m_iConnections + stStatistics.m_iRejected +
                     stStatistics.m_iInputBytes + stStatistics.m_iOutputBytes);
   EXPECT_EQ(0u, stStatistics.Commands());

@@ -65,6 +65,20 @@ TEST(KvInfoTextTest, CommandStatsShowWhatWasCalled) {
             Text(INFO_COMMANDSTATS, stStatistics));
 }
 
+TEST(KvInfoTextTest, LatencyStatsShowThePercentilesOfThePeriod) {
+  GatewayStatistics stStatistics(0);
+  EXPECT_EQ("# Latencystats\r\n", Text(INFO_LATENCYSTATS, stStatistics));
+  stStatistics.m_stLatencies.Add("set", 10, 99);
+  stStatistics.m_stLatencies.Add("set", 120, 1);
+  stStatistics.m_stLatencies.Add("get", 7, 1);
+  EXPECT_EQ(
+      "# Latencystats\r\nlatency_percentiles_usec_get:p50=7,p99=7,p99.9=7\r\n"
+      "latency_percentiles_usec_set:p50=50,p99=50,p99.9=120\r\n",
+      Text(INFO_LATENCYSTATS, stStatistics));
+  EXPECT_EQ(INFO_LATENCYSTATS, InfoSections({"INFO", "LatencyStats"}));
+  EXPECT_EQ(0u, InfoSections({"INFO"}) & INFO_LATENCYSTATS);
+}
+
 TEST(KvInfoTextTest, SectionsAreSeparatedByAnEmptyLine) {
   const std::string strText = Text(INFO_SERVER | INFO_CLIENTS);
   EXPECT_NE(std::string::npos, strText.find("uptime_in_days:1\r\n\r\n# Clients\r\nconnected"));

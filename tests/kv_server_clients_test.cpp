@@ -177,7 +177,8 @@ TEST_F(KvServerClientsTest, InfoOfAllSectionsHasThemInOrder) {
   const std::string strInfo = m_stClient.Ask({"INFO", "everything"});
   size_t iFound = 0;
   for (const char* pTitle : {"# Server\r\n", "\r\n\r\n# Clients\r\n", "\r\n\r\n# Stats\r\n",
-                             "\r\n\r\n# Commandstats\r\n", "\r\n\r\n# Keyspace\r\ndb0:keys=1,"}) {
+                             "\r\n\r\n# Commandstats\r\n", "\r\n\r\n# Latencystats\r\n",
+                             "\r\n\r\n# Keyspace\r\ndb0:keys=1,"}) {
     const size_t iNext = strInfo.find(pTitle, iFound);
     EXPECT_NE(std::string::npos, iNext) << pTitle << strInfo;
     iFound = iNext;

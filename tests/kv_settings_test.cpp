@@ -52,6 +52,14 @@ TEST(KvSettingsTest, NumbersAreTakenFromLeastToMost) {
   EXPECT_EQ("server.workers = \"65\": " + strRange, Set("server.workers", "65"));
 }
 
+TEST(KvSettingsTest, StatisticsMayBeOffAndLastAnHourAtMost) {
+  EXPECT_EQ(60u, Settings_t().iStatInterval);
+  EXPECT_EQ("", Set("stat.interval", "0"));
+  EXPECT_EQ("", Set("stat.interval", "3600"));
+  EXPECT_EQ("stat.interval = \"3601\": must be a number from 0 to 3600",
+            Set("stat.interval", "3601"));
+}
+
 TEST(KvSettingsTest, NumbersAreDigitsWithAScaleAtMost) {
   for (const char* pValue :
        {"", "x", "-1", "+1", " 1", "1 ", "1.5", "0x10", "1KK", "1KB", "K", "1T", "1e3"}) {

@@ -3,6 +3,7 @@
 
 #include "command_runner.h"
 #include "gateway_event.h"
+#include "memory_tracking.h"
 #include "reply_outbox.h"
 #include "state_machine.h"
 
@@ -23,7 +24,7 @@ class Conversation : public StateMachine {
   // Both are the worker's.
   static void Configure(CommandRunner* pRunner, ReplyOutbox* pOutbox);
   static void RegisterStates();
-  static StateMachine* Create() { return new Conversation; }
+  static StateMachine* Create() { return KV_NEW Conversation; }
 
   Conversation() { m_iState = CONVERSATION_SERVING; }
 

@@ -17,6 +17,8 @@
 #include "info_text.h"
 #include "log.h"
 #include "machine_pool.h"
+#include "memory_tracking.h"
+#include "monotonic_clock.h"
 #include "mq_pool.h"
 #include "process_signals.h"
 #include "reply.h"
@@ -79,6 +81,7 @@ Gateway::Gateway(const Settings_t& stSettings, const std::vector<QueueNames_t>& 
       m_iMaster(getppid()),
       m_iNow(time(nullptr)),
       m_iStarted(m_iNow),
+      m_iPeriodBegan(MonotonicMicroseconds()),
       m_stStatistics(m_iNow),
       m_stRouter(*this) {}
 
@@ -86,6 +89,8 @@ Gateway::~Gateway() {
   while (!m_setSessions.empty()) {
     RemoveSession(*m_setSessions.begin());
   }
+  // What still waits for workers is given up.
+  MachinePool::Instance().ProcessTimeout(m_iNow + static_cast<time_t>(m_stSettings.iGatherTimeout));
   MQPool::Instance().RemoveAll();
   if (m_iEpoll != -1) {
     close(m_iEpoll);
@@ -162,6 +167,7 @@ void Gateway::Turn(int iTimeout) {
   epoll_event astEvents[MAX_EVENTS];
   const int iCount = WaitForEvents(m_iEpoll, astEvents, MAX_EVENTS, iTimeout);
   m_iNow = time(nullptr);
+  m_iTurnBegan = MonotonicMicroseconds();
   m_stStatistics.OnTurn(m_iNow);
   for (int i = 0; i < iCount; ++i) {
     OnEvent(astEvents[i].data.u64, astEvents[i].events);
@@ -173,6 +179,15 @@ void Gateway::Turn(int iTimeout) {
   DrainLinks();
   MachinePool::Instance().ProcessTimeout(m_iNow);
   FinishSessions();
+  const auto iInterval = static_cast<int64_t>(m_stSettings.iStatInterval) * 1000000;
+  if (iInterval > 0 && m_iTurnBegan - m_iPeriodBegan >= iInterval) {
+    EndPeriod();
+  }
+}
+
+void Gateway::EndPeriod() {
+  m_stStatistics.m_stLatencies.EndPeriod(*g_pStatLog);
+  m_iPeriodBegan = m_iTurnBegan;
 }
 
 void Gateway::OnEvent(uint64_t iTag, uint32_t iEvents) {
@@ -191,6 +206,7 @@ void Gateway::AcceptClients() {
     if (pSocket == nullptr) {
       break;
     }
+    KV_TRACK(pSocket.get(), sizeof(TcpSocket));
     AddClient(std::move(pSocket));
   }
   if (errno == EMFILE || errno == ENFILE) {
@@ -215,7 +231,7 @@ void Gateway::AddClient(std::unique_ptr<TcpSocket> pSocket) {
     g_pLog->Warning("gateway: can not watch a client: %s", strerror(errno));
     return;
   }
-  auto* pSession = new Session(*this, pSocket.get(), iId);
+  auto* pSession = KV_NEW Session(*this, pSocket.get(), iId);
   ConnectionPool::Instance().AddConnection(pSocket.release());
   MachinePool::Instance().AddMachine(pSession);
   m_setSessions.insert(iId);
@@ -362,6 +378,7 @@ void Gateway::Stop() {
     TouchAll();  // one may have got its last reply meanwhile
     Turn(std::min(WaitMilliseconds(), BLOCKED_WAIT_MS));
   }
+  EndPeriod();
   g_pLog->Info("gateway: stopped, %zu clients not answered in time", m_setSessions.size());
 }
 

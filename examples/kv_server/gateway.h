@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "id_generator.h"
 #include "gateway_statistics.h"
+#include "id_generator.h"
 #include "request_router.h"
 #include "saver.h"
 #include "settings.h"
@@ -37,6 +37,7 @@ class Gateway : public ReplyReceiver {
   // For the machines.
   const Settings_t& Settings() const { return m_stSettings; }
   time_t Now() const { return m_iNow; }
+  int64_t TurnBegan() const { return m_iTurnBegan; }  // of MonotonicMicroseconds()
   size_t Workers() const { return m_vecLinks.size(); }
   WorkerLink& Link(int iWorker) { return *m_vecLinks[static_cast<size_t>(iWorker)]; }
   RequestRouter& Router() { return m_stRouter; }
@@ -70,6 +71,7 @@ class Gateway : public ReplyReceiver {
   void ResumeSessions();
   void FinishSessions();
   void RemoveSession(uint32_t iMachine);
+  void EndPeriod();
   void Stop();
   void TouchAll();
   void Tell(uint32_t iMachine, uint32_t iSlot, const ReplyPiece_t* pPiece);
@@ -80,6 +82,8 @@ class Gateway : public ReplyReceiver {
   const pid_t m_iMaster;
   time_t m_iNow;
   time_t m_iStarted;
+  int64_t m_iTurnBegan = 0;
+  int64_t m_iPeriodBegan;  // of the statistics
   int m_iEpoll = -1;
   TcpSocket m_stListener;
   std::vector<std::unique_ptr<WorkerLink>> m_vecLinks;

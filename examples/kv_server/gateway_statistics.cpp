@@ -14,6 +14,7 @@ void GatewayStatistics::Reset() {
   m_iOutputBytes = 0;
   m_iSampledCommands = 0;
   m_iRate = 0;
+  m_stLatencies.Clear();
   CommandId_t eLast{};
   for (const Command_t& stCommand : AllCommands()) {
     eLast = std::max(eLast, stCommand.eId);

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <vector>
 
+#include "command_latencies.h"
 #include "command_table.h"
 
 // What the gateway counts for INFO: plain counters, cheap enough for every request.
@@ -13,9 +14,10 @@ class GatewayStatistics {
   explicit GatewayStatistics(time_t iNow) : m_iSampled(iNow) { Reset(); }
 
   uint64_t m_iConnections;
-  uint64_t m_iRejected;     // connections beyond the limit
-  uint64_t m_iInputBytes;   // received from clients
-  uint64_t m_iOutputBytes;  // sent to clients
+  uint64_t m_iRejected;            // connections beyond the limit
+  uint64_t m_iInputBytes;          // received from clients
+  uint64_t m_iOutputBytes;         // sent to clients
+  CommandLatencies m_stLatencies;  // of this period
 
   void CountCall(CommandId_t eId) { ++m_vecCalls[eId]; }
   uint64_t Calls(CommandId_t eId) const { return m_vecCalls[eId]; }

@@ -9,17 +9,24 @@ namespace {
 
 const time_t DAY = 86400;
 const uint32_t ALL_SECTIONS = ~0u;
-const uint32_t DEFAULT_SECTIONS = ALL_SECTIONS & ~INFO_COMMANDSTATS;
+const uint32_t DEFAULT_SECTIONS = ALL_SECTIONS & ~(INFO_COMMANDSTATS | INFO_LATENCYSTATS);
 
 struct SectionWord_t {
   const char* pWord;
   uint32_t iSections;
 };
 const SectionWord_t SECTION_WORDS[] = {
-    {"all", ALL_SECTIONS},       {"everything", ALL_SECTIONS},        {"default", DEFAULT_SECTIONS},
-    {"server", INFO_SERVER},     {"clients", INFO_CLIENTS},           {"stats", INFO_STATS},
-    {"keyspace", INFO_KEYSPACE}, {"commandstats", INFO_COMMANDSTATS},
-    {"memory", INFO_MEMORY},     {"persistence", INFO_PERSISTENCE},
+    {"all", ALL_SECTIONS},
+    {"everything", ALL_SECTIONS},
+    {"default", DEFAULT_SECTIONS},
+    {"server", INFO_SERVER},
+    {"clients", INFO_CLIENTS},
+    {"stats", INFO_STATS},
+    {"keyspace", INFO_KEYSPACE},
+    {"commandstats", INFO_COMMANDSTATS},
+    {"memory", INFO_MEMORY},
+    {"persistence", INFO_PERSISTENCE},
+    {"latencystats", INFO_LATENCYSTATS},
 };
 
 void StartInfoSection(std::string& strText, const char* pTitle) {
@@ -76,6 +83,15 @@ void AppendCommandStats(std::string& strText, const GatewayStatistics& stStatist
   }
 }
 
+void AppendLatencyStats(std::string& strText, const GatewayStatistics& stStatistics) {
+  StartInfoSection(strText, "Latencystats");
+  for (const auto& stRow : stStatistics.m_stLatencies.Percentiles()) {
+    AppendInfo(strText, ("latency_percentiles_usec_" + stRow.strCommand).c_str(),
+               "p50=" + std::to_string(stRow.iHalf) + ",p99=" + std::to_string(stRow.iMost) +
+                   ",p99.9=" + std::to_string(stRow.iNearlyAll));
+  }
+}
+
 void AppendMemory(std::string& strText, const StoreStat_t& stStat) {
   StartInfoSection(strText, "Memory");
   AppendInfo(strText, "used_memory", stStat.iUsedBytes);
@@ -128,6 +144,9 @@ std::string GatewayInfo(uint32_t iSections, const InfoFacts_t& stFacts) {
   }
   if ((iSections & INFO_COMMANDSTATS) != 0) {
     AppendCommandStats(strText, stFacts.stStatistics);
+  }
+  if ((iSections & INFO_LATENCYSTATS) != 0) {
+    AppendLatencyStats(strText, stFacts.stStatistics);
   }
   return strText;
 }

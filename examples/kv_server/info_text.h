@@ -21,6 +21,7 @@ enum InfoSection_t : uint32_t {
   INFO_KEYSPACE = 16,
   INFO_MEMORY = 32,
   INFO_PERSISTENCE = 64,
+  INFO_LATENCYSTATS = 128,
 };
 
 // Those that need the workers' answers.

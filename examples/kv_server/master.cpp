@@ -16,6 +16,7 @@
 #include "filesystem_util.h"
 #include "gateway.h"
 #include "log.h"
+#include "memory_tracking.h"
 #include "process_signals.h"
 #include "process_title.h"
 #include "tcp_socket.h"
@@ -65,10 +66,16 @@ int Master::Run() {
     return 1;
   }
   Log stLog;
+  Log stStatLog;
   stLog.SetPath(m_stSettings.LogPath());
   stLog.SetPrefix("kv_server_");
   stLog.SetLevel(m_stSettings.strLogLevel.c_str());
   g_pLog = &stLog;
+  stStatLog.SetPath(m_stSettings.LogPath());
+  stStatLog.SetPrefix("kv_stat_");
+  stStatLog.SetLevel(Log::LL_STAT);
+  g_pStatLog = &stStatLog;
+  const MemoryReport stReport(m_stSettings.LogPath(), "master");
   if (!PrepareMemory()) {
     g_pLog = nullptr;
     return m_iExit;
@@ -186,6 +193,7 @@ void Master::StartChild(Child_t& stChild) {
 }
 
 int Master::RunChild(const Child_t& stChild, uint64_t iLife) const {
+  const MemoryReport stReport(m_stSettings.LogPath(), stChild.strName);
   SetTitle(stChild.strName + (stChild.iWorker < 0 ? " " + m_stSettings.strListen : ""));
   if (stChild.iWorker < 0) {
     return Gateway(m_stSettings, m_stQueues.Names(), iLife).Run();

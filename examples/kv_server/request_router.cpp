@@ -12,6 +12,7 @@
 #include "local_commands.h"
 #include "log.h"
 #include "machine_pool.h"
+#include "memory_tracking.h"
 #include "reply.h"
 #include "session.h"
 #include "subcommands.h"
@@ -64,6 +65,7 @@ bool RequestRouter::Run(Session& stSession, const Arguments_t& vecArguments) {
   }
   if (bRun) {
     m_stGateway.Statistics().CountCall(pCommand->eId);
+    stSession.NoteRequest(pCommand->pName);
   }
   return bRun;
 }
@@ -184,7 +186,7 @@ bool RequestRouter::RunParts(Session& stSession, const Command_t& stCommand,
   }
   const uint32_t iId = m_stGateway.NewMachineId();
   const ReplyTarget_t stAsker{stSession.GetId(), stSession.OpenSlot(-1)};
-  auto* pGather = new GatherMachine(m_stGateway, stCommand.eId, stAsker);
+  auto* pGather = KV_NEW GatherMachine(m_stGateway, stCommand.eId, stAsker);
   pGather->SetId(iId);
   pGather->SetSections(iInfoSections);
   pGather->SetStateTimeout(static_cast<unsigned int>(m_stGateway.Settings().iGatherTimeout));

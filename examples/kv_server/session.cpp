@@ -11,6 +11,7 @@
 #include "gateway.h"
 #include "log.h"
 #include "machine_pool.h"
+#include "monotonic_clock.h"
 #include "reply.h"
 #include "settings.h"
 #include "tcp_socket.h"
@@ -152,6 +153,7 @@ void Session::Receive() {
   m_bPeerClosed = m_pSocket->Recv() == -1 || m_bPeerClosed;
   m_stGateway.Statistics().m_iInputBytes += m_pSocket->RecvBufferSize() - iBefore;
   m_stRecord.iActive = m_stGateway.Now();
+  m_iArrived = m_stGateway.TurnBegan();
   RunRequests();
 }
 
@@ -207,7 +209,7 @@ std::string& Session::LocalReply() {
     return m_strOut;
   }
   if (!m_dqSlots.back().bDone) {
-    m_dqSlots.push_back({-1, 0, true, false, std::string()});
+    m_dqSlots.push_back({-1, 0, true, false, 0, std::string()});
   }
   return m_dqSlots.back().strHeld;
 }
@@ -226,9 +228,21 @@ bool Session::JoinSlot(int iWorker, uint32_t& iSlot) {
 }
 
 uint32_t Session::OpenSlot(int iWorker) {
-  m_dqSlots.push_back({iWorker, 1, false, false, std::string()});
+  m_dqSlots.push_back({iWorker, 1, false, false, 0, std::string()});
   ++m_iUnanswered;
   return m_iFirstSlot + static_cast<uint32_t>(m_dqSlots.size()) - 1;
+}
+
+void Session::NoteRequest(const char* pCommand) {
+  if (m_stGateway.Settings().iStatInterval == 0) {
+    return;
+  }
+  m_stOpenRequests.Add(pCommand, m_iArrived);
+  if (m_dqSlots.empty()) {
+    ++m_iReplies;  // the gateway's own: it is there already
+  } else if (m_dqSlots.back().bDone) {
+    ++m_dqSlots.back().iReplies;
+  }
 }
 
 void Session::OnAnswer(const GatewayEvent_t& stEvent) {
@@ -245,6 +259,7 @@ void Session::OnAnswer(const GatewayEvent_t& stEvent) {
   strOut.append(stPiece.strBytes);
   const uint32_t iAnswered = std::min(stPiece.iCommands, stSlot.iCommands);
   stSlot.iCommands -= iAnswered;
+  stSlot.iReplies += iAnswered;
   m_iUnanswered -= iAnswered;
   stSlot.bTorn = stPiece.bTorn;
   if (!stPiece.bGoesOn) {
@@ -268,6 +283,7 @@ void Session::OnLost(Slot_t& stSlot, std::string& strOut) {
 void Session::FinishSlot(Slot_t& stSlot, std::string& strOut) {
   for (; stSlot.iCommands > 0; --stSlot.iCommands, --m_iUnanswered) {
     AppendError(strOut, WORKER_LOST_ERROR);
+    ++stSlot.iReplies;
   }
   stSlot.bDone = true;
 }
@@ -275,14 +291,20 @@ void Session::FinishSlot(Slot_t& stSlot, std::string& strOut) {
 // Passes on what the slots before the first open one hold.
 void Session::ReleaseSlots() {
   while (!m_dqSlots.empty() && m_dqSlots.front().bDone) {
-    m_strOut.append(m_dqSlots.front().strHeld);
+    Release(m_dqSlots.front());
     m_dqSlots.pop_front();
     ++m_iFirstSlot;
   }
-  if (!m_dqSlots.empty() && !m_dqSlots.front().strHeld.empty()) {
-    m_strOut.append(m_dqSlots.front().strHeld);
-    m_dqSlots.front().strHeld.clear();
+  if (!m_dqSlots.empty()) {
+    Release(m_dqSlots.front());
   }
+}
+
+void Session::Release(Slot_t& stSlot) {
+  m_strOut.append(stSlot.strHeld);
+  stSlot.strHeld.clear();
+  m_iReplies += stSlot.iReplies;
+  stSlot.iReplies = 0;
 }
 
 void Session::StartClosing() {
@@ -337,6 +359,7 @@ void Session::SendOutput() {
     m_iState = SESSION_DEAD;  // it is gone, and will not read what is left
     return;
   }
+  MeasureSent();
   if (m_pSocket->SendBufferSize() + m_iHeld > m_stGateway.Settings().iMaxOutput) {
     return Abort("too much output waits for it (limits.output)");
   }
@@ -348,6 +371,15 @@ void Session::SendOutput() {
   if (m_bPaused && MayRunMore()) {
     m_stGateway.Resume(*this);
   }
+}
+
+// The clock is read once for all replies that went out together.
+void Session::MeasureSent() {
+  if (m_iReplies > 0 && m_stGateway.Settings().iStatInterval > 0) {
+    m_stOpenRequests.OnSent(m_iReplies, MonotonicMicroseconds(),
+                            m_stGateway.Statistics().m_stLatencies);
+  }
+  m_iReplies = 0;
 }
 
 void Session::AdvanceClosing() {

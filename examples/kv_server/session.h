@@ -6,6 +6,7 @@
 
 #include "client_list.h"
 #include "gateway_event.h"
+#include "open_requests.h"
 #include "request_parser.h"
 #include "state_machine.h"
 
@@ -41,6 +42,9 @@ class Session : public StateMachine {
   // The slot for a command that somebody else answers; a negative worker is never joined.
   uint32_t OpenSlot(int iWorker);
 
+  // After a command was run: its latency is measured until its reply is sent.
+  void NoteRequest(const char* pCommand);
+
   // Stops reading, and closes the connection when all is answered and sent.
   void StartClosing();
 
@@ -73,7 +77,8 @@ class Session : public StateMachine {
     int iWorker;
     uint32_t iCommands;  // not answered yet
     bool bDone;
-    bool bTorn;  // what came last ended inside a reply
+    bool bTorn;       // what came last ended inside a reply
+    size_t iReplies;  // that end in strHeld, to requests that were noted
     std::string strHeld;
   };
 
@@ -90,6 +95,8 @@ class Session : public StateMachine {
   void OnLost(Slot_t& stSlot, std::string& strOut);
   void FinishSlot(Slot_t& stSlot, std::string& strOut);
   void ReleaseSlots();
+  void Release(Slot_t& stSlot);
+  void MeasureSent();
   void Abort(const char* pReason);
   void SendOutput();
   void AdvanceClosing();
@@ -112,7 +119,10 @@ class Session : public StateMachine {
   size_t m_iHeld = 0;  // HeldSize() at the end of the latest turn
   uint32_t m_iFirstSlot = 0;
   std::deque<Slot_t> m_dqSlots;
-  std::string m_strOut;  // this turn's output
+  std::string m_strOut;    // this turn's output
+  size_t m_iReplies = 0;   // that end in it
+  int64_t m_iArrived = 0;  // when what was received last was
+  OpenRequests m_stOpenRequests;
 };
 
 #endif

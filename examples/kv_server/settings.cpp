@@ -61,6 +61,7 @@ const NumberSetting_t NUMBER_SETTINGS[] = {
     {"timeout.gather", &Settings_t::iGatherTimeout, 1, 3600, "seconds for several workers"},
     {"timeout.write", &Settings_t::iWriteTimeout, 1, 86400, "seconds a client may not read"},
     {"save.timeout", &Settings_t::iSaveTimeout, 1, 86400, "seconds for a save, and for its hook"},
+    {"stat.interval", &Settings_t::iStatInterval, 0, 3600, "seconds of latencies a table; 0: none"},
     {"timeout.stop", &Settings_t::iStopTimeout, 0, 3600, "seconds for the last answers"},
 };
 

@@ -41,6 +41,7 @@ struct Settings_t {
   uint64_t iWriteTimeout = 60;      // seconds without a byte taken by the client
   uint64_t iStopTimeout = 5;        // seconds for the last answers
   uint64_t iSaveTimeout = 600;      // seconds for a save, and as many for its hook
+  uint64_t iStatInterval = 60;      // seconds of a period of latencies; 0: they are not measured
 
   std::vector<SaveRule_t> vecSaveRules;
   // Lower case: a command's own name and the one it goes by; empty: nobody may run it.

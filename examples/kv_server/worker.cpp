@@ -9,6 +9,7 @@
 #include "log.h"
 #include "machine_factory.h"
 #include "machine_pool.h"
+#include "memory_tracking.h"
 #include "process_signals.h"
 #include "table_set.h"
 #include "zelk_variable.h"
@@ -59,6 +60,7 @@ int Worker::Run() {
   }
   Turn();
   m_stSaver.Finish();
+  EndConversation();
   g_pLog->Info("worker %d: stopped after %llu commands, %zu keys", m_iIndex,
                static_cast<unsigned long long>(m_stRunner.CommandsRun()), m_stStore.Count());
   return 0;
@@ -125,6 +127,7 @@ bool Worker::Fetch() {
   BufferVec_t astRecords[POP_COUNT];
   const int iCount = m_stIn.Pop(astRecords, POP_COUNT);
   for (int i = 0; i < iCount; ++i) {
+    KV_TRACK(astRecords[i].pData, astRecords[i].iSize);
     m_dqRecords.push_back({std::unique_ptr<char[]>(astRecords[i].pData), astRecords[i].iSize});
   }
   return iCount > 0;
@@ -164,8 +167,7 @@ StateMachine* Worker::ConversationWith(uint64_t iLife) {
   if (m_iConversation != 0 && iLife == m_iLife) {
     return stPool.GetMachine(m_iConversation);
   }
-  const std::unique_ptr<StateMachine> pEarlier(stPool.GetMachine(m_iConversation));
-  stPool.RemoveMachine(m_iConversation);
+  EndConversation();
   StateMachine* pMachine = MachineFactory::Instance().NewMachine(MACHINE_CONVERSATION);
   m_iConversation = m_stIds.GetId();
   pMachine->SetId(m_iConversation);
@@ -173,4 +175,9 @@ StateMachine* Worker::ConversationWith(uint64_t iLife) {
   m_iLife = iLife;
   g_pLog->Info("worker %d: a gateway has come", m_iIndex);
   return pMachine;
+}
+
+void Worker::EndConversation() {
+  const std::unique_ptr<StateMachine> pMachine(MachinePool::Instance().GetMachine(m_iConversation));
+  MachinePool::Instance().RemoveMachine(m_iConversation);
 }

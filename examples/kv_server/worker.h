@@ -40,6 +40,7 @@ class Worker {
   bool FetchAtLeast(size_t iCount);
   void RunFirst();
   StateMachine* ConversationWith(uint64_t iLife);
+  void EndConversation();
 
   const Settings_t m_stSettings;
   const QueueNames_t m_stNames;

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "log.h"
+#include "memory_tracking.h"
 #include "zelk_variable.h"
 
 namespace {
@@ -141,6 +142,7 @@ void WorkerLink::Drain(ReplyReceiver& stReceiver) {
   BufferVec_t astRecords[POP_COUNT];
   for (int iCount = 0; (iCount = m_stOut.Pop(astRecords, POP_COUNT)) > 0;) {
     for (int i = 0; i < iCount; ++i) {
+      KV_TRACK(astRecords[i].pData, astRecords[i].iSize);
       const std::unique_ptr<char[]> pRecord(astRecords[i].pData);
       OnRecord(std::string_view(pRecord.get(), astRecords[i].iSize), stReceiver);
     }

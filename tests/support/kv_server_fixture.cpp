@@ -128,11 +128,12 @@ bool ServerProcess::Serves() {
   return Log().find("gateway: serving", m_iLogBefore) != std::string::npos;
 }
 
-std::string ServerProcess::Log() const {
+std::string ServerProcess::LogFiles(const std::string& strPrefix) const {
   std::string strText;
   std::error_code stIgnored;
   for (const auto& stEntry : std::filesystem::directory_iterator(Directory() + "/log", stIgnored)) {
-    strText += ReadFile(stEntry.path());
+    const bool bAsked = stEntry.path().filename().string().rfind(strPrefix, 0) == 0;
+    strText += bAsked ? ReadFile(stEntry.path()) : "";
   }
   return strText;
 }

@@ -23,7 +23,8 @@ class ServerProcess {
 
   uint16_t Port() const { return m_iPort; }
   const std::string& Directory() const { return m_stDirectory.Path(); }
-  std::string Log() const;
+  std::string Log() const { return LogFiles("kv_server_"); }
+  std::string StatLog() const { return LogFiles("kv_stat_"); }
 
   // The living process of that role, as the log tells it; waits for one that is being started.
   pid_t Master() const { return m_iMaster; }
@@ -47,6 +48,7 @@ class ServerProcess {
  private:
   void Launch();
   bool Serves();
+  std::string LogFiles(const std::string& strPrefix) const;
   pid_t ProcessOf(const std::string& strName) const;  // the latest, which may be dead; -1: none
   pid_t Living(const std::string& strName) const;
   void NoteKeys();
