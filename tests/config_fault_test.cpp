@@ -16,8 +16,9 @@ int g_iAllocationsLeft = -1;  // then the next one fails, once; negative: none d
 
 }  // namespace
 
-// These stand before the C++ library's; the other forms lead to them.
-void* operator new(size_t iSize) {
+// These stand before the C++ library's; the other forms lead to them. Not in line: a compiler that
+// sees half of a pair warns that the halves do not fit.
+[[gnu::noinline]] void* operator new(size_t iSize) {
   void* pMemory = g_iAllocationsLeft == 0 ? nullptr : malloc(iSize > 0 ? iSize : 1);
   if (g_iAllocationsLeft >= 0) {
     --g_iAllocationsLeft;
@@ -28,8 +29,8 @@ void* operator new(size_t iSize) {
   return pMemory;
 }
 
-void operator delete(void* pMemory) noexcept { free(pMemory); }
-void operator delete(void* pMemory, size_t /*iSize*/) noexcept { free(pMemory); }
+[[gnu::noinline]] void operator delete(void* pMemory) noexcept { free(pMemory); }
+[[gnu::noinline]] void operator delete(void* pMemory, size_t /*iSize*/) noexcept { free(pMemory); }
 
 namespace {
 
