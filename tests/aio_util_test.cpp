@@ -322,10 +322,15 @@ TEST_F(AIOUtilTest, FinishedRequestGivesItsControlBlockBack) {
   m_pAIO->FreeIOCB(pBlock);
   ASSERT_EQ(0, m_pAIO->SubmitSyncRequest(m_iFD, 1));
   Collect(1);
-  void* pOther = malloc(sizeof(iocb));  // would get the memory of a block that was freed
+  std::vector<void*> vecOthers(16);  // would get the memory of a block that was freed
+  for (void*& pOther : vecOthers) {
+    pOther = malloc(sizeof(iocb));
+  }
   EXPECT_EQ(pBlock, m_pAIO->NewIOCB());
   m_pAIO->FreeIOCB(pBlock);
-  free(pOther);
+  for (void* pOther : vecOthers) {
+    free(pOther);
+  }
 }
 
 TEST_F(AIOUtilTest, ControlBlocksAreUsedAgainInTheOrderGivenBack) {

@@ -81,6 +81,17 @@ TEST_F(KvSaverTest, ATableThatWasThereCountsAsOneChange) {
   EXPECT_EQ(0u, stSaver.Stat().iChanges);
 }
 
+TEST_F(KvSaverTest, ChangesSinceTheSnapshotAreNotSaved) {
+  Saver stSaver(m_stSettings, m_stStore, m_stTable.Name().stMark, m_stIds);
+  ASSERT_EQ("", stSaver.Load());
+  m_stStore.Set("a", "1");
+  ASSERT_TRUE(stSaver.Start("for a test"));
+  m_stStore.Set("b", "1");
+  EXPECT_TRUE(Ends(stSaver));
+  EXPECT_EQ(1u, stSaver.Stat().iLastGood);
+  EXPECT_EQ(1u, stSaver.Stat().iChanges);
+}
+
 TEST_F(KvSaverTest, ANewTableWithoutADumpHasNoChanges) {
   Saver stSaver(m_stSettings, m_stStore, m_stTable.Name().stMark, m_stIds);
   EXPECT_EQ("", stSaver.Load());

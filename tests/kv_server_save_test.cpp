@@ -292,13 +292,15 @@ TEST_F(KvServerSaveTest, AHookEndsWithItsWorkerAndSoDoesWhatItHasStarted) {
 
 // It prints faster than the worker reads, and the worker has clients.
 TEST_F(KvServerSaveTest, AHookThatPrintsWithoutEndIsKilled) {
-  ServerProcess stServer({"save.hook=yes"});
+  ServerProcess stServer({"save.hook=test -e $KV_DUMP.once || { touch $KV_DUMP.once; yes; }"});
   Client stClient(stServer);
   EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
   EXPECT_TRUE(LogTells(stServer, "worker 0: a save's child prints too much and is killed"));
   EXPECT_TRUE(LogTells(stServer, "worker 0: save.hook: killed"));
   EXPECT_TRUE(SaveEnds(stClient));
   EXPECT_EQ("ok", InfoLine(stClient, "rdb_last_bgsave_status"));
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_TRUE(LogTells(stServer, "worker 0: save.hook: exit code 0"));
 }
 
 TEST_F(KvServerSaveTest, AHookMayPrintManyLines) {
@@ -306,7 +308,7 @@ TEST_F(KvServerSaveTest, AHookMayPrintManyLines) {
       {"save.hook=i=0; while [ $i -lt 2000 ]; do echo; echo >&2; i=$((i+1)); done; exit 3"});
   Client stClient(stServer);
   EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
-  EXPECT_TRUE(LogTells(stServer, "worker 0: save.hook: exit code 3"));
+  EXPECT_TRUE(LogTells(stServer, "worker 0: save.hook: exit code 3")) << stServer.Log();
 }
 
 // A command that stays would hold the queues of a server that has gone. The last is that of ls.
@@ -314,7 +316,7 @@ TEST_F(KvServerSaveTest, TheHookHasThreeDescriptors) {
   ServerProcess stServer({"save.hook=echo $(ls /proc/self/fd)"});
   Client stClient(stServer);
   EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
-  EXPECT_TRUE(LogTells(stServer, "worker 0: save.hook: exit code 0 0 1 2 3\n"));
+  EXPECT_TRUE(LogTells(stServer, "worker 0: save.hook: exit code 0 0 1 2 3\n")) << stServer.Log();
 }
 
 TEST_F(KvServerSaveTest, RulesSaveByThemselves) {
@@ -356,6 +358,28 @@ TEST_F(KvServerSaveTest, ShutdownMaySaveWithoutRules) {
   Client stAgain(stServer);
   EXPECT_EQ(Bulk("0"), stAgain.Ask({"GET", KeyOf(0, 2)}));
   EXPECT_EQ(Bulk("1"), stAgain.Ask({"GET", KeyOf(1, 2)}));
+}
+
+// The child is killed first, and its unfinished file is not in the way.
+TEST_F(KvServerSaveTest, ShutdownSavesInPlaceOfAChildThatIsAtIt) {
+  ServerProcess stServer;
+  Client stClient(stServer);
+  const StuckDump stStuck(stClient, Dump(stServer));
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  stClient.Ask({"SET", "a", "1"});
+  EXPECT_EQ("", stClient.Ask({"SHUTDOWN", "SAVE"}));
+  EXPECT_EQ(0, stServer.Wait());
+  EXPECT_TRUE(Exists(Dump(stServer)));
+}
+
+TEST_F(KvServerSaveTest, TheEndLeavesNothingOfASaveThatRuns) {
+  ServerProcess stServer;
+  Client stClient(stServer);
+  const StuckDump stStuck(stClient, Dump(stServer));
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_EQ(0, stServer.Stop());
+  EXPECT_FALSE(Exists(Dump(stServer) + ".new"));
+  EXPECT_EQ("", stServer.Remains());
 }
 
 TEST_F(KvServerSaveTest, ShutdownMayLeaveTheSaveOut) {

@@ -29,6 +29,8 @@ void EndGroup(int /*iSignal*/) { kill(-getpid(), SIGKILL); }
 
 }  // namespace
 
+// Both end without the worker's exit functions: they could only spoil the exit code.
+
 int SaveAction::Do() {
   EndWithWorker(m_iWorker);
   DumpStat_t stStat{};
@@ -39,7 +41,7 @@ int SaveAction::Do() {
   ResultParam("bytes", std::to_string(stStat.iBytes));
   ResultParam("state", strError.empty() ? SAVED : strError);
   EncodeToStdout(SerializeResult());
-  return strError.empty() ? 0 : 1;
+  _exit(strError.empty() ? 0 : 1);
 }
 
 int RequestAction::Do() {
@@ -50,5 +52,5 @@ int RequestAction::Do() {
   close_range(STDERR_FILENO + 1, UINT_MAX, 0);  // queues are nothing for the command
   setenv("KV_DUMP", m_strDump.c_str(), 1);
   Execute(m_strRequest.data(), static_cast<unsigned int>(m_strRequest.size()));
-  return Retcode();
+  _exit(Retcode());
 }
