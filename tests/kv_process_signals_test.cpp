@@ -46,7 +46,7 @@ TEST(KvProcessSignalsTest, EveryWaitEndsWithASignal) {
               epoll_event stEvent{};
               const int iPipe = pipe(aiPipe);
               raise(SIGTERM);
-              WaitReadable(aiPipe[0], -1, 60000);
+              WaitReadable({aiPipe[0], -1}, 60000);
               raise(SIGINT);
               const int iEvents = WaitForEvents(iEpoll, &stEvent, 1, 60000);
               raise(SIGCHLD);

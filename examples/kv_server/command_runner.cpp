@@ -91,6 +91,10 @@ void CommandRunner::Run(CommandId_t eCommand, const Arguments_t& vecArguments,
   if (pHandler == nullptr) {
     return AppendError(strOut, "ERR command is not one for a worker");
   }
+  const std::string& strRefusal = m_stSaver.TheJournal().Refusal();
+  if (!strRefusal.empty() && Writes(eCommand)) {
+    return AppendError(strOut, "MISCONF Errors writing to the AOF file: " + strRefusal);
+  }
   (this->*pHandler)(vecArguments, strOut);
 }
 

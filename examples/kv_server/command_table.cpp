@@ -97,6 +97,13 @@ const Command_t* FindCommand(std::string_view strName) {
   return it == mapIndex.end() ? nullptr : it->second;
 }
 
+bool Writes(CommandId_t eId) {
+  const std::vector<Command_t>& vecCommands = Commands();
+  return std::any_of(vecCommands.begin(), vecCommands.end(), [eId](const Command_t& stCommand) {
+    return stCommand.eId == eId && stCommand.bWrites;
+  });
+}
+
 bool ArityMatches(const Command_t& stCommand, size_t iArguments) {
   return stCommand.iArity >= 0 ? iArguments == static_cast<size_t>(stCommand.iArity)
                                : iArguments >= static_cast<size_t>(-stCommand.iArity);

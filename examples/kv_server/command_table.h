@@ -76,6 +76,9 @@ struct Command_t {
 // The command of that name in any case, or null.
 const Command_t* FindCommand(std::string_view strName);
 
+// Whether a command may change keys.
+bool Writes(CommandId_t eId);
+
 bool ArityMatches(const Command_t& stCommand, size_t iArguments);
 
 // All commands that may be run, for COMMAND.

@@ -11,7 +11,7 @@
 
 namespace {
 
-const char MAGIC[8] = {'K', 'V', 'D', 'U', 'M', 'P', '1', '\n'};
+const char MAGIC[8] = {'K', 'V', 'D', 'U', 'M', 'P', '2', '\n'};
 const size_t BUFFER_SIZE = 1 << 20;
 
 struct CloseFile {
@@ -61,22 +61,9 @@ class DumpStream {
   uint32_t m_iChecksum = 0;
 };
 
-// A new name in a directory lasts when the directory is synced.
-bool SyncDirectoryOf(const std::string& strPath) {
-  const size_t iSlash = strPath.rfind('/');
-  const std::string strDirectory =
-      iSlash == std::string::npos ? "." : strPath.substr(0, iSlash + 1);
-  const int iFD = open(strDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const bool bSynced = iFD != -1 && fsync(iFD) == 0;
-  if (iFD != -1) {
-    close(iFD);
-  }
-  return bSynced;
-}
-
 bool WriteEntries(DumpStream& stFile, KeyStore& stStore, const TableMark_t& stMark,
                   DumpStat_t& stStat) {
-  DumpHead_t stHead{{}, stMark.iWorker, stMark.iWorkers, stStore.Now()};
+  DumpHead_t stHead{{}, stMark.iWorker, stMark.iWorkers, stStore.Now(), stStat.iGeneration};
   memcpy(stHead.szMagic, MAGIC, sizeof(MAGIC));
   bool bGood = stFile.Write(&stHead, sizeof(stHead));
   stStore.Scan(0, UINT64_MAX, [&](std::string_view strKey, const Value_t& stValue) {
@@ -133,12 +120,36 @@ std::string ReadEntries(DumpStream& stFile, KeyStore& stStore, DumpStat_t& stSta
   }
 }
 
+bool ReadHead(DumpStream& stFile, const TableMark_t& stMark, DumpHead_t& stHead) {
+  return stFile.Read(&stHead, sizeof(stHead)) &&
+         memcmp(stHead.szMagic, MAGIC, sizeof(MAGIC)) == 0 && stHead.iWorker == stMark.iWorker &&
+         stHead.iWorkers == stMark.iWorkers;
+}
+
 }  // namespace
 
+bool SyncDirectoryOf(const std::string& strPath) {
+  const size_t iSlash = strPath.rfind('/');
+  const std::string strDirectory =
+      iSlash == std::string::npos ? "." : strPath.substr(0, iSlash + 1);
+  const int iFD = open(strDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const bool bSynced = iFD != -1 && fsync(iFD) == 0;
+  if (iFD != -1) {
+    close(iFD);
+  }
+  return bSynced;
+}
+
+uint64_t DumpGeneration(const TableMark_t& stMark, const std::string& strPath) {
+  DumpStream stFile(strPath, "r");
+  DumpHead_t stHead{};
+  return stFile.IsOpen() && ReadHead(stFile, stMark, stHead) ? stHead.iGeneration : 0;
+}
+
 std::string WriteDump(KeyStore& stStore, const TableMark_t& stMark, const std::string& strPath,
-                      DumpStat_t& stStat) {
+                      DumpStat_t& stStat, uint64_t iGeneration) {
   const std::string strNew = UnfinishedName(strPath);
-  stStat = {};
+  stStat = {0, 0, iGeneration};
   bool bGood = false;
   {
     DumpStream stFile(strNew, "w");
@@ -162,11 +173,11 @@ std::string LoadDump(KeyStore& stStore, const TableMark_t& stMark, const std::st
     return errno == ENOENT ? "" : strPath + ": " + strerror(errno);
   }
   DumpHead_t stHead{};
-  if (!stFile.Read(&stHead, sizeof(stHead)) || memcmp(stHead.szMagic, MAGIC, sizeof(MAGIC)) != 0 ||
-      stHead.iWorker != stMark.iWorker || stHead.iWorkers != stMark.iWorkers) {
+  if (!ReadHead(stFile, stMark, stHead)) {
     return strPath + ": it is no dump of worker " + std::to_string(stMark.iWorker) + " of " +
            std::to_string(stMark.iWorkers);
   }
+  stStat.iGeneration = stHead.iGeneration;
   const std::string strError = ReadEntries(stFile, stStore, stStat);
   stStat.iBytes = stFile.Bytes();
   return strError.empty() ? "" : strPath + ": " + strError;

@@ -14,10 +14,11 @@ struct DumpHead_t {
   char szMagic[8];
   uint32_t iWorker;
   uint32_t iWorkers;
-  int64_t iSavedAt;  // milliseconds since 1970
+  int64_t iSavedAt;      // milliseconds since 1970
+  uint64_t iGeneration;  // of the journal that goes on where the dump ends
 };
-static_assert(sizeof(DumpHead_t) == 24 && offsetof(DumpHead_t, iWorker) == 8 &&
-                  offsetof(DumpHead_t, iSavedAt) == 16,
+static_assert(sizeof(DumpHead_t) == 32 && offsetof(DumpHead_t, iWorker) == 8 &&
+                  offsetof(DumpHead_t, iSavedAt) == 16 && offsetof(DumpHead_t, iGeneration) == 24,
               "a file format");
 
 // Key and value follow; the end is one of these with a key size of DUMP_END, the checksum (CRC-32
@@ -35,13 +36,14 @@ const uint32_t DUMP_END = 0xffffffff;
 struct DumpStat_t {
   uint64_t iKeys;
   uint64_t iBytes;  // of the file
+  uint64_t iGeneration;
 };
 
 // Writes the keys of a store that nobody changes meanwhile. The file is written beside its name,
 // synced and then renamed, so that under the name there is always a whole one. Empty, or what went
 // wrong: then an earlier file is still there.
 std::string WriteDump(KeyStore& stStore, const TableMark_t& stMark, const std::string& strPath,
-                      DumpStat_t& stStat);
+                      DumpStat_t& stStat, uint64_t iGeneration = 0);
 
 // Removes what a process that was killed in WriteDump() has left beside the name.
 void RemoveUnfinishedDump(const std::string& strPath);
@@ -50,5 +52,11 @@ void RemoveUnfinishedDump(const std::string& strPath);
 // an empty one. Empty, or what is wrong with the file or the table; then some keys may be in.
 std::string LoadDump(KeyStore& stStore, const TableMark_t& stMark, const std::string& strPath,
                      DumpStat_t& stStat);
+
+// The generation that a dump's head tells; 0 when there is no such dump.
+uint64_t DumpGeneration(const TableMark_t& stMark, const std::string& strPath);
+
+// A new name in a directory lasts when the directory is synced.
+bool SyncDirectoryOf(const std::string& strPath);
 
 #endif

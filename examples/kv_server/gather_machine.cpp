@@ -173,16 +173,17 @@ std::string GatherMachine::DrawKey() const {
 
 // Of the saves, the oldest and the worst outcome.
 WorkerStat_t GatherMachine::SumStat() const {
-  WorkerStat_t stSum{{}, {0, 0, UINT64_MAX, 1}};
+  WorkerStat_t stSum{{}, {0, 0, UINT64_MAX, 1}, {0, 1, 1, 0, 0, 0}};
   StoreStat_t& stStore = stSum.stStore;
   SaveStat_t& stSave = stSum.stSave;
+  JournalStat_t& stJournal = stSum.stJournal;
   uint64_t iTtlSum = 0;
   for (const Part_t& stPart : m_vecParts) {
     std::vector<uint64_t> vecFigures;
     for (const std::string_view strElement : ElementsOfReply(stPart.strReply)) {
       vecFigures.push_back(NumberOfBulk(strElement));
     }
-    vecFigures.resize(10);
+    vecFigures.resize(16);
     stStore.iKeys += vecFigures[0];
     stStore.iExpiring += vecFigures[1];
     iTtlSum += vecFigures[1] * vecFigures[2];
@@ -193,6 +194,12 @@ WorkerStat_t GatherMachine::SumStat() const {
     stSave.iRunning = std::max(stSave.iRunning, vecFigures[7]);
     stSave.iLastSave = std::min(stSave.iLastSave, vecFigures[8]);
     stSave.iLastGood = std::min(stSave.iLastGood, vecFigures[9]);
+    stJournal.iOn = std::max(stJournal.iOn, vecFigures[10]);
+    stJournal.iGood = std::min(stJournal.iGood, vecFigures[11]);
+    stJournal.iWhole = std::min(stJournal.iWhole, vecFigures[12]);
+    stJournal.iBytes += vecFigures[13];
+    stJournal.iPending = std::max(stJournal.iPending, vecFigures[14]);
+    stJournal.iSyncs += vecFigures[15];
   }
   stStore.iAverageTtl =
       static_cast<int64_t>(stStore.iExpiring == 0 ? 0 : iTtlSum / stStore.iExpiring);

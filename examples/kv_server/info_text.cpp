@@ -100,6 +100,18 @@ void AppendMemory(std::string& strText, const StoreStat_t& stStat) {
   AppendInfo(strText, "table_bytes_never_used", stStat.iUncarved);
 }
 
+void AppendJournal(std::string& strText, const JournalStat_t& stStat) {
+  AppendInfo(strText, "aof_enabled", stStat.iOn);
+  AppendInfo(strText, "aof_rewrite_in_progress", uint64_t{0});
+  AppendInfo(strText, "aof_last_write_status", stStat.iGood != 0 ? "ok" : "err");
+  AppendInfo(strText, "journal_whole", stStat.iWhole);
+  if (stStat.iOn != 0) {
+    AppendInfo(strText, "aof_current_size", stStat.iBytes);
+    AppendInfo(strText, "aof_pending_bio_fsync", stStat.iPending);
+    AppendInfo(strText, "journal_syncs", stStat.iSyncs);
+  }
+}
+
 void AppendPersistence(std::string& strText, const SaveStat_t& stStat) {
   StartInfoSection(strText, "Persistence");
   AppendInfo(strText, "loading", uint64_t{0});
@@ -157,6 +169,7 @@ void AppendWorkerInfo(std::string& strText, uint32_t iSections, const WorkerStat
   }
   if ((iSections & INFO_PERSISTENCE) != 0) {
     AppendPersistence(strText, stWorkers.stSave);
+    AppendJournal(strText, stWorkers.stJournal);
   }
   if ((iSections & INFO_KEYSPACE) != 0) {
     AppendKeyspace(strText, stWorkers.stStore);

@@ -30,6 +30,7 @@ namespace {
 const char CLIENT_PREFIX = 's';
 const char MARK_KEY[] = "!run";
 const char LOADED_KEY[] = "!loaded";
+const char JOURNAL_KEY[] = "!journal";
 const char TRIAL_KEY[] = "!try";
 const size_t TRIAL_KEY_LENGTH = sizeof(TRIAL_KEY) - 1;
 
@@ -85,6 +86,7 @@ std::string KeyStore::Attach(const TableName_t& stName) {
   if (!HasMark(m_stTable, stName.stMark)) {
     return "is not ours: it has another run id";
   }
+  m_pMark = nullptr;
   m_pIntent = m_stTable.Intent();
   m_pKey = reinterpret_cast<char*>(m_pIntent + 1);
   m_iReclaimed = stCheck.LostBlocks();
@@ -156,6 +158,41 @@ std::string KeyStore::CountEntries() {
 bool KeyStore::IsLoaded() { return m_stTable.Get(LOADED_KEY).pKey != nullptr; }
 
 bool KeyStore::SetLoaded() { return m_stTable.Set(LOADED_KEY, uint64_t{1}); }
+
+uint64_t KeyStore::Mark() {
+  const HashItem_t stItem = m_stTable.Get(JOURNAL_KEY);
+  uint64_t iMark = 0;
+  if (stItem.iValueSize == sizeof(iMark)) {
+    m_pMark = stItem.pValue;
+    memcpy(&iMark, m_pMark, sizeof(iMark));
+  }
+  return iMark;
+}
+
+void KeyStore::SetMark(uint64_t iMark) {
+  if (m_pMark == nullptr && m_stTable.Set(JOURNAL_KEY, uint64_t{0})) {
+    Mark();
+  }
+  StoreMark(iMark);
+}
+
+void KeyStore::StoreMark(uint64_t iMark) {
+  if (m_pMark != nullptr) {
+    StoreWord(m_pMark, iMark);
+  }
+}
+
+// Before each change, so that a listener that was killed is known to have missed it. Returns the
+// mark, to be put back when the change does not come about.
+uint64_t KeyStore::TakeMark() {
+  if (m_pListener == nullptr || m_pMark == nullptr) {
+    return 0;
+  }
+  uint64_t iMark = 0;
+  memcpy(&iMark, m_pMark, sizeof(iMark));
+  StoreMark(0);
+  return iMark;
+}
 
 void KeyStore::CountIn(const ValueHead_t& stHead) {
   ++m_iCount;
@@ -232,18 +269,21 @@ bool KeyStore::Write(std::string_view strKey, const Found_t* pOld, std::string_v
   m_pRecord = m_pKey + iKey + 1;
   memcpy(m_pRecord, &stHead, sizeof(stHead));
   Put(Put(m_pRecord + sizeof(stHead), strFirst), strSecond);
-  if (pOld == nullptr) {
-    if (!m_stTable.Set(m_pKey, m_pRecord, iRecordSize)) {
-      return false;
-    }
-  } else {
-    if (!Replace(*pOld, iRecordSize)) {
-      return false;
-    }
+  const uint64_t iMark = TakeMark();
+  const bool bDone =
+      pOld == nullptr ? m_stTable.Set(m_pKey, m_pRecord, iRecordSize) : Replace(*pOld, iRecordSize);
+  if (!bDone) {
+    StoreMark(iMark);
+    return false;
+  }
+  if (pOld != nullptr) {
     CountOut(pOld->stHead);
   }
   CountIn(stHead);
   ++m_iChanges;
+  if (m_pListener != nullptr) {
+    m_pListener->OnSet(strKey, {m_pRecord + sizeof(stHead), iValue}, iExpireAt);
+  }
   return true;
 }
 
@@ -289,10 +329,14 @@ bool KeyStore::SetExpiry(std::string_view strKey, int64_t iExpireAt) {
   if (!Find(strKey, stFound)) {
     return false;
   }
+  TakeMark();
   StoreWord(stFound.pRecord + offsetof(ValueHead_t, iExpireAt), iExpireAt);
   CountOut(stFound.stHead);
   CountIn({iExpireAt, 0, VALUE_STRING});
   ++m_iChanges;
+  if (m_pListener != nullptr) {
+    m_pListener->OnExpiry(strKey, iExpireAt);
+  }
   return true;
 }
 
@@ -305,17 +349,30 @@ bool KeyStore::Remove(std::string_view strKey) {
   return true;
 }
 
+// The key may be the entry's own, which is gone with it.
 void KeyStore::Delete(const char* pKey, const ValueHead_t& stHead) {
+  if (m_pListener != nullptr) {
+    TakeMark();
+    m_pListener->OnRemove(pKey + 1);
+  }
+  Drop(pKey, stHead);
+}
+
+void KeyStore::Drop(const char* pKey, const ValueHead_t& stHead) {
   m_stTable.Delete(pKey);
   CountOut(stHead);
   ++m_iChanges;
 }
 
 void KeyStore::Clear() {
+  if (m_pListener != nullptr && m_iCount > 0) {
+    TakeMark();
+    m_pListener->OnClear();
+  }
   for (KeyTable::Position it(m_stTable, 0); !it.AtEnd(); ++it) {
     Found_t stFound{};
     if (Decode(*it, stFound)) {
-      Delete((*it).pKey, stFound.stHead);
+      Drop((*it).pKey, stFound.stHead);
     }
   }
 }

@@ -46,6 +46,16 @@ struct StoreStat_t {
   uint64_t iUncarved;   // bytes that serve values of any size
 };
 
+// Is told of every change of a store that it listens to, by what it has made of the key.
+class ChangeListener {
+ public:
+  virtual ~ChangeListener() = default;
+  virtual void OnSet(std::string_view strKey, std::string_view strValue, int64_t iExpireAt) = 0;
+  virtual void OnExpiry(std::string_view strKey, int64_t iExpireAt) = 0;
+  virtual void OnRemove(std::string_view strKey) = 0;
+  virtual void OnClear() = 0;
+};
+
 // The keys of one worker and their values, in a table that outlives the process.
 //
 // One process writes. Killed at any instruction it leaves every acknowledged value: a change that
@@ -86,6 +96,15 @@ class KeyStore {
   // Whether the table has all keys that it is to start with. A new one has not.
   bool IsLoaded();
   bool SetLoaded();
+
+  // From now on the listener hears of each change, of keys whose time was over too; null: nobody.
+  // It must not change the store.
+  void SetListener(ChangeListener* pListener) { m_pListener = pListener; }
+  // The listener's number, which lives with the table. 0 when none was set, or when a change was
+  // begun since then under a listener.
+  uint64_t Mark();
+  // Does nothing when the table has no room for it.
+  void SetMark(uint64_t iMark);
 
   // The table as it is now, for a forked child.
   std::unique_ptr<TableSnapshot> Freeze() { return std::make_unique<TableSnapshot>(m_stTable); }
@@ -136,11 +155,16 @@ class KeyStore {
   bool HasRoomFor(uint32_t iRecordSize);
   void BeginIntent(uint32_t iRecordSize);
   void EndIntent();
+  uint64_t TakeMark();
+  void StoreMark(uint64_t iMark);
   void Delete(const char* pKey, const ValueHead_t& stHead);
+  void Drop(const char* pKey, const ValueHead_t& stHead);
   void CollectBucket(uint64_t iBucket, std::vector<std::string>& vecKeys);
   uint64_t SweepSlice();
 
   KeyTable m_stTable;
+  ChangeListener* m_pListener = nullptr;
+  char* m_pMark = nullptr;  // in the table; null: not looked for, or not there
   IntentHead_t* m_pIntent = nullptr;
   char* m_pKey = nullptr;     // the intent's key, where every key is put together
   char* m_pRecord = nullptr;  // behind it

@@ -132,11 +132,13 @@ void CommandRunner::FlushAll(const Arguments_t& /*vecArguments*/, std::string& s
 void CommandRunner::Info(const Arguments_t& /*vecArguments*/, std::string& strOut) {
   const StoreStat_t stStat = m_stStore.Stat();
   const SaveStat_t stSave = m_stSaver.Stat();
-  AppendArrayHead(strOut, 10);
+  const JournalStat_t stJournal = m_stSaver.TheJournal().Stat();
+  AppendArrayHead(strOut, 16);
   for (const uint64_t iFigure :
        {stStat.iKeys, stStat.iExpiring, static_cast<uint64_t>(stStat.iAverageTtl),
         stStat.iUsedBytes, stStat.iBytes, stStat.iUncarved, stSave.iChanges, stSave.iRunning,
-        stSave.iLastSave, stSave.iLastGood}) {
+        stSave.iLastSave, stSave.iLastGood, stJournal.iOn, stJournal.iGood, stJournal.iWhole,
+        stJournal.iBytes, stJournal.iPending, stJournal.iSyncs}) {
     AppendBulk(strOut, std::to_string(iFigure));
   }
 }

@@ -4,12 +4,11 @@
 #include <signal.h>
 #include <time.h>
 
-#include <initializer_list>
-
 #include "zelk_variable.h"
 
 namespace {
 
+const nfds_t MAX_WAIT_FDS = 4;
 const unsigned int SIGNAL_TURNS = 64;  // how often a busy loop looks at its signals
 
 sigset_t g_stWaitMask;  // while waiting nothing of ours is blocked
@@ -68,10 +67,16 @@ int WaitForEvents(int iEpoll, epoll_event* pEvents, int iMaxEvents, int iMillise
   return iCount < 0 ? 0 : iCount;
 }
 
-void WaitReadable(int iFD, int iOtherFD, int iMilliseconds) {
-  pollfd astPoll[] = {{iFD, POLLIN, 0}, {iOtherFD, POLLIN, 0}};
+void WaitReadable(std::initializer_list<int> stFDs, int iMilliseconds) {
+  pollfd astPoll[MAX_WAIT_FDS];
+  nfds_t iCount = 0;
+  for (const int iFD : stFDs) {
+    if (iFD != -1 && iCount < MAX_WAIT_FDS) {
+      astPoll[iCount++] = {iFD, POLLIN, 0};
+    }
+  }
   const timespec stTime = ToTimespec(iMilliseconds);
-  ppoll(astPoll, 2, &stTime, &g_stWaitMask);
+  ppoll(astPoll, iCount, &stTime, &g_stWaitMask);
 }
 
 void PauseMilliseconds(int iMilliseconds) {

@@ -3,6 +3,8 @@
 
 #include <sys/epoll.h>
 
+#include <initializer_list>
+
 // Signals of one process: SIGINT and SIGTERM clear g_bRunFlag. They stay blocked except inside the
 // waits below, so none is lost between a look at the flag and the sleep.
 
@@ -16,9 +18,9 @@ void RestoreSignals();
 // always events.
 int WaitForEvents(int iEpoll, epoll_event* pEvents, int iMaxEvents, int iMilliseconds);
 
-// Waits until one of the descriptors is readable, a signal comes or the time is over. -1 as the
-// second is none.
-void WaitReadable(int iFD, int iOtherFD, int iMilliseconds);
+// Waits until one of the descriptors, four at most, is readable, a signal comes or the time is
+// over. -1 is none.
+void WaitReadable(std::initializer_list<int> stFDs, int iMilliseconds);
 
 // Waits until a signal comes, that of a child's end too, or the time is over.
 void PauseMilliseconds(int iMilliseconds);

@@ -92,6 +92,9 @@ void ReplyOutbox::CutPiece() {
 }
 
 bool ReplyOutbox::Publish() {
+  if (!m_vecClosed.empty()) {
+    m_fnBarrier();
+  }
   while (!m_vecClosed.empty()) {
     if (PushSome()) {
       continue;

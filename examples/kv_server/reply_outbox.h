@@ -2,6 +2,7 @@
 #define KV_SERVER_REPLY_OUTBOX_H
 
 #include <ctime>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,9 @@ class ReplyOutbox {
  public:
   // Once the process is asked to stop, the answers wait for room for so many seconds.
   ReplyOutbox(MessageQueue& stQueue, uint64_t iQueueBytes, int iStopSeconds);
+
+  // Called each time before answers leave this process.
+  void SetBarrier(std::function<void()> fnBarrier) { m_fnBarrier = std::move(fnBarrier); }
 
   void Hello();
 
@@ -39,6 +43,7 @@ class ReplyOutbox {
   bool PushSome();
 
   MessageQueue& m_stQueue;
+  std::function<void()> m_fnBarrier = [] {};
   const size_t m_iLimit;
   const int m_iStopSeconds;
   time_t m_iDeadline = 0;  // when waiting ends; 0: nobody has asked us to stop

@@ -35,7 +35,7 @@ int SaveAction::Do() {
   EndWithWorker(m_iWorker);
   DumpStat_t stStat{};
   std::string strError = m_stSnapshot.TakePlace()
-                             ? WriteDump(m_stStore, m_stMark, m_strPath, stStat)
+                             ? WriteDump(m_stStore, m_stMark, m_strPath, stStat, m_iGeneration)
                              : std::string("mremap: ") + strerror(errno);
   ResultParam("keys", std::to_string(stStat.iKeys));
   ResultParam("bytes", std::to_string(stStat.iBytes));

@@ -18,10 +18,11 @@ class SaveAction : public LongActionMethod {
  public:
   // The snapshot of the store's table is used up in the child.
   SaveAction(KeyStore& stStore, const TableMark_t& stMark, std::string strPath,
-             TableSnapshot& stSnapshot)
+             uint64_t iGeneration, TableSnapshot& stSnapshot)
       : m_stStore(stStore),
         m_stMark(stMark),
         m_strPath(std::move(strPath)),
+        m_iGeneration(iGeneration),
         m_stSnapshot(stSnapshot),
         m_iWorker(getpid()) {}
 
@@ -31,6 +32,7 @@ class SaveAction : public LongActionMethod {
   KeyStore& m_stStore;
   const TableMark_t m_stMark;
   const std::string m_strPath;
+  const uint64_t m_iGeneration;  // of the journal behind the dump
   TableSnapshot& m_stSnapshot;
   const pid_t m_iWorker;
 };

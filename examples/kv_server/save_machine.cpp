@@ -46,10 +46,16 @@ int SaveMachine::StateMachineType() { return MACHINE_SAVE; }
 
 // The child prints what stdio still holds, so that is written first.
 bool SaveMachine::Begin() {
+  m_strError = m_stSaver.m_stJournal.Rotate(m_iGeneration);
+  if (!m_strError.empty()) {
+    return false;
+  }
   const auto pSnapshot = m_stSaver.m_stStore.Freeze();
-  SaveAction stAction(m_stSaver.m_stStore, m_stSaver.m_stMark, m_stSaver.m_strPath, *pSnapshot);
+  SaveAction stAction(m_stSaver.m_stStore, m_stSaver.m_stMark, m_stSaver.m_strPath, m_iGeneration,
+                      *pSnapshot);
   fflush(nullptr);
   if (!pSnapshot->Good() || LongActionUtil::Instance().Perform(&stAction, GetId(), 0) != 0) {
+    m_strError = strerror(errno);
     return false;
   }
   Enter(SAVE_WRITING);
@@ -81,7 +87,7 @@ int SaveMachine::OnDump(const long_action_response_t& stResponse) {
     g_pLog->Error("worker %d: the save has failed: %s %s", *g_pWorkerIndex, strOutcome.c_str(),
                   stResponse.strStdError.c_str());
   }
-  m_stSaver.OnSaved(bGood, m_iChanges);
+  m_stSaver.OnSaved(bGood, m_iChanges, m_iGeneration);
   return bGood && !m_stSaver.m_stSettings.strSaveHook.empty() ? StartHook() : DONE;
 }
 

@@ -1,6 +1,8 @@
 #ifndef KV_SERVER_SAVE_MACHINE_H
 #define KV_SERVER_SAVE_MACHINE_H
 
+#include <string>
+
 #include "long_action_util.h"
 #include "state_machine.h"
 
@@ -18,8 +20,9 @@ class SaveMachine : public StateMachine {
   SaveMachine(Saver& stSaver, uint32_t iId);
   static void RegisterStates();
 
-  // Starts the child that writes. False when that is not possible; errno says why.
+  // Starts the child that writes. False when that is not possible; Error() says why.
   bool Begin();
+  const std::string& Error() const { return m_strError; }
 
   int Timeout(bool bMachine) override;
   int StateMachineType() override;
@@ -36,7 +39,9 @@ class SaveMachine : public StateMachine {
   void Enter(SaveState_t eState);
 
   Saver& m_stSaver;
-  const uint64_t m_iChanges;  // of the store when it was copied
+  const uint64_t m_iChanges;   // of the store when it was copied
+  uint64_t m_iGeneration = 0;  // of the journal, for changes since then
+  std::string m_strError;
 };
 
 #endif

@@ -49,6 +49,7 @@ Saver::Saver(const Settings_t& stSettings, KeyStore& stStore, const TableMark_t&
       m_stMark(stMark),
       m_stIds(stIds),
       m_strPath(DumpPath(stSettings, stMark)),
+      m_stJournal(stSettings, stStore, stMark),
       m_iEpoll(epoll_create1(EPOLL_CLOEXEC)),
       m_iLastSave(TimeOfFile(m_strPath, time(nullptr))) {
   LongActionUtil::Instance().SetEpollFD(m_iEpoll);
@@ -61,21 +62,35 @@ Saver::~Saver() { close(m_iEpoll); }
 // worker may have died, or ended without a save. That counts as one change.
 std::string Saver::Load() {
   RemoveUnfinishedDump(m_strPath);
-  if (m_stStore.IsLoaded()) {
+  const bool bNew = !m_stStore.IsLoaded();
+  uint64_t iGeneration = DumpGeneration(m_stMark, m_strPath);
+  std::string strError = bNew ? Fill(iGeneration) : "";
+  if (!bNew) {
     m_iSavedChanges = m_stStore.Changes() - 1;
-    return "";
   }
+  if (strError.empty()) {
+    m_stJournal.Begin(iGeneration, bNew);
+  }
+  return strError;
+}
+
+std::string Saver::Fill(uint64_t& iGeneration) {
   m_stStore.Clear();
   DumpStat_t stStat{};
-  const std::string strError = LoadDump(m_stStore, m_stMark, m_strPath, stStat);
+  std::string strError = LoadDump(m_stStore, m_stMark, m_strPath, stStat);
   if (!strError.empty()) {
     return strError;
   }
+  iGeneration = stStat.iGeneration;
   if (stStat.iBytes > 0) {
     g_pLog->Warning("worker %u: the table is new; %llu keys come from %s", m_stMark.iWorker,
                     static_cast<unsigned long long>(stStat.iKeys), m_strPath.c_str());
   }
   m_iSavedChanges = m_stStore.Changes();
+  strError = m_stJournal.Replay(iGeneration);
+  if (!strError.empty()) {
+    return strError;
+  }
   return m_stStore.SetLoaded() ? "" : "table.bytes: the table has no room";
 }
 
@@ -85,8 +100,9 @@ bool Saver::Start(const char* pReason) {
   }
   auto pMachine = std::make_unique<SaveMachine>(*this, m_stIds.GetId());
   if (!pMachine->Begin()) {
-    g_pLog->Error("worker %u: a save can not be started: %s", m_stMark.iWorker, strerror(errno));
-    OnSaved(false, 0);
+    g_pLog->Error("worker %u: a save can not be started: %s", m_stMark.iWorker,
+                  pMachine->Error().c_str());
+    OnSaved(false, 0, 0);
     return false;
   }
   g_pLog->Info("worker %u: a save starts, %s", m_stMark.iWorker, pReason);
@@ -102,10 +118,13 @@ int Saver::Turn(int iMost) {
   if (Running()) {
     return std::min(iMost, CHILD_PAUSE_MS);
   }
-  if (m_stSettings.vecSaveRules.empty()) {
+  const bool bForJournal = m_stJournal.WantsSave();
+  if (m_stSettings.vecSaveRules.empty() && !bForJournal) {
     return iMost;
   }
-  if (RuleHolds()) {
+  if (bForJournal && Now() >= m_iRetryAt) {
+    Start("since the journal lacks changes");
+  } else if (RuleHolds()) {
     Start("by a rule");
   }
   return std::min(iMost, RULES_PAUSE_MS);
@@ -170,7 +189,7 @@ bool Saver::RuleHolds() const {
                      });
 }
 
-void Saver::OnSaved(bool bGood, uint64_t iChanges) {
+void Saver::OnSaved(bool bGood, uint64_t iChanges, uint64_t iGeneration) {
   m_bLastGood = bGood;
   if (!bGood) {
     RemoveUnfinishedDump(m_strPath);
@@ -179,6 +198,7 @@ void Saver::OnSaved(bool bGood, uint64_t iChanges) {
   }
   m_iSavedChanges = iChanges;
   m_iLastSave = Now();
+  m_stJournal.OnSaved(iGeneration);
 }
 
 void Saver::Abandon() {
@@ -192,8 +212,12 @@ void Saver::Abandon() {
 bool Saver::SaveNow() {
   Abandon();
   DumpStat_t stStat{};
-  const std::string strError = WriteDump(m_stStore, m_stMark, m_strPath, stStat);
-  OnSaved(strError.empty(), m_stStore.Changes());
+  uint64_t iGeneration = 0;
+  std::string strError = m_stJournal.Rotate(iGeneration);
+  if (strError.empty()) {
+    strError = WriteDump(m_stStore, m_stMark, m_strPath, stStat, iGeneration);
+  }
+  OnSaved(strError.empty(), m_stStore.Changes(), iGeneration);
   if (strError.empty()) {
     g_pLog->Info("worker %u: saved %llu keys, %llu bytes", m_stMark.iWorker,
                  static_cast<unsigned long long>(stStat.iKeys),
@@ -215,6 +239,7 @@ void Saver::Finish() {
   if (!bUnwanted && bChanged && !m_stSettings.vecSaveRules.empty()) {
     SaveNow();
   }
+  m_stJournal.Finish();
 }
 
 SaveStat_t Saver::Stat() const {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "id_generator.h"
+#include "journal.h"
 #include "key_store.h"
 #include "settings.h"
 
@@ -20,6 +21,7 @@ struct SaveStat_t {
 struct WorkerStat_t {
   StoreStat_t stStore;
   SaveStat_t stSave;
+  JournalStat_t stJournal;
 };
 
 // Saves of a worker's keys: in the background by a forked child, one at a time, on demand or by the
@@ -35,8 +37,8 @@ class Saver {
 
   static std::string DumpPath(const Settings_t& stSettings, const TableMark_t& stMark);
 
-  // Fills a table that was made anew from the dump, or one whose filling was cut short. Empty, or
-  // why the worker can not serve.
+  // Fills a table that was made anew from dump and journal, or one whose filling was cut short, and
+  // begins a journal. Empty, or why the worker can not serve.
   std::string Load();
 
   // Starts a save. False when one is under way, or when it can not be started, which the log tells.
@@ -61,15 +63,18 @@ class Saver {
 
   SaveStat_t Stat() const;
 
+  Journal& TheJournal() { return m_stJournal; }
+
  private:
   friend class SaveMachine;
 
+  std::string Fill(uint64_t& iGeneration);
   void Drain();
   void Resume();
   void KillChild();
   void Abandon();
   bool RuleHolds() const;
-  void OnSaved(bool bGood, uint64_t iChanges);
+  void OnSaved(bool bGood, uint64_t iChanges, uint64_t iGeneration);
   int64_t Now() const { return m_stStore.Now() / 1000; }
 
   const Settings_t& m_stSettings;
@@ -77,6 +82,7 @@ class Saver {
   const TableMark_t m_stMark;
   IdGenerator& m_stIds;
   const std::string m_strPath;
+  Journal m_stJournal;
   int m_iEpoll = -1;
   uint32_t m_iMachine = 0;       // the save that runs
   uint64_t m_iSavedChanges = 0;  // changes of the store that are in the last good dump

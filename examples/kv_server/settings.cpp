@@ -36,6 +36,8 @@ const TextSetting_t TEXT_SETTINGS[] = {
     {"save.path", &Settings_t::strSavePath, "directory of the dumps; the run directory"},
     {"save.hook", &Settings_t::strSaveHook,
      "shell command after a save in the background, with KV_DUMP set; none"},
+    {"journal.sync", &Settings_t::strJournalSync,
+     "no (no journal), second or batch: when changes are on disk"},
     {"log.path", &Settings_t::strLogPath, "directory of the log; \"log\" in the run directory"},
     {"log.level", &Settings_t::strLogLevel, "NET, DEBUG, INFORMATION, WARNING, ERROR or STAT"},
     {"debug.commands", &Settings_t::strDebugCommands, "yes or no: whether DEBUG may be used"},
@@ -162,6 +164,11 @@ std::string CheckSettings(const Settings_t& stSettings) {
   }
   if (stSettings.strDebugCommands != "yes" && stSettings.strDebugCommands != "no") {
     return Wrong(stSettings, "debug.commands", stSettings.strDebugCommands, "must be yes or no");
+  }
+  if (stSettings.strJournalSync != "no" && stSettings.strJournalSync != "second" &&
+      stSettings.strJournalSync != "batch") {
+    return Wrong(stSettings, "journal.sync", stSettings.strJournalSync,
+                 "must be no, second or batch");
   }
   std::string strError = CheckTable(stSettings);
   if (!strError.empty()) {

@@ -17,10 +17,11 @@ struct SaveRule_t {
 struct Settings_t {
   std::string strListen = "127.0.0.1:6399";
   std::string strRunDir = "kv_server.run";
-  std::string strOperatorFile;  // empty: none
-  std::string strSavePath;      // empty: the run directory
-  std::string strSaveHook;      // a shell command; empty: none
-  std::string strLogPath;       // empty: "log" below the run directory
+  std::string strOperatorFile;        // empty: none
+  std::string strSavePath;            // empty: the run directory
+  std::string strSaveHook;            // a shell command; empty: none
+  std::string strJournalSync = "no";  // "second", "batch"; "no": no journal
+  std::string strLogPath;             // empty: "log" below the run directory
   std::string strLogLevel = "INFORMATION";
   std::string strDebugCommands = "no";  // "yes": DEBUG may be used
   uint64_t iWorkers = 1;

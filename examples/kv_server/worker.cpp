@@ -1,6 +1,7 @@
 #include "worker.h"
 
 #include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -54,8 +55,9 @@ int Worker::Run() {
     }
     m_stIn.ClearFifo();
     if (m_stIn.CanReadSize() == 0) {  // what came before the clearing is seen here
-      const int iPause = m_stSaver.Turn(m_stStore.Sweep(IDLE_WAIT_MS));
-      WaitReadable(m_stIn.FifoFD(), m_stSaver.WaitFD(), iPause);
+      int iPause = m_stSaver.Turn(m_stStore.Sweep(IDLE_WAIT_MS));
+      iPause = m_stSaver.TheJournal().Turn(iPause);
+      WaitReadable({m_stIn.FifoFD(), m_stSaver.WaitFD(), m_stSaver.TheJournal().WaitFD()}, iPause);
     }
   }
   Turn();
@@ -76,9 +78,19 @@ bool Worker::Start() {
       m_stOut.AttachWithKey(m_stNames.stOut.strFifo.c_str(), m_stNames.stOut.iKey, iBytes) != 0) {
     return false;
   }
+  m_stOutbox.SetBarrier([this] { CommitOrEnd(); });
   g_pLog->Info("worker %d: started", m_iIndex);
   m_stOutbox.Hello();
   return m_stOutbox.Publish();
+}
+
+// Changes that the journal could not take are in the table, and nobody must hear that they are
+// safe. When this worker ends here, its clients hear that they may or may not have been made.
+void Worker::CommitOrEnd() {
+  if (!m_stSaver.TheJournal().Commit()) {
+    g_pLog->Error("worker %d: ends without answering what the journal has not got", m_iIndex);
+    _exit(EXIT_JOURNAL);
+  }
 }
 
 bool Worker::AttachTable() {
@@ -120,6 +132,7 @@ void Worker::Turn() {
   }
   m_stStore.Sweep(0);
   m_stSaver.Turn(0);
+  m_stSaver.TheJournal().Turn(0);
   MachinePool::Instance().ProcessTimeout(0);
 }
 

@@ -15,6 +15,7 @@
 #include "settings.h"
 
 const int EXIT_TABLE = 2;
+const int EXIT_JOURNAL = 3;
 
 // A worker process: sleeps on its inbound queue, runs what comes, answers once per turn.
 class Worker {
@@ -35,6 +36,7 @@ class Worker {
   bool AttachTable();
   bool LoadTable();
   bool Start();
+  void CommitOrEnd();
   void Turn();
   bool Fetch();
   bool FetchAtLeast(size_t iCount);
