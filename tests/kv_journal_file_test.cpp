@@ -91,12 +91,12 @@ TEST_F(KvJournalFileTest, AValueThatIsOverTakesTheEarlierOneAway) {
 TEST_F(KvJournalFileTest, TheFormatIsFixed) {
   Set("k", "ab", NOW + 1);
   EXPECT_EQ(std::string("KVJRNL1\n"
-                        "\0\0\0\0\1\0\0\0"      // worker 0 of 1
-                        "\7\0\0\0\0\0\0\0"      // generation
-                        "\xd1\xc9\xe1\x8a",     // CRC-32 of the head and the next 20 bytes
+                        "\0\0\0\0\1\0\0\0"   // worker 0 of 1
+                        "\7\0\0\0\0\0\0\0"   // generation
+                        "\x7f\x61\xa5\x1b",  // CRC-32 of the head and the next 20 bytes
                         28),
             m_strFile.substr(0, 28));
-  EXPECT_EQ(std::string("\x9e\x6b\x05\x5c"              // CRC-32 of "kab"
+  EXPECT_EQ(std::string("\x41\xa7\x99\x64"            // CRC-32 of "kab"
                         "\x01\x68\xe5\xcf\x8b\1\0\0"  // NOW + 1
                         "\1\0\0\0\2\0\0\0"            // sizes
                         "kab",
@@ -219,8 +219,8 @@ TEST_F(KvJournalFileTest, FilesAreFoundByWorkerAndGeneration) {
   EXPECT_EQ(strPath + "/journal-3.12.kv", JournalPath(strPath, 3, 12));
   for (const char* pName :
        {"journal-3.12.kv", "journal-3.9.kv", "journal-3.100.kv", "journal-33.1.kv",
-        "journal-3.5.kv.new", "journal-3.05.kv", "journal-3.x.kv", "journal-3..kv", "journal-3.0.kv",
-        "dump-3.kv", "journal-3.99999999999999999999.kv"}) {
+        "journal-3.5.kv.new", "journal-3.05.kv", "journal-3.x.kv", "journal-3..kv",
+        "journal-3.0.kv", "dump-3.kv", "journal-3.99999999999999999999.kv"}) {
     WriteFile(m_stDirectory.File(pName), "");
   }
   EXPECT_EQ((std::vector<uint64_t>{9, 12, 100}), JournalGenerations(strPath, 3));
