@@ -17,9 +17,10 @@
 //
 // What may be torn and what is damage: records are written front to back, so a writer that was
 // killed, or a machine that died, leaves a file that ends inside a record, or a last one whose
-// bytes are not all there. That is cut off: nobody was promised its change, or only for a second's
-// delay. A bad record with others behind it was once good. Cutting there would throw away changes
-// that somebody relies on, so it is refused and left to the operator.
+// bytes are not all there. That is cut off: its change was not acknowledged, or the machine died
+// within the time that journal.sync allows. A bad record with others behind it was once good.
+// Cutting there would throw away changes that somebody relies on, so it is refused and left to the
+// operator.
 
 namespace {
 

@@ -20,6 +20,10 @@
 // be, with the same result. New keys, deletions and expiry times change by one store each and need
 // no intent.
 //
+// A listener's records are written later than the changes that they tell. The mark, an entry of the
+// server's own, is set to 0 by one store before each change under a listener; who finds it so knows
+// that changes may have been made which the listener did not live to write down.
+//
 // A replacement of another size needs a block, and HashMap::Set() gives the old one up before it
 // asks for it. So it is asked for before: when the uncarved rest is too small, by an entry of the
 // same size under a name of the server's own, which is deleted again and leaves its block free.
