@@ -51,17 +51,30 @@ TEST_F(KvDumpFileTest, EveryKeyComesBack) {
 
 TEST_F(KvDumpFileTest, TheFormatIsFixed) {
   m_stStore.Set("k", "ab", NOW + 1);
-  ASSERT_EQ("", Write());
-  EXPECT_EQ(std::string("KVDUMP1\n"
+  ASSERT_EQ("", WriteDump(m_stStore, m_stTable.Name().stMark, m_strPath, m_stStat, 5));
+  EXPECT_EQ(std::string("KVDUMP2\n"
                         "\0\0\0\0\1\0\0\0"            // worker 0 of 1
                         "\x00\x68\xe5\xcf\x8b\1\0\0"  // NOW
+                        "\5\0\0\0\0\0\0\0"            // generation of the journal
                         "\1\0\0\0\2\0\0\0"            // sizes
                         "\x01\x68\xe5\xcf\x8b\1\0\0"  // NOW + 1
                         "kab"
                         "\xff\xff\xff\xff",
-                        24 + 16 + 3 + 4),
-            Bytes().substr(0, 47));
-  EXPECT_EQ(std::string("\1\0\0\0\0\0\0\0", 8), Bytes().substr(51));  // entries
+                        32 + 16 + 3 + 4),
+            Bytes().substr(0, 55));
+  EXPECT_EQ(std::string("\1\0\0\0\0\0\0\0", 8), Bytes().substr(59));  // entries
+}
+
+TEST_F(KvDumpFileTest, TheJournalsGenerationComesBack) {
+  const TableMark_t stMark = m_stTable.Name().stMark;
+  EXPECT_EQ(0u, DumpGeneration(stMark, m_strPath));
+  ASSERT_EQ("", WriteDump(m_stStore, stMark, m_strPath, m_stStat, 1234567890123));
+  EXPECT_EQ(1234567890123u, DumpGeneration(stMark, m_strPath));
+  EXPECT_EQ("", Load());
+  EXPECT_EQ(1234567890123u, m_stStat.iGeneration);
+  TableMark_t stOther = stMark;
+  stOther.iWorker = 1;
+  EXPECT_EQ(0u, DumpGeneration(stOther, m_strPath));
 }
 
 TEST_F(KvDumpFileTest, NoFileIsNoKeys) {
@@ -127,7 +140,7 @@ TEST_F(KvDumpFileTest, ImpossibleSizesTakeNoMemory) {
   m_stStore.Set("key", "value");
   ASSERT_EQ("", Write());
   std::string strBad = Bytes();
-  strBad.replace(28, 4, "\xff\xff\xff\x7f");  // the value's size
+  strBad.replace(36, 4, "\xff\xff\xff\x7f");  // the value's size
   Put(strBad);
   EXPECT_EQ(m_strPath + ": an entry has an impossible size", Load());
 }
