@@ -325,7 +325,7 @@ TEST_F(KvCommandRunnerTest, RandomKeyTellsOfHowMany) {
 TEST_F(KvCommandRunnerTest, InfoHasTheStoresFigures) {
   m_stStore.Set("a", "1");
   m_stStore.Set("b", "1", NOW + 5000);
-  EXPECT_EQ("*10\r\n$1\r\n2\r\n$1\r\n1\r\n$4\r\n5000\r\n", Run(CMD_INFO, {}).substr(0, 29));
+  EXPECT_EQ("*16\r\n$1\r\n2\r\n$1\r\n1\r\n$4\r\n5000\r\n", Run(CMD_INFO, {}).substr(0, 29));
 }
 
 // Whatever finds no room says so and leaves things as they are.

@@ -299,6 +299,7 @@ TEST_F(KvServerJournalTest, WithSecondAnIdleWorkerSyncsToo) {
   ServerProcess stServer({"journal.sync=second"});
   Client stClient(stServer);
   stClient.Ask({"SET", "a", "1"});
+  EXPECT_TRUE(WaitUntil([&] { return Syncs(stClient) == 1; }));
   stClient.Ask({"SET", "a", "2"});
   usleep(1800000);
   EXPECT_EQ("0", InfoLine(stClient, "aof_pending_bio_fsync"));

@@ -63,7 +63,7 @@ Saver::~Saver() { close(m_iEpoll); }
 std::string Saver::Load() {
   RemoveUnfinishedDump(m_strPath);
   const bool bNew = !m_stStore.IsLoaded();
-  uint64_t iGeneration = DumpGeneration(m_stMark, m_strPath);
+  uint64_t iGeneration = bNew ? 0 : DumpGeneration(m_stMark, m_strPath);
   std::string strError = bNew ? Fill(iGeneration) : "";
   if (!bNew) {
     m_iSavedChanges = m_stStore.Changes() - 1;
