@@ -70,6 +70,12 @@ TEST_F(KvConfigFilesTest, ASettingGivenTwiceIsRefused) {
             LoadXml("<server><workers>1</workers></server><server><workers>2</workers></server>"));
 }
 
+TEST_F(KvConfigFilesTest, AnErrorShowsNoPassword) {
+  EXPECT_EQ(
+      PathOf("kv.xml: mirror.mysql.password = \"***\": is set more than once"),
+      LoadXml("<mirror><mysql><password>a</password><password>b</password></mysql></mirror>"));
+}
+
 TEST_F(KvConfigFilesTest, UnreadableFilesSayWhy) {
   EXPECT_EQ(PathOf("none.xml: No such file or directory"),
             LoadConfigFile(m_stSettings, PathOf("none.xml")));

@@ -107,6 +107,38 @@ TEST_F(KvDumpFileTest, AnotherWorkersDumpIsRefused) {
             LoadDump(m_stLoaded, stMark, m_strPath, m_stStat));
 }
 
+TEST_F(KvDumpFileTest, AVisitorSeesEveryEntryUntilItRefusesOne) {
+  m_stStore.Set("a", "1", NOW + 10);
+  m_stStore.Set("b", "2");
+  ASSERT_EQ("", Write());
+  const TableMark_t stMark = m_stTable.Name().stMark;
+  std::string strSeen;
+  uint64_t iEntries = 0;
+  const auto Note = [&](std::string_view strKey, const Value_t& stValue) {
+    strSeen += std::string(strKey) + "=" + std::string(stValue.strBytes) + "@" +
+               std::to_string(stValue.iExpireAt == KeyStore::NEVER ? 0 : stValue.iExpireAt - NOW) +
+               " ";
+    return std::string();
+  };
+  EXPECT_EQ("", ReadDump(stMark, m_strPath, Note, iEntries));
+  EXPECT_TRUE(strSeen == "a=1@10 b=2@0 " || strSeen == "b=2@0 a=1@10 ") << strSeen;
+  EXPECT_EQ(2u, iEntries);
+  const auto Refuse = [](std::string_view /*strKey*/, const Value_t& /*stValue*/) { return "no"; };
+  EXPECT_EQ(m_strPath + ": no", ReadDump(stMark, m_strPath, Refuse, iEntries));
+  EXPECT_EQ(0u, iEntries);
+}
+
+TEST_F(KvDumpFileTest, AVisitorHearsOfAMissingOrDamagedFile) {
+  const TableMark_t stMark = m_stTable.Name().stMark;
+  const auto Take = [](std::string_view /*strKey*/, const Value_t& /*stValue*/) { return ""; };
+  uint64_t iEntries = 0;
+  EXPECT_EQ(m_strPath + ": No such file or directory", ReadDump(stMark, m_strPath, Take, iEntries));
+  m_stStore.Set("a", "1");
+  ASSERT_EQ("", Write());
+  Put(Bytes() + "x");
+  EXPECT_EQ(m_strPath + ": something follows its end", ReadDump(stMark, m_strPath, Take, iEntries));
+}
+
 // Each bit matters; without the checksum the flipped bits of a value would pass.
 TEST_F(KvDumpFileTest, ADamagedFileIsRefused) {
   m_stStore.Set("key", "value", NOW + 1000);

@@ -159,6 +159,42 @@ TEST(KvSettingsTest, TheLogLiesInTheRunDirectoryUnlessTold) {
   EXPECT_EQ("/var/log/kv", stSettings.LogPath());
 }
 
+TEST(KvSettingsTest, TheMirrorsTableIsAPlainName) {
+  for (const std::string& strValue :
+       {std::string("a"), std::string("KV_keys_2"), std::string(64, 't')}) {
+    EXPECT_EQ("", CheckWith("mirror.mysql.table", strValue));
+  }
+  for (const std::string strValue : {"", "a b", "a`b", "a.b", "\xc3\xa4", "a'", "a-b"}) {
+    EXPECT_EQ(
+        "mirror.mysql.table = \"" + strValue + "\": must be 1 to 64 letters, digits and \"_\"",
+        CheckWith("mirror.mysql.table", strValue));
+  }
+  EXPECT_NE("", CheckWith("mirror.mysql.table", std::string(65, 't')));
+}
+
+TEST(KvSettingsTest, AMirrorNeedsADatabase) {
+  Settings_t stSettings;
+  stSettings.strMirrorDatabase = "";
+  EXPECT_EQ("", CheckSettings(stSettings));
+  stSettings.strMirrorHost = "db";
+  EXPECT_EQ("mirror.mysql.database = \"\": must not be empty with a mirror",
+            CheckSettings(stSettings));
+  EXPECT_NE("", Set("mirror.mysql.port", "0"));
+  EXPECT_NE("", Set("mirror.mysql.port", "65536"));
+}
+
+TEST(KvSettingsTest, APasswordIsListedAsStars) {
+  Settings_t stSettings;
+  EXPECT_EQ("", SetSetting(stSettings, "mirror.mysql.password", "secret"));
+  EXPECT_EQ("secret", stSettings.strMirrorPassword);
+  for (const SettingRow_t& stRow : ListSettings(stSettings)) {
+    EXPECT_EQ(std::string::npos, stRow.strValue.find("secret")) << stRow.pKey;
+  }
+  EXPECT_EQ("***", ShownValue("mirror.mysql.password", "secret"));
+  EXPECT_EQ("", ShownValue("mirror.mysql.password", ""));
+  EXPECT_EQ("secret", ShownValue("mirror.mysql.user", "secret"));
+}
+
 TEST(KvSettingsTest, DebugCommandsAreYesOrNo) {
   EXPECT_EQ("", CheckWith("debug.commands", "yes"));
   EXPECT_EQ("", CheckWith("debug.commands", "no"));

@@ -147,7 +147,7 @@ std::string WithoutLineEnd(std::string strKey) {
 
 std::string Wrong(const std::string& strKey, const std::string& strValue,
                   const std::string& strWhat) {
-  return strKey + " = \"" + strValue + "\": " + strWhat;
+  return strKey + " = \"" + ShownValue(strKey, strValue) + "\": " + strWhat;
 }
 
 // ConfigGenerator takes character data of XML.

@@ -89,10 +89,10 @@ std::string CheckEnd(DumpStream& stFile, const DumpEntry_t& stEnd, uint32_t iBef
   return stFile.AtEnd() ? "" : "something follows its end";
 }
 
-std::string ReadEntries(DumpStream& stFile, KeyStore& stStore, DumpStat_t& stStat) {
+std::string ReadEntries(DumpStream& stFile, const DumpVisitor_t& fnVisit, uint64_t& iEntries) {
   std::string strKey;
   std::string strValue;
-  for (uint64_t iEntries = 0;; ++iEntries) {
+  for (iEntries = 0;; ++iEntries) {
     DumpEntry_t stEntry{};
     const uint32_t iBefore = stFile.Checksum();
     if (!stFile.Read(&stEntry, sizeof(stEntry))) {
@@ -110,13 +110,10 @@ std::string ReadEntries(DumpStream& stFile, KeyStore& stStore, DumpStat_t& stSta
         !stFile.Read(strValue.data(), strValue.size())) {
       return "it is cut off";
     }
-    if (stEntry.iExpireAt != KeyStore::NEVER && stEntry.iExpireAt <= stStore.Now()) {
-      continue;
+    const std::string strFault = fnVisit(strKey, {strValue, stEntry.iExpireAt});
+    if (!strFault.empty()) {
+      return strFault;
     }
-    if (!stStore.Set(strKey, strValue, stEntry.iExpireAt)) {
-      return "its keys do not fit into the table (table.bytes)";
-    }
-    ++stStat.iKeys;
   }
 }
 
@@ -124,6 +121,18 @@ bool ReadHead(DumpStream& stFile, const TableMark_t& stMark, DumpHead_t& stHead)
   return stFile.Read(&stHead, sizeof(stHead)) &&
          memcmp(stHead.szMagic, MAGIC, sizeof(MAGIC)) == 0 && stHead.iWorker == stMark.iWorker &&
          stHead.iWorkers == stMark.iWorkers;
+}
+
+std::string ReadOpen(DumpStream& stFile, const TableMark_t& stMark, const std::string& strPath,
+                     const DumpVisitor_t& fnVisit, uint64_t& iEntries, uint64_t& iGeneration) {
+  DumpHead_t stHead{};
+  if (!ReadHead(stFile, stMark, stHead)) {
+    return strPath + ": it is no dump of worker " + std::to_string(stMark.iWorker) + " of " +
+           std::to_string(stMark.iWorkers);
+  }
+  iGeneration = stHead.iGeneration;
+  const std::string strError = ReadEntries(stFile, fnVisit, iEntries);
+  return strError.empty() ? "" : strPath + ": " + strError;
 }
 
 }  // namespace
@@ -165,6 +174,15 @@ std::string WriteDump(KeyStore& stStore, const TableMark_t& stMark, const std::s
 
 void RemoveUnfinishedDump(const std::string& strPath) { unlink(UnfinishedName(strPath).c_str()); }
 
+std::string ReadDump(const TableMark_t& stMark, const std::string& strPath,
+                     const DumpVisitor_t& fnVisit, uint64_t& iEntries) {
+  DumpStream stFile(strPath, "r");
+  iEntries = 0;
+  uint64_t iGeneration = 0;
+  return stFile.IsOpen() ? ReadOpen(stFile, stMark, strPath, fnVisit, iEntries, iGeneration)
+                         : strPath + ": " + strerror(errno);
+}
+
 std::string LoadDump(KeyStore& stStore, const TableMark_t& stMark, const std::string& strPath,
                      DumpStat_t& stStat) {
   DumpStream stFile(strPath, "r");
@@ -172,13 +190,17 @@ std::string LoadDump(KeyStore& stStore, const TableMark_t& stMark, const std::st
   if (!stFile.IsOpen()) {
     return errno == ENOENT ? "" : strPath + ": " + strerror(errno);
   }
-  DumpHead_t stHead{};
-  if (!ReadHead(stFile, stMark, stHead)) {
-    return strPath + ": it is no dump of worker " + std::to_string(stMark.iWorker) + " of " +
-           std::to_string(stMark.iWorkers);
-  }
-  stStat.iGeneration = stHead.iGeneration;
-  const std::string strError = ReadEntries(stFile, stStore, stStat);
+  const auto Add = [&](std::string_view strKey, const Value_t& stValue) {
+    if (stValue.iExpireAt != KeyStore::NEVER && stValue.iExpireAt <= stStore.Now()) {
+      return "";
+    }
+    ++stStat.iKeys;
+    return stStore.Set(strKey, stValue.strBytes, stValue.iExpireAt)
+               ? ""
+               : "its keys do not fit into the table (table.bytes)";
+  };
+  uint64_t iEntries = 0;
+  const std::string strError = ReadOpen(stFile, stMark, strPath, Add, iEntries, stStat.iGeneration);
   stStat.iBytes = stFile.Bytes();
-  return strError.empty() ? "" : strPath + ": " + strError;
+  return strError;
 }

@@ -3,7 +3,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <string_view>
 
 #include "key_store.h"
 
@@ -47,6 +49,12 @@ std::string WriteDump(KeyStore& stStore, const TableMark_t& stMark, const std::s
 
 // Removes what a process that was killed in WriteDump() has left beside the name.
 void RemoveUnfinishedDump(const std::string& strPath);
+
+// Calls fnVisit for each entry until it returns what is wrong; iEntries counts them. Empty, or
+// that, or what is wrong with the file, which may be seen only at its end. A file must be there.
+typedef std::function<std::string(std::string_view strKey, const Value_t& stValue)> DumpVisitor_t;
+std::string ReadDump(const TableMark_t& stMark, const std::string& strPath,
+                     const DumpVisitor_t& fnVisit, uint64_t& iEntries);
 
 // Adds the keys of a file to a store, without those whose time is over. A file that is not there is
 // an empty one. Empty, or what is wrong with the file or the table; then some keys may be in.

@@ -95,8 +95,8 @@ std::string CheckShutdown(const Arguments_t& vecArguments) {
 }
 
 std::string CheckBgSave(const Arguments_t& vecArguments) {
-  const bool bKnown = vecArguments.size() == 1 ||
-                      (vecArguments.size() == 2 && IsWord(vecArguments[1], "schedule"));
+  const bool bKnown =
+      vecArguments.size() == 1 || (vecArguments.size() == 2 && IsWord(vecArguments[1], "schedule"));
   return bKnown ? "" : SYNTAX_ERROR;
 }
 

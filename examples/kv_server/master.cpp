@@ -262,7 +262,8 @@ void Master::StopGroup(bool bGateway) {
       }
     }
   };
-  const bool bSaves = !bGateway && !m_stSettings.vecSaveRules.empty();
+  const bool bSaves =
+      !bGateway && !(m_stSettings.vecSaveRules.empty() && m_stSettings.strMirrorHost.empty());
   const uint64_t iSeconds = m_stSettings.iStopTimeout + (bSaves ? m_stSettings.iSaveTimeout : 0);
   const int64_t iDeadline =
       NowMilliseconds() + static_cast<int64_t>(iSeconds) * 1000 + KILL_AFTER_MS;

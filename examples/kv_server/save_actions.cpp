@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "mirror.h"
 #include "process_signals.h"
 
 namespace {
@@ -42,6 +43,18 @@ int SaveAction::Do() {
   ResultParam("state", strError.empty() ? SAVED : strError);
   EncodeToStdout(SerializeResult());
   _exit(strError.empty() ? 0 : 1);
+}
+
+int MirrorAction::Do() {
+  EndWithWorker();
+  MirrorStat_t stStat{};
+  const std::string strError = WriteMirror(m_stSettings, m_stMark, m_strDump, stStat);
+  ResultParam("keys", std::to_string(stStat.iKeys));
+  ResultParam("written", std::to_string(stStat.iWritten));
+  ResultParam("deleted", std::to_string(stStat.iDeleted));
+  ResultParam("state", strError.empty() ? SAVED : strError);
+  EncodeToStdout(SerializeResult());
+  return strError.empty() ? 0 : 1;
 }
 
 int RequestAction::Do() {

@@ -8,6 +8,7 @@
 
 #include "dump_file.h"
 #include "long_action_util.h"
+#include "settings.h"
 #include "table_snapshot.h"
 
 // The slow parts of a save, which a worker has done by forked children. Each ends with its worker.
@@ -38,6 +39,20 @@ class SaveAction : public LongActionMethod {
 };
 
 const char SAVED[] = "saved";
+
+// Brings the mirror up to a dump, over a connection of its own. The outcome as above, with "keys",
+// "written" and "deleted".
+class MirrorAction : public LongActionMethod {
+ public:
+  MirrorAction(const Settings_t& stSettings, const TableMark_t& stMark, std::string strDump)
+      : m_stSettings(stSettings), m_stMark(stMark), m_strDump(std::move(strDump)) {}
+  int Do() override;
+
+ private:
+  const Settings_t& m_stSettings;
+  const TableMark_t m_stMark;
+  const std::string m_strDump;
+};
 
 // Runs what a serialised request names; its exit code is the method's. So a hook is a request for
 // the library's ExecuteShell2.

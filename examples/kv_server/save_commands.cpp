@@ -22,9 +22,9 @@ void CommandRunner::LastSave(const Arguments_t& /*vecArguments*/, std::string& s
 // The end itself comes with a signal, when all workers have agreed.
 void CommandRunner::Shutdown(const Arguments_t& vecArguments, std::string& strOut) {
   const auto Has = [&](const char* pWord) {
-    return std::any_of(
-        vecArguments.begin(), vecArguments.end(),
-        [pWord](std::string_view strWord) { return EqualsIgnoringCase(strWord, pWord); });
+    return std::any_of(vecArguments.begin(), vecArguments.end(), [pWord](std::string_view strWord) {
+      return EqualsIgnoringCase(strWord, pWord);
+    });
   };
   if (Has("nosave")) {
     m_stSaver.DoNotSaveAtEnd();

@@ -32,8 +32,10 @@ std::string OutcomeOf(const std::string& strText, LongActionMethod& stResult) {
 
 void SaveMachine::RegisterStates() {
   StateMachine::SetGlobalStateList(MACHINE_SAVE, SAVE_WRITING, OnWritten);
+  StateMachine::SetGlobalStateList(MACHINE_SAVE, SAVE_MIRROR, OnMirrorEnded);
   StateMachine::SetGlobalStateList(MACHINE_SAVE, SAVE_HOOK, OnHookEnded);
   StateMachine::SetGlobalStateName(MACHINE_SAVE, SAVE_WRITING, "writing");
+  StateMachine::SetGlobalStateName(MACHINE_SAVE, SAVE_MIRROR, "mirror");
   StateMachine::SetGlobalStateName(MACHINE_SAVE, SAVE_HOOK, "hook");
 }
 
@@ -88,10 +90,50 @@ int SaveMachine::OnDump(const long_action_response_t& stResponse) {
                   stResponse.strStdError.c_str());
   }
   m_stSaver.OnSaved(bGood, m_iChanges, m_iGeneration);
-  return bGood && !m_stSaver.m_stSettings.strSaveHook.empty() ? StartHook() : DONE;
+  if (!bGood) {
+    return DONE;
+  }
+  m_bSaved = true;
+  // The mirror first: the hook may take the dump away.
+  return m_stSaver.HasMirror() && BeginMirror() ? GOES_ON : StartHook();
+}
+
+bool SaveMachine::BeginMirror() {
+  MirrorAction stAction(m_stSaver.m_stSettings, m_stSaver.m_stMark, m_stSaver.m_strPath);
+  fflush(nullptr);
+  if (LongActionUtil::Instance().Perform(&stAction, GetId(), 0) != 0) {
+    g_pLog->Error("worker %d: the mirror can not be written: %s", *g_pWorkerIndex, strerror(errno));
+    return false;
+  }
+  Enter(SAVE_MIRROR);
+  return true;
+}
+
+int SaveMachine::OnMirrorEnded(StateMachine* pMachine, InternalHead_t* /*pHead*/, void* pMessage) {
+  return static_cast<SaveMachine*>(pMachine)->OnMirror(
+      *static_cast<long_action_response_t*>(pMessage));
+}
+
+// The dump is good whatever has become of the mirror; the next save makes up for it.
+int SaveMachine::OnMirror(const long_action_response_t& stResponse) {
+  LongActionMethod stResult;
+  const std::string strOutcome = OutcomeOf(stResponse.strStdOut, stResult);
+  m_stSaver.m_bMirrorBehind = strOutcome != SAVED;
+  if (m_stSaver.m_bMirrorBehind) {
+    g_pLog->Error("worker %d: the mirror is behind: %s %s", *g_pWorkerIndex, strOutcome.c_str(),
+                  stResponse.strStdError.c_str());
+  } else {
+    g_pLog->Info("worker %d: mirrored %s keys, %s rows written, %s deleted", *g_pWorkerIndex,
+                 stResult.Param("keys", 0).c_str(), stResult.Param("written", 0).c_str(),
+                 stResult.Param("deleted", 0).c_str());
+  }
+  return m_bSaved && !m_stSaver.m_bAbandoning ? StartHook() : DONE;
 }
 
 int SaveMachine::StartHook() {
+  if (m_stSaver.m_stSettings.strSaveHook.empty()) {
+    return DONE;
+  }
   LongActionMethod stRequest;
   stRequest.Method("ExecuteShell2");
   stRequest.Param("command", m_stSaver.m_stSettings.strSaveHook);

@@ -13,18 +13,22 @@
 #include <memory>
 
 #include "dump_file.h"
+#include "journal_file.h"
 #include "log.h"
 #include "long_action_util.h"
 #include "machine_pool.h"
+#include "mirror.h"
 #include "process_signals.h"
 #include "save_machine.h"
 #include "zelk_variable.h"
 
 namespace {
 
+const char MOVE_AWAY[] = "; move it away to go on without its keys";
 const int MAX_EVENTS = 8;
 const int64_t RETRY_SECONDS = 5;  // after a save that failed
 const int RULES_PAUSE_MS = 1000;
+const int END_PAUSE_MS = 5;
 const int CHILD_PAUSE_MS = 100;           // should the signal of a child's end be missed
 const int TURN_READS = 2 * 65536 / 1024;  // of a child's output: all that both pipes can hold
 const int READ_SIZE = 1024;               // of the library
@@ -64,34 +68,67 @@ std::string Saver::Load() {
   RemoveUnfinishedDump(m_strPath);
   const bool bNew = !m_stStore.IsLoaded();
   uint64_t iGeneration = bNew ? 0 : DumpGeneration(m_stMark, m_strPath);
-  std::string strError = bNew ? Fill(iGeneration) : "";
+  bool bWhole = false;
+  std::string strError = bNew ? Fill(iGeneration, bWhole) : "";
   if (!bNew) {
     m_iSavedChanges = m_stStore.Changes() - 1;
   }
   if (strError.empty()) {
-    m_stJournal.Begin(iGeneration, bNew);
+    m_stJournal.Begin(iGeneration, bWhole);
   }
   return strError;
 }
 
-std::string Saver::Fill(uint64_t& iGeneration) {
+std::string Saver::Fill(uint64_t& iGeneration, bool& bWhole) {
   m_stStore.Clear();
-  DumpStat_t stStat{};
-  std::string strError = LoadDump(m_stStore, m_stMark, m_strPath, stStat);
+  std::string strError = LoadKeys(iGeneration, bWhole);
   if (!strError.empty()) {
     return strError;
-  }
-  iGeneration = stStat.iGeneration;
-  if (stStat.iBytes > 0) {
-    g_pLog->Warning("worker %u: the table is new; %llu keys come from %s", m_stMark.iWorker,
-                    static_cast<unsigned long long>(stStat.iKeys), m_strPath.c_str());
   }
   m_iSavedChanges = m_stStore.Changes();
   strError = m_stJournal.Replay(iGeneration);
   if (!strError.empty()) {
-    return strError;
+    return strError + MOVE_AWAY;
   }
   return m_stStore.SetLoaded() ? "" : "table.bytes: the table has no room";
+}
+
+// bWhole: dump and journal have all keys. The mirror stands in for both, until the next save.
+std::string Saver::LoadKeys(uint64_t& iGeneration, bool& bWhole) {
+  DumpStat_t stStat{};
+  const std::string strError = LoadDump(m_stStore, m_stMark, m_strPath, stStat);
+  iGeneration = stStat.iGeneration;
+  if (!strError.empty()) {
+    return strError + MOVE_AWAY;
+  }
+  const bool bDump = stStat.iBytes > 0;
+  bWhole = bDump || !HasMirror() ||
+           !JournalGenerations(m_stSettings.SavePath(), m_stMark.iWorker).empty();
+  if (!bWhole) {
+    return LoadFromMirror();
+  }
+  if (bDump) {
+    g_pLog->Warning("worker %u: the table is new; %llu keys come from %s", m_stMark.iWorker,
+                    static_cast<unsigned long long>(stStat.iKeys), m_strPath.c_str());
+  }
+  return "";
+}
+
+// A server that started without its keys because its database was down, too, would be believed.
+std::string Saver::LoadFromMirror() {
+  g_pLog->Warning("worker %u: the table is new and there is no dump; asks the mirror at %s:%llu",
+                  m_stMark.iWorker, m_stSettings.strMirrorHost.c_str(),
+                  static_cast<unsigned long long>(m_stSettings.iMirrorPort));
+  uint64_t iKeys = 0;
+  const std::string strError = LoadMirror(m_stSettings, m_stMark, m_stStore, iKeys);
+  if (!strError.empty()) {
+    return strError +
+           "; there is no other copy of the keys. To start without them, name another "
+           "mirror.mysql.table, or no mirror.mysql.host";
+  }
+  g_pLog->Warning("worker %u: %llu keys come from the mirror", m_stMark.iWorker,
+                  static_cast<unsigned long long>(iKeys));
+  return "";
 }
 
 bool Saver::Start(const char* pReason) {
@@ -196,17 +233,20 @@ void Saver::OnSaved(bool bGood, uint64_t iChanges, uint64_t iGeneration) {
     m_iRetryAt = Now() + RETRY_SECONDS;
     return;
   }
+  m_bMirrorBehind = HasMirror();
   m_iSavedChanges = iChanges;
   m_iLastSave = Now();
   m_stJournal.OnSaved(iGeneration);
 }
 
 void Saver::Abandon() {
+  m_bAbandoning = true;
   while (Running()) {
     KillChild();
     PauseMilliseconds(1);
     Resume();
   }
+  m_bAbandoning = false;
 }
 
 bool Saver::SaveNow() {
@@ -239,7 +279,24 @@ void Saver::Finish() {
   if (!bUnwanted && bChanged && !m_stSettings.vecSaveRules.empty()) {
     SaveNow();
   }
+  if (m_bMirrorBehind && !bUnwanted && StartMirror()) {
+    while (Running()) {
+      PauseMilliseconds(END_PAUSE_MS);
+      Resume();
+      MachinePool::Instance().ProcessTimeout(0);
+    }
+  }
   m_stJournal.Finish();
+}
+
+bool Saver::StartMirror() {
+  auto pMachine = std::make_unique<SaveMachine>(*this, m_stIds.GetId());
+  if (!pMachine->BeginMirror()) {
+    return false;
+  }
+  m_iMachine = pMachine->GetId();
+  MachinePool::Instance().AddMachine(pMachine.release());
+  return true;
 }
 
 SaveStat_t Saver::Stat() const {

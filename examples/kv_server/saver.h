@@ -37,8 +37,9 @@ class Saver {
 
   static std::string DumpPath(const Settings_t& stSettings, const TableMark_t& stMark);
 
-  // Fills a table that was made anew from dump and journal, or one whose filling was cut short, and
-  // begins a journal. Empty, or why the worker can not serve.
+  // Fills a table that was made anew, or one whose filling was cut short: from dump and journal;
+  // when there is neither, from the mirror. Begins a journal. Empty, or why the worker can not
+  // serve and what may be done.
   std::string Load();
 
   // Starts a save. False when one is under way, or when it can not be started, which the log tells.
@@ -55,7 +56,8 @@ class Saver {
   // Ends a save that runs and saves in this process. False when that failed, which the log tells.
   bool SaveNow();
 
-  // At the end: ends a save that runs, and saves what has changed if there are rules.
+  // At the end: ends a save that runs, and saves what has changed if there are rules. What was
+  // saved in this process goes to the mirror now.
   void Finish();
   // Not then,
   // should the end come soon; a shutdown that another worker refuses changes nothing.
@@ -68,7 +70,11 @@ class Saver {
  private:
   friend class SaveMachine;
 
-  std::string Fill(uint64_t& iGeneration);
+  std::string Fill(uint64_t& iGeneration, bool& bWhole);
+  bool HasMirror() const { return !m_stSettings.strMirrorHost.empty(); }
+  std::string LoadKeys(uint64_t& iGeneration, bool& bWhole);
+  std::string LoadFromMirror();
+  bool StartMirror();
   void Drain();
   void Resume();
   void KillChild();
@@ -89,9 +95,11 @@ class Saver {
   int64_t m_iLastSave;
   int64_t m_iRetryAt = 0;  // after a failure the rules wait
   bool m_bLastGood = true;
-  int64_t m_iNoSaveBefore = 0;  // the end does not save before this time
-  int m_iOutput = 0;            // bytes from the child that runs
-  bool m_bChildKilled = false;  // by us
+  int64_t m_iNoSaveBefore = 0;   // the end does not save before this time
+  int m_iOutput = 0;             // bytes from the child that runs
+  bool m_bChildKilled = false;   // by us
+  bool m_bMirrorBehind = false;  // there is a good dump that the mirror has not had
+  bool m_bAbandoning = false;
 };
 
 #endif

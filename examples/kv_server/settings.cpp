@@ -29,6 +29,8 @@ struct TextSetting_t {
   const char* pHelp;
 };
 
+const char PASSWORD_KEY[] = "mirror.mysql.password";
+
 const TextSetting_t TEXT_SETTINGS[] = {
     {"server.listen", &Settings_t::strListen, "IPv4 address and port"},
     {"server.run_dir", &Settings_t::strRunDir, "directory of lock, FIFOs and keys"},
@@ -41,11 +43,18 @@ const TextSetting_t TEXT_SETTINGS[] = {
     {"log.path", &Settings_t::strLogPath, "directory of the log; \"log\" in the run directory"},
     {"log.level", &Settings_t::strLogLevel, "NET, DEBUG, INFORMATION, WARNING, ERROR or STAT"},
     {"debug.commands", &Settings_t::strDebugCommands, "yes or no: whether DEBUG may be used"},
+    {"mirror.mysql.host", &Settings_t::strMirrorHost,
+     "database server for a copy of the keys; none"},
+    {"mirror.mysql.user", &Settings_t::strMirrorUser, "its user; the one who runs the server"},
+    {PASSWORD_KEY, &Settings_t::strMirrorPassword, "the user's, best as $(VARIABLE) in the file"},
+    {"mirror.mysql.database", &Settings_t::strMirrorDatabase, "database, which must be there"},
+    {"mirror.mysql.table", &Settings_t::strMirrorTable, "table, made when it is not there"},
 };
 
 const uint64_t GIB = 1 << 30;
 const uint64_t LEAST_TABLE_ROOM = 64 << 10;
 const size_t MAX_DIGITS = 10;
+const size_t MAX_TABLE_NAME = 64;
 
 const NumberSetting_t NUMBER_SETTINGS[] = {
     {"server.workers", &Settings_t::iWorkers, 1, 64, "worker processes"},
@@ -62,7 +71,8 @@ const NumberSetting_t NUMBER_SETTINGS[] = {
     {"limits.unanswered", &Settings_t::iMaxUnanswered, 1, 1 << 20, "commands of one client"},
     {"timeout.gather", &Settings_t::iGatherTimeout, 1, 3600, "seconds for several workers"},
     {"timeout.write", &Settings_t::iWriteTimeout, 1, 86400, "seconds a client may not read"},
-    {"save.timeout", &Settings_t::iSaveTimeout, 1, 86400, "seconds for a save, and for its hook"},
+    {"save.timeout", &Settings_t::iSaveTimeout, 1, 86400, "seconds for a save, mirror, hook each"},
+    {"mirror.mysql.port", &Settings_t::iMirrorPort, 1, 65535, "TCP port of the database server"},
     {"stat.interval", &Settings_t::iStatInterval, 0, 3600, "seconds of latencies a table; 0: none"},
     {"timeout.stop", &Settings_t::iStopTimeout, 0, 3600, "seconds for the last answers"},
 };
@@ -71,7 +81,7 @@ std::string Wrong(const Settings_t& stSettings, const std::string& strKey,
                   const std::string& strValue, const std::string& strWhat) {
   const auto it = stSettings.mapOrigins.find(strKey);
   const std::string strOrigin = it == stSettings.mapOrigins.end() ? "" : it->second;
-  return strOrigin + strKey + " = \"" + strValue + "\": " + strWhat;
+  return strOrigin + strKey + " = \"" + ShownValue(strKey, strValue) + "\": " + strWhat;
 }
 
 // Digits with at most one of K, M and G behind them: what StringToInt() takes without leaving a
@@ -107,6 +117,23 @@ std::string CheckTable(const Settings_t& stSettings) {
     return Wrong(stSettings, "limits.value", std::to_string(stSettings.iMaxValue),
                  "is too large: key and value together may have " +
                      std::to_string(MAX_BLOCK - BlockSize(1, sizeof(ValueHead_t))) + " bytes");
+  }
+  return "";
+}
+
+// Such a name needs no escapes anywhere.
+std::string CheckMirror(const Settings_t& stSettings) {
+  const std::string& strTable = stSettings.strMirrorTable;
+  const bool bGood = !strTable.empty() && strTable.size() <= MAX_TABLE_NAME &&
+                     std::all_of(strTable.begin(), strTable.end(), [](unsigned char c) {
+                       return c < 128 && (isalnum(c) != 0 || c == '_');
+                     });
+  if (!bGood) {
+    return Wrong(stSettings, "mirror.mysql.table", strTable,
+                 "must be 1 to 64 letters, digits and \"_\"");
+  }
+  if (!stSettings.strMirrorHost.empty() && stSettings.strMirrorDatabase.empty()) {
+    return Wrong(stSettings, "mirror.mysql.database", "", "must not be empty with a mirror");
   }
   return "";
 }
@@ -171,6 +198,9 @@ std::string CheckSettings(const Settings_t& stSettings) {
                  "must be no, second or batch");
   }
   std::string strError = CheckTable(stSettings);
+  if (strError.empty()) {
+    strError = CheckMirror(stSettings);
+  }
   if (!strError.empty()) {
     return strError;
   }
@@ -180,10 +210,14 @@ std::string CheckSettings(const Settings_t& stSettings) {
   return "";
 }
 
+std::string ShownValue(const std::string& strKey, const std::string& strValue) {
+  return strKey == PASSWORD_KEY && !strValue.empty() ? "***" : strValue;
+}
+
 std::vector<SettingRow_t> ListSettings(const Settings_t& stSettings) {
   std::vector<SettingRow_t> vecRows;
   for (const TextSetting_t& stRow : TEXT_SETTINGS) {
-    vecRows.push_back({stRow.pKey, stSettings.*stRow.pMember, stRow.pHelp});
+    vecRows.push_back({stRow.pKey, ShownValue(stRow.pKey, stSettings.*stRow.pMember), stRow.pHelp});
   }
   for (const NumberSetting_t& stRow : NUMBER_SETTINGS) {
     vecRows.push_back({stRow.pKey, std::to_string(stSettings.*stRow.pMember), stRow.pHelp});

@@ -24,6 +24,12 @@ struct Settings_t {
   std::string strLogPath;             // empty: "log" below the run directory
   std::string strLogLevel = "INFORMATION";
   std::string strDebugCommands = "no";  // "yes": DEBUG may be used
+  std::string strMirrorHost;            // empty: no mirror
+  std::string strMirrorUser;
+  std::string strMirrorPassword;  // never shown
+  std::string strMirrorDatabase = "kv_server";
+  std::string strMirrorTable = "kv_keys";
+  uint64_t iMirrorPort = 3306;
   uint64_t iWorkers = 1;
   uint64_t iQueueBytes = 8 << 20;
   uint64_t iTableBytes = 256 << 20;    // of each worker's table; memory is taken as it is used
@@ -41,7 +47,7 @@ struct Settings_t {
   uint64_t iGatherTimeout = 10;     // seconds for a command over several workers
   uint64_t iWriteTimeout = 60;      // seconds without a byte taken by the client
   uint64_t iStopTimeout = 5;        // seconds for the last answers
-  uint64_t iSaveTimeout = 600;      // seconds for a save, and as many for its hook
+  uint64_t iSaveTimeout = 600;      // seconds for a save, its mirror, its hook each
   uint64_t iStatInterval = 60;      // seconds of a period of latencies; 0: they are not measured
 
   std::vector<SaveRule_t> vecSaveRules;
@@ -66,7 +72,10 @@ std::string SetSetting(Settings_t& stSettings, const std::string& strKey,
 // What the values must fulfil together; empty, or what is wrong.
 std::string CheckSettings(const Settings_t& stSettings);
 
-// A row of the table of settings, for listings.
+// What a listing or an error text shows of a value: stars for a password.
+std::string ShownValue(const std::string& strKey, const std::string& strValue);
+
+// A row of the table of settings, for listings; passwords are not in it.
 struct SettingRow_t {
   const char* pKey;
   std::string strValue;

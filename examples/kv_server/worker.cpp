@@ -113,7 +113,7 @@ bool Worker::LoadTable() {
   if (strError.empty()) {
     return true;
   }
-  fprintf(stderr, "kv_server: %s; move it away to go on without its keys\n", strError.c_str());
+  fprintf(stderr, "kv_server: %s\n", strError.c_str());
   g_pLog->Error("worker %d: %s", m_iIndex, strError.c_str());
   return false;
 }
