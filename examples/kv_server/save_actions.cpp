@@ -30,7 +30,7 @@ void EndGroup(int /*iSignal*/) { kill(-getpid(), SIGKILL); }
 
 }  // namespace
 
-// Both end without the worker's exit functions: they could only spoil the exit code.
+// All end without the worker's exit functions: they could only spoil the exit code.
 
 int SaveAction::Do() {
   EndWithWorker(m_iWorker);
@@ -46,7 +46,8 @@ int SaveAction::Do() {
 }
 
 int MirrorAction::Do() {
-  EndWithWorker();
+  EndWithWorker(m_iWorker);
+  close_range(STDERR_FILENO + 1, UINT_MAX, 0);
   MirrorStat_t stStat{};
   const std::string strError = WriteMirror(m_stSettings, m_stMark, m_strDump, stStat);
   ResultParam("keys", std::to_string(stStat.iKeys));
@@ -54,7 +55,7 @@ int MirrorAction::Do() {
   ResultParam("deleted", std::to_string(stStat.iDeleted));
   ResultParam("state", strError.empty() ? SAVED : strError);
   EncodeToStdout(SerializeResult());
-  return strError.empty() ? 0 : 1;
+  _exit(strError.empty() ? 0 : 1);
 }
 
 int RequestAction::Do() {

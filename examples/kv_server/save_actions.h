@@ -45,13 +45,17 @@ const char SAVED[] = "saved";
 class MirrorAction : public LongActionMethod {
  public:
   MirrorAction(const Settings_t& stSettings, const TableMark_t& stMark, std::string strDump)
-      : m_stSettings(stSettings), m_stMark(stMark), m_strDump(std::move(strDump)) {}
+      : m_stSettings(stSettings),
+        m_stMark(stMark),
+        m_strDump(std::move(strDump)),
+        m_iWorker(getpid()) {}
   int Do() override;
 
  private:
   const Settings_t& m_stSettings;
   const TableMark_t m_stMark;
   const std::string m_strDump;
+  const pid_t m_iWorker;
 };
 
 // Runs what a serialised request names; its exit code is the method's. So a hook is a request for
