@@ -79,6 +79,22 @@ TEST(KvInfoTextTest, LatencyStatsShowThePercentilesOfThePeriod) {
   EXPECT_EQ(0u, InfoSections({"INFO"}) & INFO_LATENCYSTATS);
 }
 
+TEST(KvInfoTextTest, PersistenceTellsOfTheJournal) {
+  std::string strText;
+  AppendWorkerInfo(strText, INFO_PERSISTENCE, {{}, {}, {1, 0, 0, 77, 1, 5}});
+  EXPECT_NE(
+      std::string::npos,
+      strText.find("aof_enabled:1\r\naof_rewrite_in_progress:0\r\naof_last_write_status:err\r\n"
+                   "journal_whole:0\r\naof_current_size:77\r\naof_pending_bio_fsync:1\r\n"
+                   "journal_syncs:5\r\n"))
+      << strText;
+  strText.clear();
+  AppendWorkerInfo(strText, INFO_PERSISTENCE, {{}, {}, {0, 1, 1, 0, 0, 0}});
+  EXPECT_NE(std::string::npos, strText.find("aof_enabled:0\r\n"));
+  EXPECT_NE(std::string::npos, strText.find("aof_last_write_status:ok\r\n"));
+  EXPECT_EQ(std::string::npos, strText.find("aof_current_size"));
+}
+
 TEST(KvInfoTextTest, SectionsAreSeparatedByAnEmptyLine) {
   const std::string strText = Text(INFO_SERVER | INFO_CLIENTS);
   EXPECT_NE(std::string::npos, strText.find("uptime_in_days:1\r\n\r\n# Clients\r\nconnected"));

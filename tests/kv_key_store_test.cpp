@@ -368,6 +368,99 @@ TEST_F(KvKeyStoreTest, SegmentsOfAnotherKindAreLeftAsTheyAre) {
   EXPECT_EQ(0u, HeapImage(stHeapKey.Key()).Word(4194384));
 }
 
+// Writes down what it hears, and the store's mark at that moment.
+class Listener : public ChangeListener {
+ public:
+  explicit Listener(KeyStore& stStore) : m_stStore(stStore) {}
+  void OnSet(std::string_view strKey, std::string_view strValue, int64_t iExpireAt) override {
+    Note("set " + std::string(strKey) + "=" + std::string(strValue) + "/" +
+         std::to_string(iExpireAt));
+  }
+  void OnExpiry(std::string_view strKey, int64_t iExpireAt) override {
+    Note("expiry " + std::string(strKey) + "/" + std::to_string(iExpireAt));
+  }
+  void OnRemove(std::string_view strKey) override { Note("remove " + std::string(strKey)); }
+  void OnClear() override { Note("clear"); }
+
+  // What was heard since the last call. The mark is set again.
+  std::string Heard() {
+    m_stStore.SetMark(7);
+    return std::move(m_strHeard);
+  }
+
+ private:
+  void Note(const std::string& strWhat) {
+    EXPECT_EQ(0u, m_stStore.Mark());
+    m_strHeard += strWhat + ";";
+  }
+  KeyStore& m_stStore;
+  std::string m_strHeard;
+};
+
+TEST_F(KvKeyStoreTest, AListenerHearsWhatEachChangeHasMade) {
+  Listener stListener(m_stStore);
+  uint64_t iSize = 0;
+  m_stStore.SetMark(7);
+  m_stStore.SetListener(&stListener);
+  m_stStore.Set("a", "1", NOW + 5);
+  EXPECT_EQ("set a=1/1700000000005;", stListener.Heard());
+  m_stStore.Set("a", "22");  // in place
+  EXPECT_EQ("set a=22/0;", stListener.Heard());
+  m_stStore.Append("a", "3", iSize);
+  EXPECT_EQ("set a=223/0;", stListener.Heard());
+  m_stStore.Append("new", "n", iSize);
+  EXPECT_EQ("set new=n/0;", stListener.Heard());
+  m_stStore.SetExpiry("a", NOW + 9);
+  EXPECT_EQ("expiry a/1700000000009;", stListener.Heard());
+  m_stStore.Remove("new");
+  EXPECT_EQ("remove new;", stListener.Heard());
+  m_stStore.SetTime(NOW + 9);
+  EXPECT_EQ("(none)", ValueOf("a"));
+  EXPECT_EQ("remove a;", stListener.Heard());
+  m_stStore.SetListener(nullptr);
+}
+
+TEST_F(KvKeyStoreTest, AListenerHearsOfSweepingAndOfClearingOnce) {
+  Listener stListener(m_stStore);
+  m_stStore.SetListener(&stListener);
+  m_stStore.Set("over", "1", NOW + 1);
+  m_stStore.SetTime(NOW + 1);
+  stListener.Heard();
+  m_stStore.Sweep(0);
+  EXPECT_EQ("remove over;", stListener.Heard());
+  m_stStore.Set("a", "1");
+  m_stStore.Set("b", "1");
+  stListener.Heard();
+  m_stStore.Clear();
+  EXPECT_EQ("clear;", stListener.Heard());
+  m_stStore.Clear();
+  EXPECT_EQ("", stListener.Heard());
+  m_stStore.SetListener(nullptr);
+}
+
+// The mark tells of changes that the listener may have missed, and of nothing else.
+TEST_F(KvKeyStoreTest, WhatChangesNothingLeavesTheMark) {
+  Listener stListener(m_stStore);
+  m_stStore.SetMark(7);
+  m_stStore.SetListener(&stListener);
+  EXPECT_FALSE(m_stStore.Set("large", std::string(2000000, 'v')));
+  EXPECT_FALSE(m_stStore.Remove("a"));
+  EXPECT_FALSE(m_stStore.SetExpiry("a", NOW + 1));
+  EXPECT_EQ(7u, m_stStore.Mark());
+  m_stStore.SetListener(nullptr);
+  EXPECT_TRUE(m_stStore.Set("a", "1"));
+  EXPECT_EQ(7u, m_stStore.Mark()) << "nobody listens";
+}
+
+TEST_F(KvKeyStoreTest, TheMarkLivesWithTheTable) {
+  EXPECT_EQ(0u, m_stStore.Mark());
+  m_stStore.SetMark(UINT64_MAX);
+  KeyStore stNext;
+  ASSERT_EQ("", stNext.Attach(m_stTable.Name()));
+  EXPECT_EQ(UINT64_MAX, stNext.Mark());
+  EXPECT_EQ(0u, stNext.Count());
+}
+
 TEST_F(KvKeyStoreTest, WhatCanNotBeMadeIsTold) {
   TableName_t stName = m_stTable.Name();
   const PrivateKey stKey;

@@ -56,6 +56,21 @@ TEST_F(KvReplyOutboxTest, HelloHasNoLife) {
   EXPECT_EQ("worker 0\n", Drain());
 }
 
+// Whoever has to make an answer true does so while nobody can read it.
+TEST_F(KvReplyOutboxTest, TheBarrierIsPassedBeforeAnAnswerLeaves) {
+  int iPassed = 0;
+  m_stOutbox.SetBarrier([&] {
+    ++iPassed;
+    EXPECT_EQ(0u, m_stQueue.CanReadSize());
+  });
+  EXPECT_TRUE(m_stOutbox.Publish());
+  EXPECT_EQ(0, iPassed) << "there is no answer";
+  m_stOutbox.Hello();
+  EXPECT_TRUE(m_stOutbox.Publish());
+  EXPECT_EQ(1, iPassed);
+  EXPECT_NE(0u, m_stQueue.CanReadSize());
+}
+
 TEST_F(KvReplyOutboxTest, ARunIsOnePieceHoweverManyCommands) {
   Ask(2);
   m_stOutbox.BeginBatch(LIFE, 1);

@@ -94,7 +94,7 @@ std::string Journal::Replay(uint64_t iDump) {
       return strPath + ": what goes before it is missing";
     }
     JournalReplay_t stReplay{};
-    const std::string strError = ReplayJournal(m_stStore, m_stMark, iGeneration, strPath, stReplay);
+    std::string strError = ReplayJournal(m_stStore, m_stMark, iGeneration, strPath, stReplay);
     if (stReplay.iCut > 0 && strError.empty()) {
       g_pLog->Warning("worker %u: %s: a torn last record of %llu bytes is cut off",
                       m_stMark.iWorker, strPath.c_str(),

@@ -277,7 +277,9 @@ bool KeyStore::Write(std::string_view strKey, const Found_t* pOld, std::string_v
   const bool bDone =
       pOld == nullptr ? m_stTable.Set(m_pKey, m_pRecord, iRecordSize) : Replace(*pOld, iRecordSize);
   if (!bDone) {
-    StoreMark(iMark);
+    if (iMark != 0) {
+      StoreMark(iMark);
+    }
     return false;
   }
   if (pOld != nullptr) {
