@@ -237,9 +237,9 @@ TEST_F(KvServerSaveTest, TheEndSavesWhatADeadWorkerHasChanged) {
   EXPECT_EQ(Bulk("1"), Client(stServer).Ask({"GET", "a"}));
 }
 
-TEST_F(KvServerSaveTest, ADirectoryThatIsGoneIsAFailedSave) {
+TEST_F(KvServerSaveTest, ADirectoryThatIsGoneIsAFailedSaveWithoutAHook) {
   const std::string strPath = m_stDirectory.Path() + "/dumps";
-  ServerProcess stServer({"save.path=" + strPath});
+  ServerProcess stServer({"save.path=" + strPath, "save.hook=true"});
   Client stClient(stServer);
   ASSERT_EQ(0, rmdir(strPath.c_str()));
   EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
@@ -247,6 +247,7 @@ TEST_F(KvServerSaveTest, ADirectoryThatIsGoneIsAFailedSave) {
   EXPECT_EQ("err", InfoLine(stClient, "rdb_last_bgsave_status"));
   EXPECT_TRUE(LogTells(
       stServer, "the save has failed: " + strPath + "/dump-0.kv: No such file or directory"));
+  EXPECT_EQ(std::string::npos, stServer.Log().find("save.hook: "));
 }
 
 TEST_F(KvServerSaveTest, TheHookRunsAfterAGoodSave) {
