@@ -307,9 +307,11 @@ TEST_F(KvJournalTest, AGapInTheRowIsRefused) {
   Restart().Set("a", "2");
   Restart().Set("a", "3");
   unlink(File(2).c_str());
-  EXPECT_EQ(File(3) + ": what goes before it is missing", Boot().Error());
+  EXPECT_EQ(File(3) + ": what goes before it is missing; move it away to go on without its keys",
+            Boot().Error());
   unlink(File(1).c_str());
-  EXPECT_EQ(File(3) + ": what goes before it is missing", Boot().Error());
+  EXPECT_EQ(File(3) + ": what goes before it is missing; move it away to go on without its keys",
+            Boot().Error());
 }
 
 // The changes behind a dump mean little without it.
@@ -319,7 +321,8 @@ TEST_F(KvJournalTest, ALostDumpIsNotPassedOver) {
   EXPECT_TRUE(m_stLife->Set("b", "1"));
   unlink(m_stDirectory.File("dump-0.kv").c_str());
   EXPECT_TRUE(Restart().Writes().WantsSave());  // the table can make it again
-  EXPECT_EQ(File(2) + ": what goes before it is missing", Boot().Error());
+  EXPECT_EQ(File(2) + ": what goes before it is missing; move it away to go on without its keys",
+            Boot().Error());
 }
 
 TEST_F(KvJournalTest, AHalfFilledTableIsFilledFromTheStart) {
