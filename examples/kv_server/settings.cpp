@@ -39,7 +39,7 @@ const TextSetting_t TEXT_SETTINGS[] = {
     {"save.hook", &Settings_t::strSaveHook,
      "shell command after a save in the background, with KV_DUMP set; none"},
     {"journal.sync", &Settings_t::strJournalSync,
-     "no (no journal), second or batch: when changes are on disk"},
+     "journal: no, second (synced every second), batch (before each reply)"},
     {"log.path", &Settings_t::strLogPath, "directory of the log; \"log\" in the run directory"},
     {"log.level", &Settings_t::strLogLevel, "NET, DEBUG, INFORMATION, WARNING, ERROR or STAT"},
     {"debug.commands", &Settings_t::strDebugCommands, "yes or no: whether DEBUG may be used"},
