@@ -21,6 +21,7 @@ using Settings_t = ServerProcess::Settings_t;
 
 const char STARTED[] = "+Background saving started\r\n";
 const int MANY = 100000;
+const int SLOW_MS = 60000;  // for so many on a busy machine
 
 class KvServerMirrorTest : public MysqlTest {
  protected:
@@ -48,7 +49,8 @@ class KvServerMirrorTest : public MysqlTest {
   // A save with all that follows it.
   static void Save(Client& stClient) {
     ASSERT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
-    ASSERT_TRUE(WaitUntil([&] { return InfoLine(stClient, "rdb_bgsave_in_progress") == "0"; }));
+    ASSERT_TRUE(
+        WaitUntil([&] { return InfoLine(stClient, "rdb_bgsave_in_progress") == "0"; }, SLOW_MS));
   }
   // What the last save told of the mirror, "keys, rows written, deleted".
   static std::string Outcome(const ServerProcess& stServer, int iWorker = 0) {
