@@ -19,7 +19,7 @@ class KvCommandRunnerTest : public KvStoreTest {
   }
   std::string ValueOf(const char* pKey) { return Run(CMD_GET, {pKey}); }
 
-  const Settings_t m_stSettings;
+  const Settings_t m_stSettings{};
   IdGenerator m_stIds;
   Saver m_stSaver{m_stSettings, m_stStore, m_stTable.Name().stMark, m_stIds};
   CommandRunner m_stRunner{m_stStore, m_stSaver, {MAX_VALUE, MAX_REPLY, 0, 1}};
