@@ -250,6 +250,29 @@ TEST_P(KvServerJournalPolicyTest, AfterAWorkersDeathTheJournalBecomesWholeByItse
   stModel.Check(stClient);
 }
 
+// The record of the value has the old time, over when it is read again; a later one gives it more.
+TEST_P(KvServerJournalPolicyTest, KeysWhoseTimeWasProlongedComeBackAfterTheOldTime) {
+  ServerProcess stServer({Sync()});
+  {
+    Client stClient(stServer);
+    stClient.Ask({"SET", "dumped", "1", "PX", "1000"});
+    stClient.Ask({"BGSAVE"});
+    ASSERT_TRUE(WaitUntil([&] { return InfoLine(stClient, "rdb_bgsave_in_progress") == "0"; }));
+    stClient.Ask({"SET", "kept", "2", "PX", "1000"});
+    stClient.Ask({"SET", "over", "3", "PX", "1000"});
+    ASSERT_EQ(":1\r\n", stClient.Ask({"PERSIST", "dumped"}));
+    ASSERT_EQ(":1\r\n", stClient.Ask({"EXPIRE", "kept", "1000"}));
+  }
+  KillAll(stServer, 1);
+  RemoveTables(stServer);
+  usleep(1100000);  // until the old time is over
+  stServer.Start();
+  Client stClient(stServer);
+  EXPECT_EQ(Bulk("1"), stClient.Ask({"GET", "dumped"}));
+  EXPECT_EQ(Bulk("2"), stClient.Ask({"GET", "kept"}));
+  EXPECT_EQ("$-1\r\n", stClient.Ask({"GET", "over"}));
+}
+
 TEST_F(KvServerJournalTest, ThereIsNoneByDefault) {
   ServerProcess stServer;
   Client stClient(stServer);

@@ -201,6 +201,10 @@ void Journal::Flush() {
         m_iFD, m_strBuffer.data() + iDone, m_iSize, m_strBuffer.size() - iDone, WRITE);
     m_abBusy[WRITE] = m_aiResult[WRITE] == 0;
     Await(WRITE);
+    if (m_iFD == -1) {  // a sync that has failed meanwhile has given the journal up
+      m_bLost = true;
+      return;
+    }
     if (m_aiResult[WRITE] <= 0) {
       m_bLost = true;
       const auto iError = static_cast<int>(m_aiResult[WRITE] == 0 ? ENOSPC : -m_aiResult[WRITE]);

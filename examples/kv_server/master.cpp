@@ -55,8 +55,10 @@ Master::Master(const Settings_t& stSettings)
 }
 
 Master::~Master() {
-  if (m_iLockFD != -1) {
-    close(m_iLockFD);
+  for (const int iFD : {m_iLockFD, m_iSaveLockFD}) {
+    if (iFD != -1) {
+      close(iFD);
+    }
   }
 }
 
@@ -104,6 +106,10 @@ bool Master::PrepareMemory() {
     m_iExit = 1;
     return false;
   }
+  if (!TakeSavePath()) {
+    m_iExit = 1;
+    return false;
+  }
   const std::string strError = m_stTables.Prepare(m_stSettings);
   if (!strError.empty()) {
     fprintf(stderr, "kv_server: %s\n", strError.c_str());
@@ -145,6 +151,18 @@ bool Master::TakeRunDirectory() {
   } while (g_bRunFlag && NowMilliseconds() < iDeadline);
   fprintf(stderr, "kv_server: another server runs in server.run_dir = \"%s\"\n",
           m_stSettings.strRunDir.c_str());
+  return false;
+}
+
+// Two servers would take each other's dumps and journals away. The lock is the directory's own, and
+// belongs to the children too.
+bool Master::TakeSavePath() {
+  m_iSaveLockFD = open(m_stSettings.SavePath().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (m_iSaveLockFD != -1 && flock(m_iSaveLockFD, LOCK_EX | LOCK_NB) == 0) {
+    return true;
+  }
+  fprintf(stderr, "kv_server: save.path = \"%s\": %s\n", m_stSettings.SavePath().c_str(),
+          errno == EWOULDBLOCK ? "another server saves there" : strerror(errno));
   return false;
 }
 

@@ -35,6 +35,7 @@ class Master {
   };
 
   bool TakeRunDirectory();
+  bool TakeSavePath();
   bool CanListen() const;
   bool PrepareMemory();
   void StartDue();
@@ -51,6 +52,7 @@ class Master {
   TableSet m_stTables;
   std::vector<Child_t> m_vecChildren;
   int m_iLockFD = -1;
+  int m_iSaveLockFD = -1;
   int m_iExit = 0;
 };
 

@@ -79,16 +79,26 @@ std::string Saver::Load() {
   return strError;
 }
 
+// Nothing is over while dump and journal are read: a record to come may give a key more time.
 std::string Saver::Fill(uint64_t& iGeneration, bool& bWhole) {
+  const int64_t iNow = m_stStore.Now();
   m_stStore.Clear();
+  m_stStore.SetTime(0);
   std::string strError = LoadKeys(iGeneration, bWhole);
   if (!strError.empty()) {
-    return strError;
+    return strError + MOVE_AWAY;
   }
   m_iSavedChanges = m_stStore.Changes();
   strError = m_stJournal.Replay(iGeneration);
   if (!strError.empty()) {
     return strError + MOVE_AWAY;
+  }
+  m_stStore.SetTime(iNow);
+  if (!bWhole) {
+    strError = LoadFromMirror(iGeneration, bWhole);
+  }
+  if (!strError.empty()) {
+    return strError;
   }
   return m_stStore.SetLoaded() ? "" : "table.bytes: the table has no room";
 }
@@ -98,24 +108,18 @@ std::string Saver::LoadKeys(uint64_t& iGeneration, bool& bWhole) {
   DumpStat_t stStat{};
   const std::string strError = LoadDump(m_stStore, m_stMark, m_strPath, stStat);
   iGeneration = stStat.iGeneration;
-  if (!strError.empty()) {
-    return strError + MOVE_AWAY;
-  }
   const bool bDump = stStat.iBytes > 0;
   bWhole = bDump || !HasMirror() ||
            !JournalGenerations(m_stSettings.SavePath(), m_stMark.iWorker).empty();
-  if (!bWhole) {
-    return LoadFromMirror();
-  }
-  if (bDump) {
+  if (strError.empty() && bDump) {
     g_pLog->Warning("worker %u: the table is new; %llu keys come from %s", m_stMark.iWorker,
                     static_cast<unsigned long long>(stStat.iKeys), m_strPath.c_str());
   }
-  return "";
+  return strError;
 }
 
 // A server that started without its keys because its database was down, too, would be believed.
-std::string Saver::LoadFromMirror() {
+std::string Saver::LoadFromMirror(uint64_t& iGeneration, bool& bWhole) {
   g_pLog->Warning("worker %u: the table is new and there is no dump; asks the mirror at %s:%llu",
                   m_stMark.iWorker, m_stSettings.strMirrorHost.c_str(),
                   static_cast<unsigned long long>(m_stSettings.iMirrorPort));
@@ -128,7 +132,18 @@ std::string Saver::LoadFromMirror() {
   }
   g_pLog->Warning("worker %u: %llu keys come from the mirror", m_stMark.iWorker,
                   static_cast<unsigned long long>(iKeys));
-  return "";
+  bWhole = true;
+  return iKeys == 0 ? "" : SaveMirrored(iGeneration);
+}
+
+// Before anything is built on these keys they get a dump: a journal that had none before it would
+// be taken for all there is, and an empty table then for what the mirror should have.
+std::string Saver::SaveMirrored(uint64_t& iGeneration) {
+  DumpStat_t stStat{};
+  const std::string strError = WriteDump(m_stStore, m_stMark, m_strPath, stStat, 1);
+  iGeneration = 1;
+  m_iSavedChanges = m_stStore.Changes();
+  return strError.empty() ? "" : strError + "; the mirror's keys need a dump";
 }
 
 bool Saver::Start(const char* pReason) {
@@ -159,7 +174,8 @@ int Saver::Turn(int iMost) {
   if (m_stSettings.vecSaveRules.empty() && !bForJournal) {
     return iMost;
   }
-  if (bForJournal && Now() >= m_iRetryAt) {
+  const int64_t iPause = m_iRetryAt - Now();  // longer than it should be: the clock was set back
+  if (bForJournal && (iPause <= 0 || iPause > RETRY_SECONDS)) {
     Start("since the journal lacks changes");
   } else if (RuleHolds()) {
     Start("by a rule");

@@ -73,7 +73,8 @@ class Saver {
   std::string Fill(uint64_t& iGeneration, bool& bWhole);
   bool HasMirror() const { return !m_stSettings.strMirrorHost.empty(); }
   std::string LoadKeys(uint64_t& iGeneration, bool& bWhole);
-  std::string LoadFromMirror();
+  std::string LoadFromMirror(uint64_t& iGeneration, bool& bWhole);
+  std::string SaveMirrored(uint64_t& iGeneration);
   bool StartMirror();
   void Drain();
   void Resume();
