@@ -227,6 +227,29 @@ TEST_F(KvServerMirrorTest, TheKeysComeBackToAnotherNumberOfWorkers) {
   EXPECT_EQ("99997", Ask("SELECT COUNT(*) FROM kv_keys WHERE name <> 'dying'"));
 }
 
+// Else a journal that has only what came later would be taken for all there is.
+TEST_F(KvServerMirrorTest, KeysFromTheMirrorAreSavedBeforeAJournalBegins) {
+  ServerProcess stServer(With());
+  {
+    Client stClient(stServer);
+    stClient.Ask({"SET", "a", "1"});
+    Save(stClient);
+  }
+  LoseDirectory(stServer);
+  stServer.Restart(With({"journal.sync=batch"}));
+  EXPECT_EQ("+OK\r\n", Client(stServer).Ask({"SET", "b", "2"}));
+  EXPECT_EQ(0, access((stServer.Directory() + "/dump-0.kv").c_str(), F_OK));
+  EXPECT_EQ(std::string::npos, stServer.Log().find("since the journal lacks changes"));
+  EXPECT_EQ(0, stServer.Stop());
+  for (const key_t iKey : stServer.TableKeys()) {
+    shmctl(shmget(iKey, 0, 0), IPC_RMID, nullptr);
+  }
+  stServer.Start();
+  Client stAgain(stServer);
+  EXPECT_EQ(Bulk("1"), stAgain.Ask({"GET", "a"}));
+  EXPECT_EQ(Bulk("2"), stAgain.Ask({"GET", "b"}));
+}
+
 TEST_F(KvServerMirrorTest, TablesAndDumpsStandAboveTheMirror) {
   ServerProcess stServer(With());
   {

@@ -465,6 +465,19 @@ TEST_F(KvServerSaveTest, AWorkerKilledWhileItLoadsLoadsAgain) {
   EXPECT_EQ(":100000\r\n", Client(stServer).Ask({"DBSIZE"}));
 }
 
+TEST_F(KvServerSaveTest, TwoServersDoNotSaveIntoOneDirectory) {
+  const std::string strPath = "save.path=" + m_stDirectory.Path() + "/dumps";
+  const ServerProcess stServer({strPath});
+  const PrivateDirectory stOther;
+  const RunResult_t stResult =
+      RunServer({"--set", "server.run_dir=" + stOther.Path(), "--set",
+                 "server.listen=127.0.0.1:" + std::to_string(FreePort()), "--set", strPath});
+  EXPECT_EQ(1, stResult.iExit);
+  EXPECT_EQ(
+      "kv_server: save.path = \"" + m_stDirectory.Path() + "/dumps\": another server saves there\n",
+      stResult.strError);
+}
+
 // A child has its name some instructions after the log tells of it.
 TEST_F(KvServerSaveTest, ListingsShowWhatEachProcessIs) {
   ServerProcess stServer({"server.workers=2"});
