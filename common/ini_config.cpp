@@ -17,6 +17,7 @@
 #include <string_view>
 
 #include "internal/reference_scanner.h"
+#include "internal/scaled_number.h"
 #include "simple_filter.h"
 
 #include "internal/always_assert.h"
@@ -354,27 +355,9 @@ const std::string* ValueAt(const IniConfig::Items_t& mapItems,
   return nullptr;
 }
 
-bool IsHexadecimal(const std::string& strText) {
-  return strText.size() >= 3 && strText[0] == '0' && (strText[1] == 'x' || strText[1] == 'X');
-}
-
-unsigned int ScaleBits(char cSuffix) {
-  switch (cSuffix) {
-    case 'K':
-    case 'k':
-      return 10;
-    case 'M':
-    case 'm':
-      return 20;
-    case 'G':
-    case 'g':
-      return 30;
-    case 'T':
-    case 't':
-      return 40;
-    default:
-      return 0;
-  }
+// A letter more than StringToInt() knows.
+unsigned int IniScaleBits(char cSuffix) {
+  return cSuffix == 'T' || cSuffix == 't' ? 40 : ScaleBits(cSuffix);
 }
 
 }  // namespace
@@ -623,7 +606,7 @@ int64_t IniConfig::IntValue(const std::string& strSection, const std::string& st
       IsHexadecimal(strValue) ? strtoll(pText + 2, &pEnd, 16) : strtoll(pText, &pEnd, 10);
   const char* const pSuffix = pEnd + strspn(pEnd, " \t");
   // Unsigned, since the sign may be shifted out.
-  return static_cast<int64_t>(static_cast<uint64_t>(iValue) << ScaleBits(*pSuffix));
+  return static_cast<int64_t>(static_cast<uint64_t>(iValue) << IniScaleBits(*pSuffix));
 }
 
 std::vector<std::string> IniConfig::EnumSections(const std::string& strFilter) const {

@@ -6,29 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-namespace {
-
-bool IsHexadecimal(const std::string& strText) {
-  return strText.size() >= 3 && strText[0] == '0' && (strText[1] == 'x' || strText[1] == 'X');
-}
-
-unsigned int ScaleBits(char cSuffix) {
-  switch (cSuffix) {
-    case 'K':
-    case 'k':
-      return 10;
-    case 'M':
-    case 'm':
-      return 20;
-    case 'G':
-    case 'g':
-      return 30;
-    default:
-      return 0;
-  }
-}
-
-}  // namespace
+#include "internal/scaled_number.h"
 
 int vFormatString(char* pBuffer, unsigned int iSize, const char* pFormat, va_list sAp) {
   return vsnprintf(pBuffer, iSize, pFormat, sAp);
