@@ -41,11 +41,6 @@ class KvServerMirrorTest : public MysqlTest {
   static bool LogTells(const ServerProcess& stServer, const std::string& strText) {
     return WaitUntil([&] { return stServer.Log().find(strText) != std::string::npos; });
   }
-  static std::string InfoLine(Client& stClient, const std::string& strName) {
-    const std::string strText = stClient.Ask({"INFO"});
-    const size_t iBegin = strText.find("\r\n" + strName + ":") + strName.size() + 3;
-    return strText.substr(iBegin, strText.find('\r', iBegin) - iBegin);
-  }
   // A save with all that follows it.
   static void Save(Client& stClient) {
     ASSERT_EQ(STARTED, stClient.Ask({"BGSAVE"}));

@@ -38,11 +38,6 @@ class KvServerSaveTest : public testing::Test {
   static bool LogTells(const ServerProcess& stServer, const std::string& strText) {
     return WaitUntil([&] { return stServer.Log().find(strText) != std::string::npos; });
   }
-  static std::string InfoLine(Client& stClient, const std::string& strName) {
-    const std::string strText = stClient.Ask({"INFO"});
-    const size_t iBegin = strText.find("\r\n" + strName + ":") + strName.size() + 3;
-    return strText.substr(iBegin, strText.find('\r', iBegin) - iBegin);
-  }
   static bool SaveEnds(Client& stClient) {
     return WaitUntil([&] { return InfoLine(stClient, "rdb_bgsave_in_progress") == "0"; });
   }

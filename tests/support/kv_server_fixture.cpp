@@ -378,6 +378,12 @@ std::string Bulk(const std::string& strValue) {
   return "$" + std::to_string(strValue.size()) + "\r\n" + strValue + "\r\n";
 }
 
+std::string InfoLine(Client& stClient, const std::string& strName) {
+  const std::string strText = stClient.Ask({"INFO"});
+  const size_t iBegin = strText.find("\r\n" + strName + ":") + strName.size() + 3;
+  return strText.substr(iBegin, strText.find('\r', iBegin) - iBegin);
+}
+
 std::string Request(const std::vector<std::string>& vecArguments) {
   std::string strRequest = "*" + std::to_string(vecArguments.size()) + "\r\n";
   for (const std::string& strArgument : vecArguments) {

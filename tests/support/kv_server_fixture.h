@@ -126,6 +126,9 @@ class Client {
   std::string m_strReceived;
 };
 
+// The value of a line of INFO.
+std::string InfoLine(Client& stClient, const std::string& strName);
+
 // A request as an array of bulk strings; the same text for an array reply of bulk strings.
 std::string Request(const std::vector<std::string>& vecArguments);
 std::string Bulk(const std::string& strValue);
