@@ -311,8 +311,12 @@ TEST_F(KvCommandRunnerTest, CursorsAreNumbers) {
   EXPECT_TRUE(ParseCursor(CursorText({123456, 63}), stCursor));
   EXPECT_EQ(123456u, stCursor.iBucket);
   EXPECT_EQ(63u, stCursor.iWorker);
-  for (const char* pBad : {"", "x", "-1", "1x", " 1", "18446744073709551616"}) {
+  for (const char* pBad : {"x", "1x", " 1", "1 ", "18446744073709551616"}) {
     EXPECT_FALSE(ParseCursor(pBad, stCursor)) << pBad;
+  }
+  for (const std::string_view strZero : {std::string_view(), {"+0"}, {"-0"}, {"00"}, {"0\0x", 3}}) {
+    EXPECT_TRUE(ParseCursor(strZero, stCursor)) << strZero;
+    EXPECT_EQ(0u, stCursor.iBucket + stCursor.iWorker) << strZero;
   }
 }
 

@@ -149,16 +149,18 @@ TEST(KvRequestParserTest, LengthOfALineIsLimited) {
 }
 
 TEST(KvRequestParserTest, MalformedNumberOfElements) {
-  for (const char* pHead : {"*\r\n", "*x\r\n", "*1x\r\n", "*+1\r\n", "* 1\r\n", "*-\r\n", "*1\n",
-                            "*\n", "*1.0\r\n", "*0x1\r\n", "*1\r1\r\n", "*9999999999999999999\r\n",
-                            "*18446744073709551617\r\n", "*1$4\r\nPING\r\n"}) {
+  for (const char* pHead :
+       {"*\r\n", "*x\r\n", "*1x\r\n", "*+1\r\n", "* 1\r\n", "*-\r\n", "*1\n", "*\n", "*1.0\r\n",
+        "*0x1\r\n", "*1\r1\r\n", "*9999999999999999999\r\n", "*18446744073709551617\r\n",
+        "*1$4\r\nPING\r\n", "*01\r\n", "*00\r\n", "*-0\r\n", "*-01\r\n"}) {
     EXPECT_EQ("invalid multibulk length", ErrorOf(pHead)) << pHead;
   }
 }
 
 TEST(KvRequestParserTest, MalformedLengthOfAnElement) {
-  for (const char* pHead : {"$\r\n", "$x\r\n", "$-1\r\n", "$-2\r\n", "$+1\r\n", "$4\n", "$ 4\r\n",
-                            "$4 \r\n", "$9999999999999999999\r\n", "$18446744073709551617\r\n"}) {
+  for (const char* pHead :
+       {"$\r\n", "$x\r\n", "$-1\r\n", "$-2\r\n", "$+1\r\n", "$4\n", "$ 4\r\n", "$4 \r\n",
+        "$9999999999999999999\r\n", "$18446744073709551617\r\n", "$04\r\n", "$00\r\n", "$-0\r\n"}) {
     EXPECT_EQ("invalid bulk length", ErrorOf(std::string("*1\r\n") + pHead)) << pHead;
   }
 }
@@ -186,6 +188,11 @@ TEST(KvRequestParserTest, RequestsBeforeAMalformedOneAreGiven) {
 TEST(KvRequestParserTest, WordsOfALineAreWhatStandsBetweenBlanks) {
   EXPECT_EQ((Requests_t{{"SET", "a", "b"}}), ParseAll(" \t SET  a\tb \r\n"));
   EXPECT_EQ((Requests_t{{"a\rb"}}), ParseAll("\"a\\rb\"\n"));
+}
+
+TEST(KvRequestParserTest, FormFeedsAreBlanksOnlyBetweenWords) {
+  EXPECT_EQ((Requests_t{{"SET", "a\fb", "c\v"}}), ParseAll("\v\fSET \fa\fb\t\vc\v\r\n"));
+  EXPECT_EQ((Requests_t{{"a", "b"}}), ParseAll("\"a\"\fb\r\n"));
 }
 
 TEST(KvRequestParserTest, DoubleQuotesHoldBlanksAndEscapes) {

@@ -3,7 +3,10 @@
 #include <strings.h>
 
 #include <array>
+#include <cctype>
+#include <cerrno>
 #include <charconv>
+#include <cstdlib>
 
 #include "debug_commands.h"
 #include "reply.h"
@@ -30,12 +33,14 @@ bool EqualsIgnoringCase(std::string_view strText, std::string_view strOther) {
          strncasecmp(strText.data(), strOther.data(), strText.size()) == 0;
 }
 
+// Deliberately forgiving: "" is 0, there may be a sign, nothing behind a zero byte is looked at.
 bool ParseCursor(std::string_view strText, ScanCursor_t& stCursor) {
-  uint64_t iCursor = 0;
-  const char* pEnd = strText.data() + strText.size();
-  const auto stResult = std::from_chars(strText.data(), pEnd, iCursor);
+  const std::string strCopy(strText);
+  char* pEnd = nullptr;
+  errno = 0;
+  const uint64_t iCursor = strtoull(strCopy.c_str(), &pEnd, 10);
   stCursor = {iCursor / CURSOR_WORKERS, iCursor % CURSOR_WORKERS};
-  return stResult.ec == std::errc() && stResult.ptr == pEnd;
+  return *pEnd == '\0' && errno == 0 && isspace(static_cast<unsigned char>(strCopy[0])) == 0;
 }
 
 std::string CursorText(const ScanCursor_t& stCursor) {

@@ -26,7 +26,7 @@ std::string ParseExpireOptions(const Arguments_t& vecArguments, ExpireOptions_t&
     const bool bLater = EqualsIgnoringCase(strWord, "gt");
     const bool bEarlier = EqualsIgnoringCase(strWord, "lt");
     if (!bNew && !bExisting && !bLater && !bEarlier) {
-      return "ERR Unsupported option " + std::string(strWord);
+      return "ERR Unsupported option " + std::string(ShownText(strWord, strWord.size()));
     }
     st.bOnlyNew |= bNew;
     st.bOnlyExisting |= bExisting;

@@ -9,6 +9,10 @@ namespace {
 // More digits than this are no length, whatever follows.
 const int MAX_DIGITS = 18;
 
+// Ends a word that does not stand in quotes. Between words more is blank than in them,
+// deliberately: clients of this protocol may have words with a form feed.
+bool EndsWord(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
 // A client keeps room for this many elements between two requests.
 const size_t KEPT_ELEMENTS = 1024;
 
@@ -183,7 +187,8 @@ RequestParser::Result_t RequestParser::ParseLength(const char* pData, size_t iSi
   if (p == pEnd || (p + 1 == pEnd && *p == '\r' && p > pDigits)) {
     return NEED_MORE;
   }
-  if (p == pDigits || p[0] != '\r' || p[1] != '\n') {
+  const bool bZeroFirst = *pDigits == '0' && (bNegative || p - pDigits > 1);
+  if (p == pDigits || bZeroFirst || p[0] != '\r' || p[1] != '\n') {
     return Fail(pWhat);
   }
   iLength = bNegative ? -iValue : iValue;
@@ -223,12 +228,14 @@ bool RequestParser::SplitInline(const char* pData, const char* pEnd) {
       return true;
     }
     std::string& strWord = m_dqWords.emplace_back();
-    while (p < pEnd && isspace(static_cast<unsigned char>(*p)) == 0) {
-      if (*p != '"' && *p != '\'') {
-        strWord += *p++;
-      } else if (!ReadQuoted(p, pEnd, strWord)) {
-        return false;
+    while (p < pEnd && !EndsWord(*p)) {
+      if (*p == '"' || *p == '\'') {
+        if (!ReadQuoted(p, pEnd, strWord)) {
+          return false;
+        }
+        break;  // a closing quote ends the word
       }
+      strWord += *p++;
     }
     m_vecArguments.emplace_back(strWord);
   }
