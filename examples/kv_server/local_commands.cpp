@@ -1,13 +1,13 @@
 #include "local_commands.h"
 
-#include <fnmatch.h>
-
 #include <algorithm>
+#include <cctype>
 #include <limits>
 #include <set>
 
 #include "command_docs.h"
 #include "command_runner.h"
+#include "glob_match.h"
 #include "reply.h"
 #include "subcommands.h"
 
@@ -42,6 +42,14 @@ void Select(const Arguments_t& vecArguments, std::string& strOut) {
   AppendStatus(strOut, "OK");
 }
 
+std::string LowerCase(std::string_view strText) {
+  std::string strLower(strText);
+  for (char& c : strLower) {
+    c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  }
+  return strLower;
+}
+
 std::string SaveRulesText(const Settings_t& stSettings) {
   std::string strText;
   for (const SaveRule_t& stRule : stSettings.vecSaveRules) {
@@ -51,10 +59,11 @@ std::string SaveRulesText(const Settings_t& stSettings) {
   return strText;
 }
 
-// Whether a setting is one that the client asks for.
-bool IsAskedFor(const char* pKey, const Arguments_t& vecArguments) {
-  return std::any_of(vecArguments.begin() + 2, vecArguments.end(), [pKey](std::string_view str) {
-    return fnmatch(std::string(str).c_str(), pKey, FNM_CASEFOLD) == 0;
+// Whether a setting is one that the client asks for: by its name, or by a pattern.
+bool IsAskedFor(std::string_view strKey, const Arguments_t& vecArguments) {
+  return std::any_of(vecArguments.begin() + 2, vecArguments.end(), [strKey](std::string_view str) {
+    const bool bPattern = str.find_first_of("*?[") != std::string_view::npos;
+    return bPattern ? GlobMatch(LowerCase(str), strKey) : IsWord(str, strKey);
   });
 }
 
