@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "dump_file.h"
 #include "kv_store_fixture.h"
 #include "log.h"
 #include "zelk_variable.h"
@@ -90,6 +91,42 @@ TEST_F(KvSaverTest, ChangesSinceTheSnapshotAreNotSaved) {
   EXPECT_TRUE(Ends(stSaver));
   EXPECT_EQ(1u, stSaver.Stat().iLastGood);
   EXPECT_EQ(1u, stSaver.Stat().iChanges);
+}
+
+// While there is more to copy the loop must not sleep.
+TEST_F(KvSaverTest, ASaveIsCalledAgainAtOnceUntilAllIsCopied) {
+  Saver stSaver(m_stSettings, m_stStore, m_stTable.Name().stMark, m_stIds);
+  ASSERT_EQ("", stSaver.Load());
+  for (int i = 0; i < 200; ++i) {
+    m_stStore.Set("key" + std::to_string(i), std::string(1000, 'v'));
+  }
+  ASSERT_TRUE(stSaver.Start("for a test"));
+  EXPECT_EQ(0, stSaver.Turn(1000));
+  EXPECT_TRUE(WaitUntil([&] { return stSaver.Turn(1000) > 1; }));
+  EXPECT_TRUE(Ends(stSaver));
+  StoreTable stCopy;
+  KeyStore stLoaded;
+  ASSERT_EQ("", stLoaded.Attach(stCopy.Name()));
+  DumpStat_t stStat{};
+  EXPECT_EQ("",
+            LoadDump(stLoaded, m_stTable.Name().stMark, m_stDirectory.File("dump-0.kv"), stStat));
+  EXPECT_EQ(200u, stLoaded.Count());
+}
+
+TEST_F(KvSaverTest, TheEndOfASaveAlsoEndsItsCopy) {
+  Saver stSaver(m_stSettings, m_stStore, m_stTable.Name().stMark, m_stIds);
+  ASSERT_EQ("", stSaver.Load());
+  m_stStore.Set("a", "1");
+  ASSERT_TRUE(stSaver.Start("for a test"));
+  m_stStore.Set("a", "2");
+  EXPECT_TRUE(stSaver.SaveNow());  // in place of the child
+  StoreTable stCopy;
+  KeyStore stLoaded;
+  ASSERT_EQ("", stLoaded.Attach(stCopy.Name()));
+  DumpStat_t stStat{};
+  EXPECT_EQ("",
+            LoadDump(stLoaded, m_stTable.Name().stMark, m_stDirectory.File("dump-0.kv"), stStat));
+  EXPECT_EQ("2", ::ValueOf(stLoaded, "a"));
 }
 
 TEST_F(KvSaverTest, ANewTableWithoutADumpHasNoChanges) {

@@ -146,6 +146,89 @@ TEST_F(KvServerSaveTest, ADumpIsOfOneMoment) {
   EXPECT_EQ(Bulk("4100"), strValue);
 }
 
+// More keys than child and socket hold, so that a stuck child stops the save in its midst.
+class KvServerLargeSaveTest : public KvServerSaveTest {
+ protected:
+  static constexpr int KEYS = 3000;
+  static std::string Value(char cFill) { return std::string(1000, cFill); }
+  static void SetAll(Client& stClient, char cFill) {
+    for (int i = 0; i < KEYS; ++i) {
+      stClient.Ask({"SET", "key" + std::to_string(i), Value(cFill)});
+    }
+  }
+  static int CountOf(Client& stClient, char cFill) {
+    int iCount = 0;
+    for (int i = 0; i < KEYS; ++i) {
+      iCount += stClient.Ask({"GET", "key" + std::to_string(i)}) == Bulk(Value(cFill)) ? 1 : 0;
+    }
+    return iCount;
+  }
+};
+
+TEST_F(KvServerLargeSaveTest, WhatClientsChangeWhileTheChildIsSlowIsSavedAsItWas) {
+  ServerProcess stServer({"server.workers=1"});
+  Client stClient(stServer);
+  SetAll(stClient, 'b');
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  const pid_t iChild = ChildOf(stServer.Worker(0));
+  SendSignal(iChild, SIGSTOP);  // in the library's pause before its first instruction
+  SetAll(stClient, 'a');
+  EXPECT_EQ("+OK\r\n", stClient.Ask({"FLUSHALL"}));
+  stClient.Ask({"SET", "late", "not saved"});
+  SendSignal(iChild, SIGCONT);
+  EXPECT_TRUE(SaveEnds(stClient));
+  EXPECT_EQ("ok", InfoLine(stClient, "rdb_last_bgsave_status"));
+  Boot(stServer);
+  Client stAgain(stServer);
+  EXPECT_EQ(":" + std::to_string(KEYS) + "\r\n", stAgain.Ask({"DBSIZE"}));
+  EXPECT_EQ(KEYS, CountOf(stAgain, 'b'));
+}
+
+TEST_F(KvServerLargeSaveTest, AKilledChildCostsTheSaveOnly) {
+  ServerProcess stServer({"server.workers=1"});
+  Client stClient(stServer);
+  SetAll(stClient, 'b');
+  {
+    const StuckDump stStuck(stClient, Dump(stServer));
+    EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+    SetAll(stClient, 'a');
+    SendSignal(ChildOf(stServer.Worker(0)), SIGKILL);
+    EXPECT_TRUE(SaveEnds(stClient));
+  }
+  EXPECT_EQ("err", InfoLine(stClient, "rdb_last_bgsave_status"));
+  EXPECT_FALSE(Exists(Dump(stServer)));
+  EXPECT_FALSE(Exists(Dump(stServer) + ".new"));
+  EXPECT_EQ(KEYS, CountOf(stClient, 'a'));
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_TRUE(SaveEnds(stClient));
+  Boot(stServer);
+  Client stAgain(stServer);
+  EXPECT_EQ(KEYS, CountOf(stAgain, 'a'));
+}
+
+TEST_F(KvServerLargeSaveTest, AKilledWorkerLeavesTheFormerDump) {
+  ServerProcess stServer({"server.workers=1"});
+  Client stClient(stServer);
+  SetAll(stClient, 'b');
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  EXPECT_TRUE(SaveEnds(stClient));
+  SetAll(stClient, 'a');
+  const pid_t iWorker = stServer.Worker(0);
+  const StuckDump stStuck(stClient, Dump(stServer));
+  EXPECT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
+  const pid_t iChild = ChildOf(iWorker);
+  SetAll(stClient, 'c');
+  SendSignal(iWorker, SIGKILL);
+  EXPECT_TRUE(WaitUntil([&] { return !IsAlive(iChild); }));
+  ASSERT_TRUE(WaitUntil([&] { return stServer.Worker(0) != iWorker; }));
+  stClient.Ask({"DBSIZE"});  // may be the one that is lost
+  EXPECT_EQ(KEYS, CountOf(stClient, 'c'));
+  EXPECT_FALSE(Exists(Dump(stServer) + ".new"));
+  Boot(stServer);
+  Client stAgain(stServer);
+  EXPECT_EQ(KEYS, CountOf(stAgain, 'b'));
+}
+
 TEST_F(KvServerSaveTest, OneSaveAtATime) {
   ServerProcess stServer;
   Client stClient(stServer);

@@ -1,53 +1,162 @@
 #include "table_snapshot.h"
 
-#include <unistd.h>
+#include <map>
+#include <random>
 
+#include "dump_file.h"
 #include "kv_store_fixture.h"
 
 namespace {
 
-class KvTableSnapshotTest : public KvStoreTest {};
+typedef std::map<std::string, std::string> Keys_t;
 
-// The child waits for the byte, so that the parent's changes come first.
-TEST_F(KvTableSnapshotTest, AChildSeesTheTableAsItWas) {
-  for (int i = 0; i < 1000; ++i) {
-    m_stStore.Set("key" + std::to_string(i), "before");
-  }
-  int arrPipe[2];
-  ASSERT_EQ(0, pipe(arrPipe));
-  const auto pSnapshot = m_stStore.Freeze();
-  ASSERT_TRUE(pSnapshot->Good());
-  ForkedPeer stChild([&] {
-    char cByte = 0;
-    if (!pSnapshot->TakePlace() || read(arrPipe[0], &cByte, 1) != 1) {
-      return 1;
+// What waits in a snapshot, taken away; a key that comes twice gets a mark.
+Keys_t Take(TableSnapshot& stSnapshot) {
+  Keys_t mapKeys;
+  for (const std::string& strPiece : stSnapshot.Pieces()) {
+    for (size_t iAt = 0; iAt < strPiece.size();) {
+      DumpEntry_t stEntry{};
+      memcpy(&stEntry, &strPiece[iAt], sizeof(stEntry));
+      iAt += sizeof(stEntry);
+      const std::string strKey = strPiece.substr(iAt, stEntry.iKeySize);
+      iAt += stEntry.iKeySize;
+      std::string& strValue = mapKeys[strKey];
+      strValue = (strValue.empty() ? "" : "twice ") + strPiece.substr(iAt, stEntry.iValueSize) +
+                 (stEntry.iExpireAt == KeyStore::NEVER ? "" : " expires");
+      iAt += stEntry.iValueSize;
     }
-    size_t iBefore = 0;
-    m_stStore.Scan(0, UINT64_MAX, [&](std::string_view, const Value_t& stValue) {
-      iBefore += stValue.strBytes == "before" ? 1 : 0;
-    });
-    return iBefore == 1000 && m_stStore.Get("key7") ? 0 : 2;
-  });
-  m_stStore.Clear();
-  for (int i = 0; i < 1000; ++i) {
-    m_stStore.Set("other" + std::to_string(i), "after!");
   }
-  ASSERT_EQ(1, write(arrPipe[1], "x", 1));
-  EXPECT_EQ(0, stChild.Wait());
-  close(arrPipe[0]);
-  close(arrPipe[1]);
+  stSnapshot.Pieces().clear();
+  return mapKeys;
 }
 
-TEST_F(KvTableSnapshotTest, WhatAChildDoesToItStaysWithTheChild) {
-  m_stStore.Set("a", "1");
-  const auto pSnapshot = m_stStore.Freeze();
-  ForkedPeer stChild([&] {
-    const bool bPlaced = pSnapshot->TakePlace();
-    m_stStore.Remove("a");
-    return bPlaced && !m_stStore.Get("a") ? 0 : 1;
-  });
-  EXPECT_EQ(0, stChild.Wait());
-  EXPECT_EQ("1", ValueOf("a"));
+class KvTableSnapshotTest : public KvStoreTest {
+ protected:
+  Keys_t Fill(int iKeys) {
+    Keys_t mapKeys;
+    for (int i = 0; i < iKeys; ++i) {
+      const std::string strKey = "key" + std::to_string(i);
+      m_stStore.Set(strKey, "before");
+      mapKeys[strKey] = "before";
+    }
+    return mapKeys;
+  }
+  static Keys_t Rest(TableSnapshot& stSnapshot) {
+    while (!stSnapshot.Whole()) {
+      stSnapshot.Advance(1000);
+    }
+    return Take(stSnapshot);
+  }
+};
+
+TEST_F(KvTableSnapshotTest, ATableIsCopiedInSlices) {
+  const Keys_t mapKeys = Fill(1000);
+  TableSnapshot stSnapshot(m_stStore);
+  EXPECT_EQ(0u, stSnapshot.WaitingBytes());
+  stSnapshot.Advance(1);
+  EXPECT_FALSE(stSnapshot.Whole());
+  EXPECT_GT(stSnapshot.Keys(), 0u);
+  EXPECT_LT(stSnapshot.Keys(), 200u);  // one of sixteen buckets
+  EXPECT_EQ(mapKeys, Rest(stSnapshot));
+  EXPECT_EQ(1000u, stSnapshot.Keys());
+}
+
+TEST_F(KvTableSnapshotTest, EveryKindOfChangeComesTooLate) {
+  const Keys_t mapKeys = Fill(9);
+  TableSnapshot stSnapshot(m_stStore);
+  uint64_t iSize = 0;
+  m_stStore.Set("key0", "after!");                // in place
+  m_stStore.Set("key1", std::string(1000, 'a'));  // in another block
+  m_stStore.Append("key2", " more", iSize);
+  m_stStore.SetExpiry("key3", NOW + 1000);
+  m_stStore.Remove("key4");
+  m_stStore.Set("key5", "after!", NOW + 1);
+  m_stStore.Set("new", "after!");
+  m_stStore.Append("newer", "after!", iSize);
+  m_stStore.Remove("key6");
+  m_stStore.Set("key6", "again");
+  EXPECT_EQ(mapKeys, Rest(stSnapshot));
+}
+
+TEST_F(KvTableSnapshotTest, ClearingKeepsAllKeys) {
+  const Keys_t mapKeys = Fill(1000);
+  TableSnapshot stSnapshot(m_stStore);
+  stSnapshot.Advance(1000);
+  m_stStore.Clear();
+  Fill(10);
+  EXPECT_EQ(mapKeys, Rest(stSnapshot));
+}
+
+TEST_F(KvTableSnapshotTest, KeysAreOverByTheTimeOfItsBeginning) {
+  m_stStore.Set("over", "1", NOW + 1);
+  m_stStore.Set("later", "1", NOW + 2);
+  m_stStore.SetTime(NOW + 1);
+  TableSnapshot stSnapshot(m_stStore);
+  m_stStore.SetTime(NOW + 1000);
+  EXPECT_FALSE(m_stStore.Get("later"));
+  m_stStore.Sweep(0);
+  EXPECT_EQ((Keys_t{{"later", "1 expires"}}), Rest(stSnapshot));
+}
+
+TEST_F(KvTableSnapshotTest, TheServersOwnEntriesStayOut) {
+  ASSERT_TRUE(m_stStore.SetLoaded());
+  m_stStore.SetMark(7);
+  TableSnapshot stSnapshot(m_stStore);
+  EXPECT_EQ(Keys_t(), Rest(stSnapshot));
+}
+
+TEST_F(KvTableSnapshotTest, ChangesBehindTheLastBucketAreNotCopied) {
+  Fill(10);
+  TableSnapshot stSnapshot(m_stStore);
+  Rest(stSnapshot);
+  Fill(10);
+  EXPECT_EQ(0u, stSnapshot.WaitingBytes());
+}
+
+TEST_F(KvTableSnapshotTest, AStoreOutlivesItsSnapshots) {
+  const Keys_t mapKeys = Fill(10);
+  { const TableSnapshot stAbandoned(m_stStore); }
+  m_stStore.Set("key1", "after!");
+  TableSnapshot stSnapshot(m_stStore);
+  Keys_t mapChanged = mapKeys;
+  mapChanged["key1"] = "after!";
+  EXPECT_EQ(mapChanged, Rest(stSnapshot));
+}
+
+TEST_F(KvTableSnapshotTest, NoOrderOfSlicesAndChangesIsSeen) {
+  std::minstd_rand stRandom(7);
+  for (int iRound = 0; iRound < 20; ++iRound) {
+    m_stStore.Clear();
+    const Keys_t mapKeys = Fill(500);
+    TableSnapshot stSnapshot(m_stStore);
+    Keys_t mapSeen;
+    while (!stSnapshot.Whole()) {
+      const std::string strKey = "key" + std::to_string(stRandom() % 600);
+      stRandom() % 3 == 0 ? m_stStore.Remove(strKey)
+                          : m_stStore.Set(strKey, std::string(stRandom() % 90, 'a'));
+      stSnapshot.Advance(stRandom() % 100 == 0 ? 1 : 0);
+      mapSeen.merge(Take(stSnapshot));
+    }
+    mapSeen.merge(Take(stSnapshot));
+    ASSERT_EQ(mapKeys, mapSeen);
+  }
+}
+
+// Empty buckets are looked at in slices, too.
+TEST(KvTableSnapshotOfASparseTableTest, ASliceEnds) {
+  const PrivateKey stKey;
+  TableName_t stName{stKey.Key(), 200000, {}};
+  ASSERT_EQ("", KeyStore::Create(stName, KeyTable::HeadSize(stName.iBuckets) + 4096));
+  KeyStore stStore;
+  ASSERT_EQ("", stStore.Attach(stName));
+  ASSERT_TRUE(stStore.Set("a", "1"));
+  TableSnapshot stSnapshot(stStore);
+  int iSlices = 0;
+  for (; !stSnapshot.Whole(); ++iSlices) {
+    stSnapshot.Advance(1 << 20);
+  }
+  EXPECT_EQ(4, iSlices);
+  EXPECT_EQ((Keys_t{{"a", "1"}}), Take(stSnapshot));
 }
 
 }  // namespace

@@ -20,6 +20,11 @@ struct CloseFile {
 
 std::string UnfinishedName(const std::string& strPath) { return strPath + ".new"; }
 
+DumpEntry_t EntryOf(std::string_view strKey, const Value_t& stValue) {
+  return {static_cast<uint32_t>(strKey.size()), static_cast<uint32_t>(stValue.strBytes.size()),
+          stValue.iExpireAt};
+}
+
 // A file read or written from its start, with the checksum of what has passed.
 class DumpStream {
  public:
@@ -61,21 +66,24 @@ class DumpStream {
   uint32_t m_iChecksum = 0;
 };
 
-bool WriteEntries(DumpStream& stFile, KeyStore& stStore, const TableMark_t& stMark,
+bool WriteEntries(DumpStream& stFile, const KeySource_t& fnSource, const DumpOrigin_t& stOrigin,
                   DumpStat_t& stStat) {
-  DumpHead_t stHead{{}, stMark.iWorker, stMark.iWorkers, stStore.Now(), stStat.iGeneration};
+  DumpHead_t stHead{{},
+                    stOrigin.stMark.iWorker,
+                    stOrigin.stMark.iWorkers,
+                    stOrigin.iSavedAt,
+                    stOrigin.iGeneration};
   memcpy(stHead.szMagic, MAGIC, sizeof(MAGIC));
   bool bGood = stFile.Write(&stHead, sizeof(stHead));
-  stStore.Scan(0, UINT64_MAX, [&](std::string_view strKey, const Value_t& stValue) {
-    const DumpEntry_t stEntry{static_cast<uint32_t>(strKey.size()),
-                              static_cast<uint32_t>(stValue.strBytes.size()), stValue.iExpireAt};
+  const bool bWhole = fnSource([&](std::string_view strKey, const Value_t& stValue) {
+    const DumpEntry_t stEntry = EntryOf(strKey, stValue);
     bGood = bGood && stFile.Write(&stEntry, sizeof(stEntry)) &&
             stFile.Write(strKey.data(), strKey.size()) &&
             stFile.Write(stValue.strBytes.data(), stValue.strBytes.size());
     ++stStat.iKeys;
   });
   const DumpEntry_t stEnd{DUMP_END, stFile.Checksum(), static_cast<int64_t>(stStat.iKeys)};
-  bGood = bGood && stFile.Write(&stEnd, sizeof(stEnd)) && stFile.Sync();
+  bGood = bGood && bWhole && stFile.Write(&stEnd, sizeof(stEnd)) && stFile.Sync();
   stStat.iBytes = stFile.Bytes();
   return bGood;
 }
@@ -155,14 +163,29 @@ uint64_t DumpGeneration(const TableMark_t& stMark, const std::string& strPath) {
   return stFile.IsOpen() && ReadHead(stFile, stMark, stHead) ? stHead.iGeneration : 0;
 }
 
+void AppendDumpEntry(std::string& strOut, std::string_view strKey, const Value_t& stValue) {
+  const DumpEntry_t stEntry = EntryOf(strKey, stValue);
+  strOut.append(reinterpret_cast<const char*>(&stEntry), sizeof(stEntry));
+  strOut.append(strKey).append(stValue.strBytes);
+}
+
 std::string WriteDump(KeyStore& stStore, const TableMark_t& stMark, const std::string& strPath,
                       DumpStat_t& stStat, uint64_t iGeneration) {
+  const KeySource_t fnAll = [&stStore](const KeyStore::Visitor_t& fnVisit) {
+    stStore.Scan(0, UINT64_MAX, fnVisit);
+    return true;
+  };
+  return WriteDump(fnAll, {stMark, stStore.Now(), iGeneration}, strPath, stStat);
+}
+
+std::string WriteDump(const KeySource_t& fnSource, const DumpOrigin_t& stOrigin,
+                      const std::string& strPath, DumpStat_t& stStat) {
   const std::string strNew = UnfinishedName(strPath);
-  stStat = {0, 0, iGeneration};
+  stStat = {0, 0, stOrigin.iGeneration};
   bool bGood = false;
   {
     DumpStream stFile(strNew, "w");
-    bGood = stFile.IsOpen() && WriteEntries(stFile, stStore, stMark, stStat);
+    bGood = stFile.IsOpen() && WriteEntries(stFile, fnSource, stOrigin, stStat);
   }
   if (bGood && rename(strNew.c_str(), strPath.c_str()) == 0 && SyncDirectoryOf(strPath)) {
     return "";

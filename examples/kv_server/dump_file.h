@@ -41,9 +41,26 @@ struct DumpStat_t {
   uint64_t iGeneration;
 };
 
-// Writes the keys of a store that nobody changes meanwhile. The file is written beside its name,
-// synced and then renamed, so that under the name there is always a whole one. Empty, or what went
-// wrong: then an earlier file is still there.
+// Appends an entry.
+void AppendDumpEntry(std::string& strOut, std::string_view strKey, const Value_t& stValue);
+
+// Where the keys of a dump come from: calls the visitor for each. False with errno when it can not
+// go on to the last one.
+typedef std::function<bool(const KeyStore::Visitor_t& fnVisit)> KeySource_t;
+
+// What is said of a dump at its beginning.
+struct DumpOrigin_t {
+  TableMark_t stMark;
+  int64_t iSavedAt;
+  uint64_t iGeneration;
+};
+
+// Writes the keys of a source. The file is written beside its name, synced and then renamed, so
+// that under the name there is always a whole one. Empty, or what went wrong: then an earlier file
+// is still there.
+std::string WriteDump(const KeySource_t& fnSource, const DumpOrigin_t& stOrigin,
+                      const std::string& strPath, DumpStat_t& stStat);
+// The same with the keys of a store that nobody changes meanwhile.
 std::string WriteDump(KeyStore& stStore, const TableMark_t& stMark, const std::string& strPath,
                       DumpStat_t& stStat, uint64_t iGeneration = 0);
 

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "table_check.h"
+#include "table_snapshot.h"
 
 // DESIGN
 //
@@ -186,6 +187,13 @@ void KeyStore::StoreMark(uint64_t iMark) {
   }
 }
 
+// Before a change, under whatever key.
+void KeyStore::KeepFor(const char* pKey) {
+  if (m_pSnapshot != nullptr) {
+    m_pSnapshot->Keep(KeyTable::FNVHash(pKey) % m_stTable.Buckets());
+  }
+}
+
 // Before each change, so that a listener that was killed is known to have missed it. Returns the
 // mark, to be put back when the change does not come about.
 uint64_t KeyStore::TakeMark() {
@@ -273,6 +281,7 @@ bool KeyStore::Write(std::string_view strKey, const Found_t* pOld, std::string_v
   m_pRecord = m_pKey + iKey + 1;
   memcpy(m_pRecord, &stHead, sizeof(stHead));
   Put(Put(m_pRecord + sizeof(stHead), strFirst), strSecond);
+  KeepFor(m_pKey);
   const uint64_t iMark = TakeMark();
   const bool bDone =
       pOld == nullptr ? m_stTable.Set(m_pKey, m_pRecord, iRecordSize) : Replace(*pOld, iRecordSize);
@@ -335,6 +344,7 @@ bool KeyStore::SetExpiry(std::string_view strKey, int64_t iExpireAt) {
   if (!Find(strKey, stFound)) {
     return false;
   }
+  KeepFor(m_pKey);
   TakeMark();
   StoreWord(stFound.pRecord + offsetof(ValueHead_t, iExpireAt), iExpireAt);
   CountOut(stFound.stHead);
@@ -365,6 +375,7 @@ void KeyStore::Delete(const char* pKey, const ValueHead_t& stHead) {
 }
 
 void KeyStore::Drop(const char* pKey, const ValueHead_t& stHead) {
+  KeepFor(pKey);
   m_stTable.Delete(pKey);
   CountOut(stHead);
   ++m_iChanges;
@@ -417,6 +428,24 @@ uint64_t KeyStore::Scan(uint64_t iBucket, uint64_t iCount, const Visitor_t& fnVi
     }
   }
   return 0;
+}
+
+// An iterator that leaves a bucket goes on to the next one that has entries, so it stays in this.
+void KeyStore::VisitBucket(uint64_t iBucket, const Visitor_t& fnVisit) {
+  const uint32_t iEntries = m_stTable.BucketList()[iBucket].iSize;
+  if (iEntries == 0) {
+    return;
+  }
+  KeyTable::Position it(m_stTable, iBucket);
+  for (uint32_t i = 1;; ++i, ++it) {
+    Found_t stFound{};
+    if (Decode(*it, stFound)) {
+      fnVisit((*it).pKey + 1, {stFound.Bytes(), stFound.stHead.iExpireAt});
+    }
+    if (i == iEntries) {
+      return;
+    }
+  }
 }
 
 // All keys of the first bucket from iBucket on that has some.

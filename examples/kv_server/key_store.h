@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <random>
 #include <string>
@@ -13,8 +12,9 @@
 #include <vector>
 
 #include "key_table.h"
-#include "table_snapshot.h"
 #include "value_record.h"
+
+class TableSnapshot;
 
 // Whose table it is; stands in the table's first entry.
 struct TableMark_t {
@@ -106,8 +106,8 @@ class KeyStore {
   // Does nothing when the table has no room for it.
   void SetMark(uint64_t iMark);
 
-  // The table as it is now, for a forked child.
-  std::unique_ptr<TableSnapshot> Freeze() { return std::make_unique<TableSnapshot>(m_stTable); }
+  // From now on the snapshot is asked to keep each bucket before it changes; null: nobody is.
+  void SetSnapshot(TableSnapshot* pSnapshot) { m_pSnapshot = pSnapshot; }
 
   size_t Count() const { return m_iCount; }
   // Counts changes that clients have made, and keys whose time was over.
@@ -119,6 +119,11 @@ class KeyStore {
   // visited, whatever else changes in between. fnVisit must not change the store.
   typedef std::function<void(std::string_view strKey, const Value_t& stValue)> Visitor_t;
   uint64_t Scan(uint64_t iBucket, uint64_t iCount, const Visitor_t& fnVisit);
+
+  uint64_t Buckets() const { return m_stTable.Buckets(); }
+  // Calls fnVisit for all keys of a bucket, also for those whose time is over. It must not change
+  // the store.
+  void VisitBucket(uint64_t iBucket, const Visitor_t& fnVisit);
 
   // Any key, about equally likely each; false when there is none.
   bool RandomKey(std::string& strKey);
@@ -155,6 +160,7 @@ class KeyStore {
   bool HasRoomFor(uint32_t iRecordSize);
   void BeginIntent(uint32_t iRecordSize);
   void EndIntent();
+  void KeepFor(const char* pKey);
   uint64_t TakeMark();
   void StoreMark(uint64_t iMark);
   void Delete(const char* pKey, const ValueHead_t& stHead);
@@ -164,6 +170,7 @@ class KeyStore {
 
   KeyTable m_stTable;
   ChangeListener* m_pListener = nullptr;
+  TableSnapshot* m_pSnapshot = nullptr;
   char* m_pMark = nullptr;  // in the table; null: not looked for, or not there
   IntentHead_t* m_pIntent = nullptr;
   char* m_pKey = nullptr;     // the intent's key, where every key is put together

@@ -4,10 +4,8 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <cstring>
 
 #include "mirror.h"
 #include "process_signals.h"
@@ -35,9 +33,9 @@ void EndGroup(int /*iSignal*/) { kill(-getpid(), SIGKILL); }
 int SaveAction::Do() {
   EndWithWorker(m_iWorker);
   DumpStat_t stStat{};
-  std::string strError = m_stSnapshot.TakePlace()
-                             ? WriteDump(m_stStore, m_stMark, m_strPath, stStat, m_iGeneration)
-                             : std::string("mremap: ") + strerror(errno);
+  const std::string strError =
+      WriteDump([this](const KeyStore::Visitor_t& fnVisit) { return m_stFeed.Receive(fnVisit); },
+                m_stOrigin, m_strPath, stStat);
   ResultParam("keys", std::to_string(stStat.iKeys));
   ResultParam("bytes", std::to_string(stStat.iBytes));
   ResultParam("state", strError.empty() ? SAVED : strError);

@@ -8,8 +8,8 @@
 
 #include "dump_file.h"
 #include "long_action_util.h"
+#include "save_feed.h"
 #include "settings.h"
-#include "table_snapshot.h"
 
 // The slow parts of a save, which a worker has done by forked children. Each ends with its worker.
 
@@ -17,24 +17,19 @@
 // "bytes" and "state", which is "saved" or what went wrong.
 class SaveAction : public LongActionMethod {
  public:
-  // The snapshot of the store's table is used up in the child.
-  SaveAction(KeyStore& stStore, const TableMark_t& stMark, std::string strPath,
-             uint64_t iGeneration, TableSnapshot& stSnapshot)
-      : m_stStore(stStore),
-        m_stMark(stMark),
+  // The child takes its end of the feed.
+  SaveAction(SaveFeed& stFeed, const DumpOrigin_t& stOrigin, std::string strPath)
+      : m_stFeed(stFeed),
+        m_stOrigin(stOrigin),
         m_strPath(std::move(strPath)),
-        m_iGeneration(iGeneration),
-        m_stSnapshot(stSnapshot),
         m_iWorker(getpid()) {}
 
   int Do() override;
 
  private:
-  KeyStore& m_stStore;
-  const TableMark_t m_stMark;
+  SaveFeed& m_stFeed;
+  const DumpOrigin_t m_stOrigin;
   const std::string m_strPath;
-  const uint64_t m_iGeneration;  // of the journal behind the dump
-  TableSnapshot& m_stSnapshot;
   const pid_t m_iWorker;
 };
 

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
+#include <utility>
 
 #include "gateway_event.h"
 #include "log.h"
@@ -52,14 +54,17 @@ bool SaveMachine::Begin() {
   if (!m_strError.empty()) {
     return false;
   }
-  const auto pSnapshot = m_stSaver.m_stStore.Freeze();
-  SaveAction stAction(m_stSaver.m_stStore, m_stSaver.m_stMark, m_stSaver.m_strPath, m_iGeneration,
-                      *pSnapshot);
+  KeyStore& stStore = m_stSaver.m_stStore;
+  auto pFeed = std::make_unique<SaveFeed>(stStore);
+  SaveAction stAction(*pFeed, {m_stSaver.m_stMark, stStore.Now(), m_iGeneration},
+                      m_stSaver.m_strPath);
   fflush(nullptr);
-  if (!pSnapshot->Good() || LongActionUtil::Instance().Perform(&stAction, GetId(), 0) != 0) {
+  if (!pFeed->Good() || LongActionUtil::Instance().Perform(&stAction, GetId(), 0) != 0) {
     m_strError = strerror(errno);
     return false;
   }
+  pFeed->StartSending();
+  m_stSaver.m_pFeed = std::move(pFeed);
   Enter(SAVE_WRITING);
   return true;
 }
@@ -82,6 +87,7 @@ int SaveMachine::OnDump(const long_action_response_t& stResponse) {
   LongActionMethod stResult;
   const std::string strOutcome = OutcomeOf(stResponse.strStdOut, stResult);
   const bool bGood = strOutcome == SAVED;
+  m_stSaver.m_pFeed.reset();
   if (bGood) {
     g_pLog->Info("worker %d: saved %s keys, %s bytes", *g_pWorkerIndex,
                  stResult.Param("keys", 0).c_str(), stResult.Param("bytes", 0).c_str());

@@ -168,7 +168,8 @@ int Saver::Turn(int iMost) {
     Resume();
   }
   if (Running()) {
-    return std::min(iMost, CHILD_PAUSE_MS);
+    const int iPause = std::min(iMost, CHILD_PAUSE_MS);
+    return m_pFeed == nullptr ? iPause : m_pFeed->Turn(iPause);
   }
   const bool bForJournal = m_stJournal.WantsSave();
   if (m_stSettings.vecSaveRules.empty() && !bForJournal) {

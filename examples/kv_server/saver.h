@@ -2,11 +2,13 @@
 #define KV_SERVER_SAVER_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "id_generator.h"
 #include "journal.h"
 #include "key_store.h"
+#include "save_feed.h"
 #include "settings.h"
 
 // What a worker tells of its saves.
@@ -49,8 +51,9 @@ class Saver {
   // Readable when a child has written something; -1 when none runs.
   int WaitFD() const { return Running() ? m_iEpoll : -1; }
 
-  // Takes what children have written, resumes the save whose child has ended, starts what the rules
-  // want. Returns after how many milliseconds it wants to be called again, iMost at most.
+  // Sends a slice of the keys, takes what children have written, resumes the save whose child has
+  // ended, starts what the rules want. Returns after how many milliseconds it wants to be called
+  // again, iMost at most.
   int Turn(int iMost);
 
   // Ends a save that runs and saves in this process. False when that failed, which the log tells.
@@ -96,10 +99,11 @@ class Saver {
   int64_t m_iLastSave;
   int64_t m_iRetryAt = 0;  // after a failure the rules wait
   bool m_bLastGood = true;
-  int64_t m_iNoSaveBefore = 0;   // the end does not save before this time
-  int m_iOutput = 0;             // bytes from the child that runs
-  bool m_bChildKilled = false;   // by us
-  bool m_bMirrorBehind = false;  // there is a good dump that the mirror has not had
+  int64_t m_iNoSaveBefore = 0;        // the end does not save before this time
+  std::unique_ptr<SaveFeed> m_pFeed;  // of the keys to the child that writes them
+  int m_iOutput = 0;                  // bytes from the child that runs
+  bool m_bChildKilled = false;        // by us
+  bool m_bMirrorBehind = false;       // there is a good dump that the mirror has not had
   bool m_bAbandoning = false;
 };
 

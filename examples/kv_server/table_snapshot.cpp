@@ -1,50 +1,55 @@
 #include "table_snapshot.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cstddef>
-#include <cstring>
-
-#include "key_table.h"
+#include "dump_file.h"
+#include "key_store.h"
 
 namespace {
 
-size_t WholePages(size_t iSize) {
-  const auto iPage = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-  return (iSize + iPage - 1) / iPage * iPage;
-}
+const size_t PIECE_SIZE = 64 << 10;    // a new piece is begun behind one of this size
+const uint64_t EMPTY_BUCKETS = 65536;  // looked at in one call: a sparse table is walked in slices
 
 }  // namespace
 
-TableSnapshot::TableSnapshot(KeyTable& stTable)
-    : m_pSegment(reinterpret_cast<char*>(stTable.HeapHead())),
-      m_iSize(WholePages(stTable.HeapHead()->iCurrentOffset)) {
-  void* pCopy = mmap(nullptr, m_iSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (pCopy == MAP_FAILED) {
+TableSnapshot::TableSnapshot(KeyStore& stStore)
+    : m_stStore(stStore), m_iTime(stStore.Now()), m_vecKept(stStore.Buckets()) {
+  stStore.SetSnapshot(this);
+}
+
+TableSnapshot::~TableSnapshot() { m_stStore.SetSnapshot(nullptr); }
+
+void TableSnapshot::Keep(uint64_t iBucket) {
+  if (m_vecKept[iBucket]) {
     return;
   }
-  m_pCopy = static_cast<char*>(pCopy);
-  const KeyTable::Heap::Head_t& stHead = *stTable.HeapHead();
-  const size_t iBlocks = stHead.iBeginOffset + stHead.iReservedSize;
-  const auto Copy = [this](size_t iBegin, size_t iEnd) {
-    memcpy(m_pCopy + iBegin, m_pSegment + iBegin, iEnd - iBegin);
-  };
-  Copy(0, offsetof(KeyTable::Heap::Head_t, szFreeList));
-  Copy(stHead.iBeginOffset, iBlocks - KeyTable::INTENT_SIZE);
-  Copy(iBlocks, stHead.iCurrentOffset);
+  m_vecKept[iBucket] = true;
+  m_stStore.VisitBucket(iBucket, [this](std::string_view strKey, const Value_t& stValue) {
+    if (stValue.iExpireAt != KeyStore::NEVER && stValue.iExpireAt <= m_iTime) {
+      return;
+    }
+    if (m_dqPieces.empty() || m_dqPieces.back().size() >= PIECE_SIZE) {
+      m_dqPieces.emplace_back();
+    }
+    AppendDumpEntry(m_dqPieces.back(), strKey, stValue);
+    ++m_iKeys;
+  });
 }
 
-TableSnapshot::~TableSnapshot() {
-  if (m_pCopy != nullptr) {
-    munmap(m_pCopy, m_iSize);
+void TableSnapshot::Advance(size_t iBytes) {
+  const size_t iEnough = WaitingBytes() + iBytes;
+  for (uint64_t i = 0; i < EMPTY_BUCKETS && !Whole() && WaitingBytes() < iEnough; ++i) {
+    Keep(m_iNext++);
+  }
+  if (Whole()) {
+    m_stStore.SetSnapshot(nullptr);
   }
 }
 
-bool TableSnapshot::TakePlace() {
-  if (mremap(m_pCopy, m_iSize, m_iSize, MREMAP_MAYMOVE | MREMAP_FIXED, m_pSegment) == MAP_FAILED) {
-    return false;
-  }
-  m_pCopy = nullptr;
-  return true;
+void TableSnapshot::Abandon() {
+  m_stStore.SetSnapshot(nullptr);
+  m_dqPieces.clear();
+}
+
+// All pieces but the last one have at least the size of one.
+size_t TableSnapshot::WaitingBytes() const {
+  return m_dqPieces.empty() ? 0 : (m_dqPieces.size() - 1) * PIECE_SIZE + m_dqPieces.back().size();
 }

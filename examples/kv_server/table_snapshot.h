@@ -2,32 +2,51 @@
 #define KV_SERVER_TABLE_SNAPSHOT_H
 
 #include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <vector>
 
-class KeyTable;
+class KeyStore;
 
-// A table as it is at one moment, for a forked child to read at leisure.
+// The keys of a store as they are at one moment, copied little by little while the store goes on.
 //
-// fork() does not copy shared memory: what a child reads there changes under it. So the parent
-// copies the used part of the segment into memory of its own, and the child, which has inherited
-// the copy, moves it to where the segment is attached. Its own objects then work on the copy.
+// fork() does not copy shared memory: what a child reads there changes under it. So the writer of
+// the table copies it itself, some buckets in each of its turns. Before the store changes anything
+// in a bucket that was not copied yet, it has that bucket kept, so each one is copied once and as
+// it was at the beginning. What the copies take is what waits to be taken away: little, unless the
+// reader is slow and clients change much meanwhile; at most all keys.
 class TableSnapshot {
  public:
-  // Copies what a reader looks at, about as fast as memory can; not the free lists.
-  explicit TableSnapshot(KeyTable& stTable);
+  // Begins now, at the store's time. One at a time for a store, which must outlive it.
+  explicit TableSnapshot(KeyStore& stStore);
   ~TableSnapshot();
   TableSnapshot(const TableSnapshot&) = delete;
   TableSnapshot& operator=(const TableSnapshot&) = delete;
 
-  // False when there was no memory; errno says so.
-  bool Good() const { return m_pCopy != nullptr; }
+  // By the store, before it changes a bucket.
+  void Keep(uint64_t iBucket);
 
-  // In the child: from now on the table is the copy, private to this process.
-  bool TakePlace();
+  // Copies whole buckets until about iBytes more wait, or there are no more.
+  void Advance(size_t iBytes);
+  // No bucket is left: from now on changes of the store cost nothing.
+  bool Whole() const { return m_iNext >= m_vecKept.size(); }
+  uint64_t Keys() const { return m_iKeys; }  // copied so far
+  // Nobody wants it any more: nothing is kept or waits from now on.
+  void Abandon();
+
+  // What waits, in pieces: DumpEntry_t, key and value of each key that was copied. A piece is taken
+  // from the front; what is added later goes to the back.
+  std::deque<std::string>& Pieces() { return m_dqPieces; }
+  size_t WaitingBytes() const;
 
  private:
-  char* const m_pSegment;
-  size_t m_iSize;
-  char* m_pCopy = nullptr;
+  KeyStore& m_stStore;
+  const int64_t m_iTime;        // keys whose time was over then are left out
+  std::vector<bool> m_vecKept;  // by bucket: it was copied
+  uint64_t m_iNext = 0;         // all buckets before it were
+  uint64_t m_iKeys = 0;
+  std::deque<std::string> m_dqPieces;
 };
 
 #endif
