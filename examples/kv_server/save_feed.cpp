@@ -49,46 +49,30 @@ SaveFeed::~SaveFeed() {
 void SaveFeed::StartSending() { Close(m_iChildEnd); }
 
 int SaveFeed::Turn(int iMost) {
-  if (m_bBroken) {
-    return iMost;
-  }
-  if (m_stSnapshot.WaitingBytes() < WAITING && !m_stSnapshot.Whole()) {
+  if (m_stSnapshot.WaitingBytes() < WAITING) {
     m_stSnapshot.Advance(SLICE);
   }
-  if (m_stSnapshot.Whole() && !m_bEnded) {
-    AppendEnd();
-  }
-  SendPieces();
-  if (m_stSnapshot.Pieces().empty()) {
-    return m_bEnded || m_bBroken ? iMost : 0;
+  Send();
+  if (m_stSnapshot.Whole() && m_stSnapshot.WaitingBytes() == 0) {
+    return iMost;
   }
   return m_stSnapshot.Whole() || m_stSnapshot.WaitingBytes() >= WAITING ? SLOW_CHILD_MS : 0;
 }
 
-void SaveFeed::AppendEnd() {
-  m_bEnded = true;
-  const DumpEntry_t stEnd{DUMP_END, 0, static_cast<int64_t>(m_stSnapshot.Keys())};
-  m_stSnapshot.Pieces().emplace_back(reinterpret_cast<const char*>(&stEnd), sizeof(stEnd));
-}
-
-void SaveFeed::SendPieces() {
-  std::deque<std::string>& dqPieces = m_stSnapshot.Pieces();
-  while (!dqPieces.empty()) {
-    const std::string& strPiece = dqPieces.front();
-    const ssize_t iCount = send(m_iWorkerEnd, strPiece.data() + m_iSent, strPiece.size() - m_iSent,
-                                MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (iCount < 0) {
-      m_bBroken = errno != EAGAIN && errno != EINTR && errno != ENOBUFS;
-      break;
+// A child that has gone is no error here: the worker will hear of its end.
+void SaveFeed::Send() {
+  while (m_stSnapshot.WaitingBytes() > 0) {
+    const std::string_view strFront = m_stSnapshot.Front();
+    const ssize_t iCount =
+        send(m_iWorkerEnd, strFront.data(), strFront.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (iCount > 0) {
+      m_stSnapshot.Take(static_cast<size_t>(iCount));
+      continue;
     }
-    m_iSent += static_cast<size_t>(iCount);
-    if (m_iSent == strPiece.size()) {
-      dqPieces.pop_front();
-      m_iSent = 0;
+    if (errno != EAGAIN && errno != EINTR && errno != ENOBUFS) {
+      m_stSnapshot.Abandon();
     }
-  }
-  if (m_bBroken) {
-    m_stSnapshot.Abandon();
+    return;
   }
 }
 

@@ -1,9 +1,6 @@
 #ifndef KV_SERVER_SAVE_FEED_H
 #define KV_SERVER_SAVE_FEED_H
 
-#include <cstddef>
-#include <cstdint>
-
 #include "key_store.h"
 #include "table_snapshot.h"
 
@@ -31,15 +28,11 @@ class SaveFeed {
   bool Receive(const KeyStore::Visitor_t& fnVisit);
 
  private:
-  void SendPieces();
-  void AppendEnd();
+  void Send();
 
   TableSnapshot m_stSnapshot;
   int m_iWorkerEnd = -1;
   int m_iChildEnd = -1;
-  size_t m_iSent = 0;      // of the first piece
-  bool m_bEnded = false;   // the mark is among the pieces
-  bool m_bBroken = false;  // the child has gone: the worker will hear of its end
 };
 
 #endif

@@ -26,30 +26,58 @@ void TableSnapshot::Keep(uint64_t iBucket) {
     if (stValue.iExpireAt != KeyStore::NEVER && stValue.iExpireAt <= m_iTime) {
       return;
     }
-    if (m_dqPieces.empty() || m_dqPieces.back().size() >= PIECE_SIZE) {
-      m_dqPieces.emplace_back();
-    }
-    AppendDumpEntry(m_dqPieces.back(), strKey, stValue);
+    std::string& strPiece = Back();
+    const size_t iBefore = strPiece.size();
+    AppendDumpEntry(strPiece, strKey, stValue);
+    m_iWaiting += strPiece.size() - iBefore;
     ++m_iKeys;
   });
 }
 
+std::string& TableSnapshot::Back() {
+  if (m_dqPieces.empty() || m_dqPieces.back().size() >= PIECE_SIZE) {
+    m_dqPieces.emplace_back();
+  }
+  return m_dqPieces.back();
+}
+
 void TableSnapshot::Advance(size_t iBytes) {
-  const size_t iEnough = WaitingBytes() + iBytes;
-  for (uint64_t i = 0; i < EMPTY_BUCKETS && !Whole() && WaitingBytes() < iEnough; ++i) {
+  const size_t iEnough = m_iWaiting + iBytes;
+  for (uint64_t i = 0;
+       !m_bWhole && i < EMPTY_BUCKETS && m_iNext < m_vecKept.size() && m_iWaiting < iEnough; ++i) {
     Keep(m_iNext++);
   }
-  if (Whole()) {
-    m_stStore.SetSnapshot(nullptr);
+  if (m_iNext == m_vecKept.size() && !m_bWhole) {
+    AppendEnd();
   }
+}
+
+void TableSnapshot::AppendEnd() {
+  m_bWhole = true;
+  m_stStore.SetSnapshot(nullptr);
+  const DumpEntry_t stEnd{DUMP_END, 0, m_iKeys};
+  Back().append(reinterpret_cast<const char*>(&stEnd), sizeof(stEnd));
+  m_iWaiting += sizeof(stEnd);
 }
 
 void TableSnapshot::Abandon() {
+  m_bWhole = true;
   m_stStore.SetSnapshot(nullptr);
   m_dqPieces.clear();
+  m_iTaken = 0;
+  m_iWaiting = 0;
 }
 
-// All pieces but the last one have at least the size of one.
-size_t TableSnapshot::WaitingBytes() const {
-  return m_dqPieces.empty() ? 0 : (m_dqPieces.size() - 1) * PIECE_SIZE + m_dqPieces.back().size();
+std::string_view TableSnapshot::Front() const {
+  return m_dqPieces.empty() ? std::string_view()
+                            : std::string_view(m_dqPieces.front()).substr(m_iTaken);
+}
+
+void TableSnapshot::Take(size_t iBytes) {
+  m_iWaiting -= iBytes;
+  m_iTaken += iBytes;
+  if (m_iTaken == m_dqPieces.front().size()) {
+    m_dqPieces.pop_front();
+    m_iTaken = 0;
+  }
 }

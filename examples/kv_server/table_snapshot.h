@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <string_view>
 #include <vector>
 
 class KeyStore;
@@ -29,24 +30,31 @@ class TableSnapshot {
 
   // Copies whole buckets until about iBytes more wait, or there are no more.
   void Advance(size_t iBytes);
-  // No bucket is left: from now on changes of the store cost nothing.
-  bool Whole() const { return m_iNext >= m_vecKept.size(); }
-  uint64_t Keys() const { return m_iKeys; }  // copied so far
+  // Nothing is left to copy: from now on changes of the store cost nothing.
+  bool Whole() const { return m_bWhole; }
   // Nobody wants it any more: nothing is kept or waits from now on.
   void Abandon();
 
-  // What waits, in pieces: DumpEntry_t, key and value of each key that was copied. A piece is taken
-  // from the front; what is added later goes to the back.
-  std::deque<std::string>& Pieces() { return m_dqPieces; }
-  size_t WaitingBytes() const;
+  // What waits to be taken away: DumpEntry_t, key and value of each key, and at the end an entry of
+  // DUMP_END with the number of keys as its time. Front() is the first part of it, empty when there
+  // is none; Take() takes bytes from its start.
+  size_t WaitingBytes() const { return m_iWaiting; }
+  std::string_view Front() const;
+  void Take(size_t iBytes);
 
  private:
+  std::string& Back();
+  void AppendEnd();
+
   KeyStore& m_stStore;
   const int64_t m_iTime;        // keys whose time was over then are left out
   std::vector<bool> m_vecKept;  // by bucket: it was copied
   uint64_t m_iNext = 0;         // all buckets before it were
-  uint64_t m_iKeys = 0;
+  bool m_bWhole = false;
+  int64_t m_iKeys = 0;  // copied so far
   std::deque<std::string> m_dqPieces;
+  size_t m_iTaken = 0;  // of the first piece
+  size_t m_iWaiting = 0;
 };
 
 #endif
