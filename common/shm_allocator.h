@@ -229,10 +229,13 @@ inline void ShmAllocator::Deallocate(void* p) {
   auto* pBlock = reinterpret_cast<Pointer_t*>(static_cast<char*>(p) - sizeof(uint64_t));
   const uint64_t iBlockSize = pBlock->iSize;
   uint64_t* pList = ListOf(iBlockSize);
+  // Loaded here, although it is stored last: with no other load between the list's store and the
+  // next Allocate(), the processor forwards the one to the other without waiting for iSize.
+  const uint64_t iBlockCount = pHead->iBlockCount - 1;
   pHead->iManagedSize += iBlockSize;
   pBlock->iNext = *pList;
   SetList(pList, iOffset - sizeof(uint64_t));
-  pHead->iBlockCount -= 1;
+  pHead->iBlockCount = iBlockCount;
 }
 
 inline bool ShmAllocator::IsSameClass(const void* p, uint64_t iSize) const {
