@@ -2,6 +2,7 @@
 
 #include <stdio.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "internal/always_assert.h"
@@ -17,6 +18,14 @@ const char* TextOf(const char* pText) { return pText == nullptr ? "" : pText; }
 
 const char* NullIfEmpty(const std::string& strText) {
   return strText.empty() ? nullptr : strText.c_str();
+}
+
+// Doubles at least, so that results which are appended one by one stay cheap.
+void MakeRoom(size_t iRows, std::vector<std::vector<std::string>>& vecRows) {
+  const size_t iWanted = vecRows.size() + iRows;
+  if (iWanted > vecRows.capacity()) {
+    vecRows.reserve(std::max(iWanted, vecRows.capacity() * 2));
+  }
 }
 
 void AppendRow(MYSQL_ROW pRow, const unsigned long* pLengths, unsigned int iColumns,
@@ -118,6 +127,7 @@ int MysqlObj::AppendRows(std::vector<std::vector<std::string>>& vecRows) {
   const unsigned int iColumns = mysql_field_count(m_pMysql);
   m_iAffectedRows = iRows;
   m_iInsertId = 0;
+  MakeRoom(iRows, vecRows);
   for (uint32_t i = 0; i < iRows; ++i) {
     MYSQL_ROW pRow = mysql_fetch_row(pResult.get());
     const unsigned long* pLengths = pRow == nullptr ? nullptr : mysql_fetch_lengths(pResult.get());
