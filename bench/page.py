@@ -152,10 +152,11 @@ def fastest(contestants, wanted):
 
 
 def rival_of(contestants, peer):
-    """The contestant whom a target means: "best", or the fastest of "name|name"."""
+    """The contestant whom a target means: "best", or the fastest of "pattern|pattern"."""
     if peer == "best":
         return fastest(contestants, lambda name: not is_ours(name) and not is_limit(name))
-    return fastest(contestants, lambda name: name in peer.split("|"))
+    patterns = peer.split("|")
+    return fastest(contestants, lambda name: any(fnmatch.fnmatchcase(name, p) for p in patterns))
 
 
 class Verdict:

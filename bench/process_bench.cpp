@@ -15,6 +15,8 @@
 // of both pipes and waitpid. Ours is driven as in a host: epoll, with SIGCHLD as one of its
 // descriptors. popen, posix_spawn and Boost.Process run the command without a fork of the host's
 // memory; they can run nothing but programs. popen has no pipe for the standard error.
+//
+// Figures are the time that passes; cpu_ns is the processor time of all processes together.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -376,12 +378,26 @@ struct Case_t {
   bool bShared = false;
 };
 
+// Processor time of this process and of the children that have been waited for.
+double CpuNanoseconds() {
+  double dSum = 0;
+  for (const int iWho : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
+    rusage stUsage{};
+    getrusage(iWho, &stUsage);
+    for (const timeval& stTime : {stUsage.ru_utime, stUsage.ru_stime}) {
+      dSum += static_cast<double>(stTime.tv_sec) * 1e9 + static_cast<double>(stTime.tv_usec) * 1e3;
+    }
+  }
+  return dSum;
+}
+
 template <typename Contestant>
 void Run(benchmark::State& stState, const Case_t& stCase) {
   fflush(nullptr);  // a child would print it once more
   const Ballast stBallast(stCase.iBallast, stCase.bShared);
   Contestant stContestant(stCase.pMake);
   g_bPause = stCase.bPause;
+  const double dCpu = CpuNanoseconds();
   for (auto stIteration : stState) {
     static_cast<void>(stIteration);
     for (size_t i = 0; i < stCase.iChildren; ++i) {
@@ -389,6 +405,8 @@ void Run(benchmark::State& stState, const Case_t& stCase) {
     }
     stContestant.Finish();
   }
+  stState.counters["cpu_ns"] =
+      (CpuNanoseconds() - dCpu) / static_cast<double>(stState.iterations());
 }
 
 template <typename Contestant>
