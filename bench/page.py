@@ -171,7 +171,11 @@ class Verdict:
 
     def measured(self):
         """The ratio, never rounded to the other side of its target."""
-        return f"{math.floor(self.ratio * 100) / 100:.2f}"
+        for digits in (2, 3, 4):
+            text = f"{self.ratio:.{digits}f}"
+            if (float(text) >= self.target.at_least) == self.reached:
+                break
+        return text
 
     def __str__(self):
         mark = "✓" if self.reached else "**missed**"
@@ -214,7 +218,7 @@ def summary(family, verdicts):
                 [name, format_time(contestants[ours].median)]
                 + against(contestants, ours, rival_of(contestants, "best"))
                 + against(contestants, ours, fastest(contestants, is_limit))
-                + ["<br>".join(map(str, verdicts[operation, ours]))])
+                + ["<br>".join(map(str, verdicts.get((operation, ours), [])))])
     head = ["operation", "ours", "best peer", "ratio", "limit", "ratio", "target: measured"]
     return table(head, rows) if rows else ""
 
@@ -242,12 +246,15 @@ def all_figures(family):
     return f"<details><summary>All figures</summary>\n\n{table(head, rows)}\n</details>\n"
 
 
+def program_of(name):
+    """The source of a family, None when there is none any more."""
+    paths = [BENCH / f"{name}_bench.cpp", BENCH / name]
+    return next(filter(pathlib.Path.exists, paths), None)
+
+
 def top_comment(name):
-    path = BENCH / f"{name}_bench.cpp"
-    if not path.exists():
-        path = BENCH / name
     lines = []
-    for line in path.read_text().splitlines():
+    for line in program_of(name).read_text().splitlines():
         if not lines and line.startswith("#!"):
             continue
         if not line.startswith(("//", "#")):
@@ -389,7 +396,7 @@ def section(family, verdicts, unmeasured, page):
         chart(family, verdicts, page),
         summary(family, verdicts),
         comparison(family),
-        "".join(f"Not measured: {t.operation} against {t.peer}, target {t.at_least:g}.\n"
+        "".join(f"- Not measured: {t.operation} against {t.peer}, target {t.at_least:g}\n"
                 for t in unmeasured),
         f"```text\n{family.text.rstrip()}\n```\n" if family.text else "",
         f"<details><summary>What is measured</summary>\n\n```text\n{top_comment(family.name)}\n"
@@ -410,8 +417,8 @@ def machine():
 
 def intro(verdicts):
     missed = [(f, v) for f, v in verdicts if not v.reached]
-    lines = "".join(f"- [{f.title}](#{anchor(f.title)}), {v.operation}: {v.measured()} against {v.rival}, "
-                    f"target {v.target.at_least:g}\n" for f, v in missed)
+    lines = "".join(f"- [{f.title}](#{anchor(f.title)}), {v.operation}: {v.measured()} against "
+                    f"{v.rival}, target {v.target.at_least:g}\n" for f, v in missed)
     return f"""# Measured
 
 Written by `script/bench`: do not edit.
@@ -438,7 +445,8 @@ def anchor(title):
 def main():
     results = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else ROOT / "build/bench/results")
     page = pathlib.Path(sys.argv[2] if len(sys.argv) > 2 else ROOT / "docs/performance.md")
-    names = {path.stem for path in results.iterdir() if path.suffix in (".json", ".tsv")}
+    names = {path.stem for path in results.iterdir()
+             if path.suffix in (".json", ".tsv") and program_of(path.stem)}
     order = [name for name in TITLES if name in names] + sorted(names - TITLES.keys())
     targets = read_targets()
     all_verdicts = []
