@@ -263,6 +263,16 @@ TEST_F(MysqlObjTest, SecondQueryAppendsToTheSameRows) {
   EXPECT_EQ(1u, m_stMysql.AffectedRows());
 }
 
+TEST_F(MysqlObjTest, RoomIsMadeForAllRowsAtOnceAndDoublesForLaterOnes) {
+  const std::string strSql = "SELECT seq FROM seq_1_to_1000";
+  Rows_t vecRows;
+  ASSERT_EQ(0,
+            m_stMysql.ExecuteSql(strSql.data(), static_cast<unsigned int>(strSql.size()), vecRows));
+  EXPECT_EQ(1000u, vecRows.capacity());
+  ASSERT_EQ(0, m_stMysql.ExecuteSql("SELECT 1", 8, vecRows));
+  EXPECT_EQ(2000u, vecRows.capacity());
+}
+
 TEST_F(MysqlObjTest, ValueWithZeroBytesIsWhole) {
   ASSERT_EQ(0, Execute(m_stMysql, "CREATE TABLE b (c VARBINARY(8), d BLOB)"));
   ASSERT_EQ(0, Execute(m_stMysql, "INSERT INTO b VALUES (X'00410042FF00', X'00')"));
