@@ -302,10 +302,11 @@ def columns_of(groups):
     columns = [[]]
     used = 0
     for group in groups:
-        if rows > ONE_COLUMN and len(columns) == 1 and used >= rows / 2:
+        size = len(group[1]) + 2
+        if rows > ONE_COLUMN and len(columns) == 1 and used + size / 2 > rows / 2:
             columns.append([])
         columns[-1].append(group)
-        used += len(group[1]) + 2
+        used += size
     return columns
 
 
