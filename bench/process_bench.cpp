@@ -52,6 +52,7 @@ const char LINE[] = "result\n";
 const char COMMAND[] = "echo result";
 const useconds_t PAUSE = 20000;
 const size_t MANY = 1000;
+const int64_t FORKS = 15;                   // of a large parent
 const rlim_t DESCRIPTORS = 4 * MANY + 100;  // two pipes for each of many
 
 bool g_bPause = false;
@@ -418,15 +419,7 @@ void Register(const std::string& strName, const Case_t& stCase, int64_t iIterati
   }
 }
 
-void RegisterShells(const std::string& strOperation, const Case_t& stCase, int64_t iIterations) {
-  Register<Zelk>(strOperation + "/zelk", stCase, iIterations);
-  Register<Popen>(strOperation + "/popen", stCase, iIterations);
-  Register<Spawn>(strOperation + "/posix_spawn", stCase, iIterations);
-  Register<BoostProcess>(strOperation + "/boost_process", stCase, iIterations);
-  Register<Bare>(strOperation + "/limit", stCase, iIterations);
-}
-
-void RegisterCode(const std::string& strOperation, const Case_t& stCase, int64_t iIterations) {
+void RegisterCode(const std::string& strOperation, const Case_t& stCase, int64_t iIterations = 0) {
   Register<Zelk>(strOperation + "/zelk", stCase, iIterations);
   Register<Bare>(strOperation + "/limit", stCase, iIterations);
 }
@@ -441,7 +434,9 @@ void RegisterMany() {
     return;
   }
   RegisterCode("children_1000", {MakeCode, MANY, true}, 1);
-  RegisterShells("shells_1000", {MakeShell2, MANY, true}, 1);
+  Register<Zelk>("shells_1000/zelk", {MakeShell2, MANY, true}, 1);
+  Register<Spawn>("shells_1000/posix_spawn", {MakeShell2, MANY, true}, 1);
+  Register<Bare>("shells_1000/limit", {MakeShell2, MANY, true}, 1);
 }
 
 void RegisterSizes() {
@@ -455,18 +450,22 @@ void RegisterSizes() {
       continue;
     }
     const std::string strName = std::string("fork_") + pSize;
-    Register<Zelk>(strName + "/private", {MakeCode, 1, false, iSize, false}, 30);
-    Register<Zelk>(strName + "/shared", {MakeCode, 1, false, iSize, true}, 30);
-    Register<Spawn>(strName + "/private_posix_spawn", {MakeCode, 1, false, iSize, false}, 30);
+    Register<Zelk>(strName + "/private", {MakeCode, 1, false, iSize, false}, FORKS);
+    Register<Zelk>(strName + "/shared", {MakeCode, 1, false, iSize, true}, FORKS);
+    Register<Spawn>(strName + "/private_posix_spawn", {MakeCode, 1, false, iSize, false}, FORKS);
   }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  RegisterShells("shell", {MakeShell}, 0);
-  RegisterCode("code", {MakeCode}, 0);
-  RegisterCode("code_paused", {MakeCode, 1, true}, 0);
+  Register<Zelk>("shell/zelk", {MakeShell});
+  Register<Popen>("shell/popen", {MakeShell});
+  Register<Spawn>("shell/posix_spawn", {MakeShell});
+  Register<BoostProcess>("shell/boost_process", {MakeShell});
+  Register<Bare>("shell/limit", {MakeShell});
+  RegisterCode("code", {MakeCode});
+  RegisterCode("code_paused", {MakeCode, 1, true});
   RegisterMany();
   Register<Command>("command/zelk", {MakeShell});
   Register<Popen>("command/popen", {MakeShell});
