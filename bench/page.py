@@ -84,6 +84,8 @@ class Family:
         context = content["context"]
         load = ", ".join(f"{value:.2f}" for value in context["load_avg"])
         self.state = f"{context['date'][:16].replace('T', ' ')}, load before it {load}"
+        if context["load_avg"][0] > context["num_cpus"] / 2:
+            self.state += " (**the machine was busy: repeat it**)"
 
     def read_tsv(self, path, text):
         for line in path.read_text().splitlines():
