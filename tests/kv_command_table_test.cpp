@@ -64,6 +64,14 @@ TEST(KvCommandTableTest, NamesMayBeSwappedAndGivenBack) {
   EXPECT_EQ(CMD_INCR, FindCommand("incr")->eId);
 }
 
+TEST(KvCommandTableTest, WhatWasFoundLatestIsNotRememberedOverANewName) {
+  EXPECT_EQ(CMD_INCR, FindCommand("incr")->eId);
+  RenameCommands({{"incr", "count"}});
+  EXPECT_EQ(nullptr, FindCommand("incr"));
+  RenameCommands({{"count", "incr"}});
+  EXPECT_EQ(CMD_INCR, FindCommand("incr")->eId);
+}
+
 TEST(KvCommandTableTest, NewNamesAreUniqueAndForKnownCommands) {
   EXPECT_EQ("", CheckCommandNames({{"get", "set"}, {"set", "get"}}));
   EXPECT_EQ("", CheckCommandNames({{"get", ""}, {"set", ""}, {"incr", std::string(64, 'i')}}));

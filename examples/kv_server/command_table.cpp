@@ -69,6 +69,14 @@ Index_t MakeIndex() {
   return mapIndex;
 }
 
+// What was found last, as it was written: pipelines mostly repeat one command.
+struct Latest_t {
+  std::string strName;
+  const Command_t* pCommand = nullptr;
+};
+
+Latest_t g_stLatest;
+
 Index_t& Index() {
   static Index_t mapIndex = MakeIndex();
   return mapIndex;
@@ -85,6 +93,9 @@ std::string Wrong(const CommandNames_t::value_type& stPair, const char* pWhat) {
 const std::vector<Command_t>& AllCommands() { return Commands(); }
 
 const Command_t* FindCommand(std::string_view strName) {
+  if (g_stLatest.pCommand != nullptr && strName == g_stLatest.strName) {
+    return g_stLatest.pCommand;
+  }
   const Index_t& mapIndex = Index();
   char szLower[LONGEST_NAME];
   if (strName.size() > LONGEST_NAME) {
@@ -94,7 +105,11 @@ const Command_t* FindCommand(std::string_view strName) {
     szLower[i] = static_cast<char>(tolower(static_cast<unsigned char>(strName[i])));
   }
   const auto it = mapIndex.find(std::string_view(szLower, strName.size()));
-  return it == mapIndex.end() ? nullptr : it->second;
+  if (it == mapIndex.end()) {
+    return nullptr;
+  }
+  g_stLatest = {std::string(strName), it->second};
+  return it->second;
 }
 
 bool Writes(CommandId_t eId) {
@@ -144,4 +159,5 @@ void RenameCommands(const CommandNames_t& mapNames) {
                                    [](const Command_t& st) { return *st.pName == '\0'; }),
                     vecCommands.end());
   Index() = MakeIndex();
+  g_stLatest = Latest_t();
 }

@@ -70,6 +70,20 @@ bool ReadQuoted(const char*& p, const char* pEnd, std::string& strWord) {
   return p == pEnd || isspace(static_cast<unsigned char>(*p)) != 0;
 }
 
+// Reads "<number>\r\n" of one to four digits, no zero before others, and goes behind it. Null when
+// it is anything else.
+const char* ReadShortNumber(const char* p, const char* pEnd, size_t& iNumber) {
+  const char* const pLimit = pEnd - p > 4 ? p + 4 : pEnd;
+  const char* const pBegin = p;
+  for (iNumber = 0; p < pLimit && *p >= '0' && *p <= '9'; ++p) {
+    iNumber = iNumber * 10 + static_cast<size_t>(*p - '0');
+  }
+  if (p == pBegin || (*pBegin == '0' && p - pBegin > 1)) {
+    return nullptr;
+  }
+  return pEnd - p >= 2 && p[0] == '\r' && p[1] == '\n' ? p + 2 : nullptr;
+}
+
 }  // namespace
 
 void RequestParser::Reset() {
@@ -96,7 +110,37 @@ RequestParser::Result_t RequestParser::Parse(const char* pData, size_t iSize) {
   return *pData == '*' ? ParseArray(pData, iSize) : ParseInline(pData, iSize);
 }
 
+// The usual request: all there, short numbers, nothing wrong. False for any other, with nothing
+// changed but Arguments(): that is for ParseArray().
+bool RequestParser::ParseWhole(const char* pData, size_t iSize) {
+  const char* const pEnd = pData + iSize;
+  size_t iElements = 0;
+  const char* p = ReadShortNumber(pData + 1, pEnd, iElements);
+  if (p == nullptr || iElements > m_stLimits.iElements) {
+    return false;
+  }
+  m_vecArguments.clear();
+  for (; iElements > 0; --iElements) {
+    size_t iLength = 0;
+    if (p == pEnd || *p != '$' || (p = ReadShortNumber(p + 1, pEnd, iLength)) == nullptr ||
+        iLength > m_stLimits.iBulk || static_cast<size_t>(pEnd - p) < iLength + 2 ||
+        p[iLength] != '\r' || p[iLength + 1] != '\n') {
+      return false;
+    }
+    m_vecArguments.emplace_back(p, iLength);
+    p += iLength + 2;
+  }
+  if (static_cast<size_t>(p - pData) > m_stLimits.iRequest) {
+    return false;
+  }
+  m_iOffset = static_cast<size_t>(p - pData);
+  return true;
+}
+
 RequestParser::Result_t RequestParser::ParseArray(const char* pData, size_t iSize) {
+  if (m_iOffset == 0 && ParseWhole(pData, iSize)) {
+    return COMPLETE;
+  }
   if (m_iElements < 0) {
     const Result_t eHead = ParseArrayHead(pData, iSize);
     if (eHead != COMPLETE) {

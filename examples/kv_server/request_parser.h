@@ -55,6 +55,7 @@ class RequestParser {
     size_t iSize;
   };
 
+  bool ParseWhole(const char* pData, size_t iSize);
   Result_t ParseArray(const char* pData, size_t iSize);
   Result_t ParseArrayHead(const char* pData, size_t iSize);
   Result_t ParseElement(const char* pData, size_t iSize);
