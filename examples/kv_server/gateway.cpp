@@ -31,6 +31,10 @@
 // nothing. Whatever happens to a session in a turn puts it on the list of touched ones, and all
 // sending, erasing and removing is done there, once, at the end of the turn: until then the bytes
 // of a request stay where large values are pushed from.
+//
+// Sessions and answers are watched edge-triggered. A session reads until its socket is empty
+// anyway, and epoll need not look again at each socket that was readable in the turn before; the
+// wake bytes of the answers are read once for many turns (WorkerLink::HasMore()).
 
 namespace {
 
@@ -44,8 +48,8 @@ const uint32_t FIRST_ID = 100;
 const uint32_t END_OF_IDS = 1000000000;
 
 const uint64_t TAG_LISTENER = 1ull << 32;
-const uint64_t TAG_WORKER = 2ull << 32;  // plus the index
-                                         // below: a session's machine id
+const uint64_t TAG_WORKER = 2ull << 32;
+// below: a session's machine id
 
 bool Watch(int iEpoll, int iOperation, int iFD, uint64_t iTag, uint32_t iEvents) {
   epoll_event stEvent{};
@@ -138,7 +142,7 @@ bool Gateway::AttachLinks() {
       return false;
     }
     MQPool::Instance().AddMQ(iWorker, &stLink.In(), &stLink.Out());
-    if (!Watch(m_iEpoll, EPOLL_CTL_ADD, stLink.Out().FifoFD(), TAG_WORKER + i, EPOLLIN)) {
+    if (!Watch(m_iEpoll, EPOLL_CTL_ADD, stLink.Out().FifoFD(), TAG_WORKER, EPOLLIN | EPOLLET)) {
       return false;
     }
   }
@@ -146,12 +150,12 @@ bool Gateway::AttachLinks() {
 }
 
 // How long the turn may sleep.
-int Gateway::WaitMilliseconds() const {
+int Gateway::WaitMilliseconds() {
   if (!m_vecResumed.empty()) {
     return 0;
   }
   for (const auto& pLink : m_vecLinks) {
-    if (pLink->Out().CanReadSize() > 0) {
+    if (pLink->HasMore()) {
       return 0;
     }
   }
@@ -193,9 +197,7 @@ void Gateway::EndPeriod() {
 void Gateway::OnEvent(uint64_t iTag, uint32_t iEvents) {
   if (iTag == TAG_LISTENER) {
     AcceptClients();
-  } else if (iTag >= TAG_WORKER) {
-    MQPool::Instance().GetMQ(static_cast<int>(iTag - TAG_WORKER), 1)->ClearFifo();
-  } else {
+  } else if (iTag != TAG_WORKER) {  // answers are taken in every turn
     OnSessionEvent(static_cast<uint32_t>(iTag), iEvents);
   }
 }
@@ -227,7 +229,7 @@ void Gateway::AddClient(std::unique_ptr<TcpSocket> pSocket) {
   const int iOn = 1;
   const uint32_t iId = NewMachineId();
   setsockopt(pSocket->FD(), IPPROTO_TCP, TCP_NODELAY, &iOn, sizeof(iOn));
-  if (!Watch(m_iEpoll, EPOLL_CTL_ADD, pSocket->FD(), iId, EPOLLIN)) {
+  if (!Watch(m_iEpoll, EPOLL_CTL_ADD, pSocket->FD(), iId, EPOLLIN | EPOLLET)) {
     g_pLog->Warning("gateway: can not watch a client: %s", strerror(errno));
     return;
   }
@@ -338,7 +340,9 @@ void Gateway::TouchAll() {
 void Gateway::Resume(Session& stSession) { m_vecResumed.push_back(stSession.GetId()); }
 
 void Gateway::WatchSession(Session& stSession, int iFD, uint32_t iEvents) {
-  Watch(m_iEpoll, EPOLL_CTL_MOD, iFD, stSession.GetId(), iEvents);
+  // Room to write is looked at again until all is written.
+  const uint32_t iEdge = (iEvents & EPOLLOUT) == 0 ? EPOLLET : 0u;
+  Watch(m_iEpoll, EPOLL_CTL_MOD, iFD, stSession.GetId(), iEvents | iEdge);
 }
 
 void Gateway::FinishSessions() {

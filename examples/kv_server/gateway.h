@@ -60,7 +60,7 @@ class Gateway : public ReplyReceiver {
   bool Start();
   bool AttachLinks();
   void Turn(int iTimeout);
-  int WaitMilliseconds() const;
+  int WaitMilliseconds();
   void OnEvent(uint64_t iTag, uint32_t iEvents);
   void AcceptClients();
   void AddClient(std::unique_ptr<TcpSocket> pSocket);

@@ -141,6 +141,7 @@ void WorkerLink::Keep(Unit_t& stUnit) {
 void WorkerLink::Drain(ReplyReceiver& stReceiver) {
   BufferVec_t astRecords[POP_COUNT];
   for (int iCount = 0; (iCount = m_stOut.Pop(astRecords, POP_COUNT)) > 0;) {
+    m_stWakeBytes.OnPopped(iCount);
     for (int i = 0; i < iCount; ++i) {
       KV_TRACK(astRecords[i].pData, astRecords[i].iSize);
       const std::unique_ptr<char[]> pRecord(astRecords[i].pData);

@@ -9,6 +9,7 @@
 #include "batch.h"
 #include "message_queue.h"
 #include "queue_set.h"
+#include "wake_bytes.h"
 
 // Whom a run's replies are for: a machine of the gateway and a number that means something to it.
 struct ReplyTarget_t {
@@ -73,6 +74,9 @@ class WorkerLink {
   // Takes all answers that have come.
   void Drain(ReplyReceiver& stReceiver);
 
+  // Whether answers wait. To be asked before a sleep on the FIFO of Out(), edge-triggered.
+  bool HasMore() { return m_stWakeBytes.HasMore(); }
+
  private:
   // A batch and its large values, pushed together or not at all.
   struct Unit_t {
@@ -104,6 +108,7 @@ class WorkerLink {
   const uint64_t m_iQueueBytes;
   MessageQueue m_stIn;   // we write
   MessageQueue m_stOut;  // we read
+  WakeBytes m_stWakeBytes{m_stOut};
   uint64_t m_iMark = 0;
   uint64_t m_iNumber = 0;
   Unit_t m_stOpen;
