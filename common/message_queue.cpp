@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
@@ -77,6 +78,22 @@ uint32_t Wrapped(uint64_t iOffset, uint32_t iRing) {
   return static_cast<uint32_t>(iOffset >= iRing ? iOffset - iRing : iOffset);
 }
 
+// glibc copies more than about 2 KiB by one "rep movsb", which AMD's Zen 3 and Zen 4 do 17 to 25
+// times slower when the target lies up to 63 bytes ahead of the source within a page. Records begin
+// at any byte and would meet that now and then; pieces of this size go through vector registers.
+const size_t COPY_PIECE = 2048;
+
+void CopyPieces(char* pTo, const char* pFrom, size_t iSize) {
+  while (iSize != 0) {
+    size_t iPiece = std::min(iSize, COPY_PIECE);
+    asm("" : "+r"(iPiece));  // else g++ knows the limit and makes a "rep movsq" of the call
+    memcpy(pTo, pFrom, iPiece);
+    pTo += iPiece;
+    pFrom += iPiece;
+    iSize -= iPiece;
+  }
+}
+
 // memcpy without a call for the short messages that queues mostly carry: the first and the last
 // bytes in two moves, which may overlap.
 template <size_t Size>
@@ -87,7 +104,7 @@ inline void CopyEnds(char* pTo, const char* pFrom, uint32_t iSize) {
 
 inline void Copy(char* pTo, const char* pFrom, uint32_t iSize) {
   if (iSize > 64) {
-    memcpy(pTo, pFrom, iSize);
+    CopyPieces(pTo, pFrom, iSize);
   } else if (iSize >= 32) {
     CopyEnds<32>(pTo, pFrom, iSize);
   } else if (iSize >= 16) {
@@ -143,15 +160,15 @@ void Cursor::WriteOverEnd(const char* pFrom, uint32_t iSize) {
   const char* const pEnd = m_pRingEnd;
   char* const pBegin = m_pRing + (iSize - iTail);
   assert(pEnd > pBegin);
-  memcpy(m_pPlace, pFrom, iTail);
-  memcpy(m_pRing, pFrom + iTail, iSize - iTail);
+  CopyPieces(m_pPlace, pFrom, iTail);
+  CopyPieces(m_pRing, pFrom + iTail, iSize - iTail);
   m_pPlace = pBegin;
 }
 
 void Cursor::ReadOverEnd(char* pTo, uint32_t iSize) {
   const size_t iTail = Tail();
-  memcpy(pTo, m_pPlace, iTail);
-  memcpy(pTo + iTail, m_pRing, iSize - iTail);
+  CopyPieces(pTo, m_pPlace, iTail);
+  CopyPieces(pTo + iTail, m_pRing, iSize - iTail);
   m_pPlace = m_pRing + (iSize - iTail);
 }
 
