@@ -88,8 +88,9 @@ class TcpSocket : public Object {
   // when the peer has closed, which sets no errno. What came before that is in the buffer, and the
   // descriptor stays open.
   //
-  // The callback runs for each piece before it is appended. From the first call on the socket keeps
-  // a block of somewhat more than 1 MiB, of which only what was used becomes resident.
+  // The callback runs for each piece before it is appended. The bytes lie in a block of somewhat
+  // more than 1 MiB, of which only what was used becomes resident; once they are all erased, a
+  // thread's sockets share one such block.
   int Recv(StreamCallback_t* pCallback = nullptr);
 
   void Close();
@@ -149,6 +150,7 @@ class TcpSocket : public Object {
   void DropWritten(size_t iWritten);
   void TakeMessage(time_t iNow);
   bool MakeRecvRoom();
+  void LeaveBlock();
   void AddReceived(const char* pLanding, size_t iSize);
 
   int m_iFD = -1;
@@ -167,6 +169,7 @@ class TcpSocket : public Object {
   size_t m_iCapacity = 0;             // of m_pBuffer
   size_t m_iRecvBegin = 0;            // the received bytes in m_pBuffer: from here
   size_t m_iRecvEnd = 0;              // to before here, where a zero byte stands
+  bool m_bInRecvCallback = false;
 };
 
 #endif

@@ -351,6 +351,87 @@ TEST_F(TcpSocketRecvTest, RecvCallbackMayEraseAllThatCameBefore) {
   EXPECT_STREQ("andmore", m_pSocket->RecvBuffer());
 }
 
+// A second connected socket, the other end of which the test writes to.
+class OtherSocket {
+ public:
+  OtherSocket() {
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, m_aiFDs));
+    m_pSocket = std::make_unique<TcpSocket>(m_aiFDs[0]);
+  }
+  ~OtherSocket() { close(m_aiFDs[1]); }
+  TcpSocket& Receive(const std::string& strData) {
+    EXPECT_TRUE(WriteAll(m_aiFDs[1], strData));
+    EXPECT_EQ(static_cast<int>(strData.size()), m_pSocket->Recv());
+    return *m_pSocket;
+  }
+
+ private:
+  int m_aiFDs[2] = {-1, -1};
+  std::unique_ptr<TcpSocket> m_pSocket;
+};
+
+TEST_F(TcpSocketRecvTest, SocketsThatTakeTurnsReceiveIntoTheSameMemory) {
+  OtherSocket stOther;
+  Receive("abc");
+  const char* pStart = m_pSocket->RecvBuffer();
+  m_pSocket->EraseRecvBuffer(3);
+  TcpSocket& stSocket = stOther.Receive("other");
+  EXPECT_EQ(pStart, stSocket.RecvBuffer());
+  EXPECT_STREQ("other", stSocket.RecvBuffer());
+  stSocket.EraseRecvBuffer(5);
+  Receive("def");
+  EXPECT_EQ("def", Received());
+  EXPECT_EQ(1u, g_iBlocks);
+}
+
+TEST_F(TcpSocketRecvTest, SocketWithBytesLeftKeepsThemWhileOthersReceive) {
+  OtherSocket stOther;
+  Receive("abc");
+  m_pSocket->EraseRecvBuffer(2);
+  TcpSocket& stSocket = stOther.Receive("other");
+  EXPECT_EQ("c", Received());
+  m_pSocket->EraseRecvBuffer(1);
+  stSocket.EraseRecvBuffer(5);  // one block is there already: this one stays with its socket
+  stOther.Receive("more");
+  Receive("def");
+  EXPECT_STREQ("more", stSocket.RecvBuffer());
+  EXPECT_EQ("def", Received());
+  EXPECT_EQ(2u, g_iBlocks);
+}
+
+TEST_F(TcpSocketRecvTest, RecvThatFindsNothingLeavesTheMemoryToOthers) {
+  OtherSocket stOther;
+  EXPECT_EQ(0, m_pSocket->Recv());
+  stOther.Receive("other").EraseRecvBuffer(5);
+  ClosePeer();
+  AwaitEvent(POLLIN);
+  EXPECT_EQ(-1, m_pSocket->Recv());
+  stOther.Receive("more");
+  EXPECT_EQ(1u, g_iBlocks);
+}
+
+TEST_F(TcpSocketRecvTest, OtherSocketMayReceiveDuringACallbackThatErasedAll) {
+  OtherSocket stOther;
+  Receive("early");
+  PeerWrites("late");
+  g_fnDuring = [&](TcpSocket* pSocket, const char* pData, unsigned int iSize) {
+    pSocket->EraseRecvBuffer(UINT_MAX);
+    EXPECT_STREQ("other", stOther.Receive("other").RecvBuffer());
+    EXPECT_EQ("late", std::string(pData, iSize));
+  };
+  EXPECT_EQ(4, m_pSocket->Recv(Record));
+  EXPECT_EQ("late", Received());
+}
+
+TEST_F(TcpSocketRecvTest, LargerMemoryStaysWithTheSocketThatNeededIt) {
+  OtherSocket stOther;
+  Receive(Pattern(3 << 20));
+  const unsigned int iBlocks = g_iBlocks;
+  m_pSocket->EraseRecvBuffer(UINT_MAX);
+  stOther.Receive("other");
+  EXPECT_EQ(iBlocks + 1, g_iBlocks);
+}
+
 TEST_F(TcpSocketRecvTest, MegabytesFromAnotherProcessArriveUnchanged) {
   const std::string strAll = Pattern(5 << 20);
   ForkedPeer stWriter([&] {

@@ -170,13 +170,25 @@ void StreamTest::SetUp() {
   g_vecSeen.clear();
   g_fnDuring = nullptr;
   g_iClock = START;
-  g_iBlocks = 0;
   g_bNoMemory = false;
+  TakeSpareBlock();
+  g_stRecv = script_t();
+  g_iBlocks = 0;
   TcpSocket stListener;
   ASSERT_EQ(0, stListener.Listen("127.0.0.1", 0));
   m_iPeer = ConnectTo(LocalPort(stListener.FD()), m_iPeerBuffer);
   m_pSocket.reset(stListener.Accept());
   ASSERT_NE(nullptr, m_pSocket);
+}
+
+// Has a socket with received bytes own it.
+void StreamTest::TakeSpareBlock() {
+  int aiFDs[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, aiFDs));
+  m_pHolder = std::make_unique<TcpSocket>(aiFDs[0]);
+  ASSERT_EQ(1, write(aiFDs[1], "x", 1));
+  ASSERT_EQ(1, m_pHolder->Recv());
+  close(aiFDs[1]);
 }
 
 void StreamTest::TearDown() {

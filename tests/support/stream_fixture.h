@@ -84,6 +84,11 @@ class StreamTest : public ::testing::Test {
   int m_iPeerBuffer = 0;  // the peer's SO_RCVBUF, 0 as the system has it
   int m_iPeer = -1;
   std::unique_ptr<TcpSocket> m_pSocket;
+
+ private:
+  void TakeSpareBlock();
+
+  std::unique_ptr<TcpSocket> m_pHolder;  // of the receive buffer that an earlier test may have left
 };
 
 #endif
