@@ -484,11 +484,17 @@ class MessageQueueLargeTest : public QueueFixture {
   MessageQueueLargeTest() : QueueFixture(LARGE_RING) {}
 };
 
-TEST_F(MessageQueueLargeTest, EverySplitOfALengthOfThreeBytesIsReadBack) {
-  std::string strText(0x012345, ' ');
-  for (size_t i = 0; i < strText.size(); ++i) {
+// Differs at bytes that are a page, or a power of two below it, apart.
+std::string LongText(size_t iSize) {
+  std::string strText(iSize, ' ');
+  for (size_t i = 0; i < iSize; ++i) {
     strText[i] = static_cast<char>(i * 7 + i / 256);
   }
+  return strText;
+}
+
+TEST_F(MessageQueueLargeTest, EverySplitOfALengthOfThreeBytesIsReadBack) {
+  const std::string strText = LongText(0x012345);
   for (uint32_t iTail = 1; iTail <= 5; ++iTail) {
     StartAt(LARGE_RING - iTail);
     ASSERT_EQ(1, PushText(m_stWriter, strText));
@@ -504,6 +510,16 @@ TEST_F(MessageQueueLargeTest, EverySizeArrivesWhole) {
     }
     ASSERT_EQ(2, PushTexts(m_stWriter, {strText, "next"})) << iSize;
     ASSERT_EQ((Texts_t{strText, "next"}), PopTexts(m_stReader, 2)) << iSize;
+  }
+}
+
+TEST_F(MessageQueueLargeTest, LongMessagesArriveWholeFromAnyPlace) {
+  for (const uint32_t iSize : {2047u, 2048u, 2049u, 4095u, 4096u, 4097u, 65536u}) {
+    for (const uint32_t iTail : {LARGE_RING, 70001u, 4096u, 2052u, 2051u, 100u}) {
+      StartAt(LARGE_RING - iTail);
+      ASSERT_EQ(2, PushTexts(m_stWriter, {LongText(iSize), "next"}));
+      ASSERT_EQ((Texts_t{LongText(iSize), "next"}), PopTexts(m_stReader, 2)) << iSize;
+    }
   }
 }
 
