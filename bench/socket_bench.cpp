@@ -513,7 +513,7 @@ void Register(const std::string& strContestant, const ServerProcess& stServer,
       strName.c_str(),
       [&stServer, stLoad](benchmark::State& stState) { Echo(stState, stServer, stLoad); })
       ->UseRealTime()
-      ->MinTime(0.1);
+      ->MinTime(0.02);
 }
 
 }  // namespace
