@@ -139,18 +139,22 @@ double RunPingPong(const MakeChannel_t& fnMake, unsigned int iRounds, bool bSpin
         pBack->StartWriter();
       },
       [&] {
-        for (unsigned int i = 0; i < iRounds; ++i) {
+        for (unsigned int i = 0; i < iRounds + 1; ++i) {
           ReceiveMessages(*pThere, 1);
           pBack->Send(1);
         }
+        pBack->Flush();
       });
   PinTo(bSpin ? 0 : LastProcessor());
   pThere->StartWriter();
   pBack->StartReader();
-  const double dBegin = Now();
-  for (unsigned int i = 0; i < iRounds; ++i) {
+  double dBegin = 0;
+  for (unsigned int i = 0; i < iRounds + 1; ++i) {
     pThere->Send(1);
     ReceiveMessages(*pBack, 1);
+    if (i == 0) {  // now both ways are open
+      dBegin = Now();
+    }
   }
   return Now() - dBegin;
 }

@@ -11,6 +11,7 @@
 #include <mqueue.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -81,6 +82,7 @@ class Channel {
 
   virtual void StartWriter() {}
   virtual void StartReader() {}
+  virtual void Flush() {}                      // before the writer ends
   virtual void Send(unsigned int iCount) = 0;  // returns when all are handed over
   virtual unsigned int Receive() = 0;          // takes all that is there
 
@@ -163,8 +165,9 @@ class Eventfd {
 class ZelkChannel : public Channel {
  public:
   explicit ZelkChannel(unsigned int iSize) : Channel(iSize) {
-    Check(m_stQueue.Attach(m_stDirectory.File().c_str(), 1, CAPACITY) == 0, "Attach");
-    m_stQueue.Delete();  // for good when both are gone; the reader has inherited it
+    const std::string strFifo = m_stDirectory.File();
+    Check(m_stQueue.AttachWithKey(strFifo.c_str(), IPC_PRIVATE, CAPACITY) == 0, "AttachWithKey");
+    m_stQueue.Delete();  // for good when both are gone; the reader inherits it
     std::fill_n(m_astMessages, BATCH, BufferVec_t{m_strMessage.data(), m_iSize});
   }
 
@@ -590,15 +593,17 @@ class SpscChannel : public Channel {
 class ZeroMqChannel : public Channel {
  public:
   explicit ZeroMqChannel(unsigned int iSize) : Channel(iSize) {}
-  ~ZeroMqChannel() override {
-    if (m_pSocket != nullptr) {
-      zmq_close(m_pSocket);
-      zmq_ctx_term(m_pContext);
-    }
-  }
+  ~ZeroMqChannel() override { Flush(); }
 
   void StartWriter() override { Start(ZMQ_PUSH, ZMQ_SNDHWM, zmq_connect); }
   void StartReader() override { Start(ZMQ_PULL, ZMQ_RCVHWM, zmq_bind); }
+  void Flush() override {
+    if (m_pSocket != nullptr) {
+      zmq_close(m_pSocket);
+      zmq_ctx_term(m_pContext);  // waits for the thread that writes
+      m_pSocket = nullptr;
+    }
+  }
   void Send(unsigned int iCount) override {
     for (unsigned int i = 0; i < iCount; ++i) {
       Check(zmq_send(m_pSocket, m_strMessage.data(), m_iSize, 0) != -1, "zmq_send");
