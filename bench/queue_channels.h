@@ -94,19 +94,27 @@ class Channel {
     poll(&stPoll, 1, -1);
   }
 
-  // The reader is behind: what a host would do in the meantime.
-  void Pause() const {
-    const timespec stPause{0, 20000};
+  // The reader is behind: sleeps, longer each time until Resume(), so that the processor time of
+  // looking again stays small however long the reader is kept from its processor.
+  void Pause() {
     if (m_bSpin) {
       __builtin_ia32_pause();
-    } else {
-      nanosleep(&stPause, nullptr);
+      return;
     }
+    const timespec stPause{0, m_iPause};
+    nanosleep(&stPause, nullptr);
+    m_iPause = std::min(2 * m_iPause, LONGEST_PAUSE);
   }
+  void Resume() { m_iPause = SHORTEST_PAUSE; }
 
   const unsigned int m_iSize;
   std::string m_strMessage;
   bool m_bSpin = false;
+
+ private:
+  static constexpr long SHORTEST_PAUSE = 20000;  // nanoseconds
+  static constexpr long LONGEST_PAUSE = 2000000;
+  long m_iPause = SHORTEST_PAUSE;
 };
 
 // A directory for FIFOs and sockets, removed with them.
@@ -175,6 +183,7 @@ class ZelkChannel : public Channel {
     while (m_stQueue.Push(m_astMessages, iCount) == 0) {
       Pause();
     }
+    Resume();
   }
   unsigned int Receive() override {
     unsigned int iReceived = 0;
@@ -502,6 +511,7 @@ class BoostChannel : public Channel {
         Pause();
       }
     }
+    Resume();
     Wake();
   }
   unsigned int Receive() override {
@@ -545,11 +555,12 @@ class SpscChannel : public Channel {
   }
 
   void Send(unsigned int iCount) override {
-    for (size_t iDone = 0;
-         (iDone += m_stQueue->push(m_vecSlots.data(), iCount - iDone)) < iCount;) {
+    size_t iDone = 0;
+    while ((iDone += m_stQueue->push(m_vecSlots.data(), iCount - iDone)) < iCount) {
       Wake();
       Pause();
     }
+    Resume();
     Wake();
   }
   unsigned int Receive() override {

@@ -6,6 +6,8 @@
 // where the two take turns anyhow and a wake-up across processors would cost, and vary, more than
 // all else together; with several connections it runs on the first.
 //
+// The server on bare system calls is the limit: nothing that does more can answer sooner.
+//
 // echo_<message size>_<connections>c_<pipeline>p; the figure is the time per message, real_time
 // that of a slice of the run, and cpu_ns the processor time that the server alone took per message.
 
@@ -513,14 +515,14 @@ void Register(const std::string& strContestant, const ServerProcess& stServer,
       strName.c_str(),
       [&stServer, stLoad](benchmark::State& stState) { Echo(stState, stServer, stLoad); })
       ->UseRealTime()
-      ->MinTime(0.02);
+      ->MinTime(0.1);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   const std::map<std::string, Serve_t> mapServers = {{"zelk", ServeZelk},
-                                                     {"bare", ServeBare},
+                                                     {"limit", ServeBare},
                                                      {"libevent", ServeLibevent},
                                                      {"asio", ServeAsio},
                                                      {"libuv", ServeLibuv}};
