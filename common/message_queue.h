@@ -85,8 +85,9 @@ class MessageQueue : public Object {
 
   // Takes up to iCount messages into pVec, returns how many. Each pData is a new array of iSize
   // bytes, also when iSize is 0, that the caller releases with delete[]. Stops early when memory
-  // runs out; the messages not returned stay in the ring. Large messages are cheapest taken a few
-  // at a time: the allocator then hands out the same memory again. Reader only. No system call.
+  // runs out; the messages not returned stay in the ring. Messages are cheapest taken and released
+  // a few at a time, up to seven small ones and those of 64 KiB singly: the allocator then hands
+  // out the same memory again. Reader only. No system call.
   int Pop(BufferVec_t* pVec, unsigned int iCount);
 
   // Bytes in the ring, and bytes that a Push can still take; both count 4 bytes a message more
