@@ -191,7 +191,7 @@ void RunComparison(benchmark::State& stState) {
 }
 
 void Register(const std::string& strName, const std::function<void(benchmark::State&)>& fnRun) {
-  benchmark::RegisterBenchmark(strName.c_str(), fnRun)->MinTime(0.3)->UseRealTime();
+  benchmark::RegisterBenchmark(strName.c_str(), fnRun)->MinTime(0.1)->UseRealTime();
 }
 
 void RegisterLines(const std::string& strOperation, const std::string& strPath) {
