@@ -1,35 +1,53 @@
 // The state-machine runtime beside what a user would pick instead:
 //
-// dispatch_*          one message to a machine whose handler counts it: steady, a machine that
-//                     stays in its state; ring, one that moves through eight states, each with
-//                     its own handler; mixed, a thousand of those in random order. Boost.MSM as it
-//                     comes and with its message queue and exception handling switched off.
-// timers_*            N live timers armed in random order with deadlines of 1 to 60 units and
-//                     expired in order of time, per timer. libevent with its heap and with the
-//                     common timeouts that its users may declare for a few fixed durations.
-// rearm_*             a thousand live timers set anew again and again, per round.
-// find_*              a machine by its id, ids in random order.
-// simulated_hour      a thousand machines, each re-armed 100 times a second, with a pass of the
-//                     host's loop after each round: cost per re-arm in the first and the last ten
-//                     minutes, and the memory that is in use after a minute and at the end.
+// dispatch_*        one message to a machine whose handler counts it: steady, a machine that stays
+//                   in its state; ring, one that moves through eight states, each with its own
+//                   handler; mixed, a thousand of those in random order. virtual_state is the
+//                   pattern of the books, an object for each state; function_table an array of
+//                   std::function; Boost.MSM as it comes and with its message queue and exception
+//                   handling switched off.
+// timers_*          N live timers armed in random order with deadlines of 1 to 60 seconds and
+//                   expired in order of time, per timer. libevent with its heap and with the
+//                   common timeouts that its users may declare for a few fixed durations.
+// rearm_*           N live timers of a few seconds set anew ten times a second, per timer, in the
+//                   eleventh second and after an hour. priority_queue leaves the old entries in
+//                   place and pushes new ones; priority_queue_late keeps the early entry and looks
+//                   again when it is due, which ours may not: timers of one second expire in the
+//                   order in which they were set.
+// find_*            a machine by its id, ids in random order.
+//
+// Ours and the priority queues run on a clock that the benchmark moves on; libevent and Asio take
+// milliseconds for seconds, and waiting for them is not counted. Figures are CPU time.
 #include <benchmark/benchmark.h>
 #include <event2/event.h>
 #include <event2/event_struct.h>
-#include <malloc.h>
 
 #include <algorithm>
+#include <asio/io_context.hpp>
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
 #include <boost/msm/back/state_machine.hpp>
 #include <boost/msm/front/functor_row.hpp>
 #include <boost/msm/front/state_machine_def.hpp>
+#include <boost/statechart/custom_reaction.hpp>
+#include <boost/statechart/event.hpp>
+#include <boost/statechart/simple_state.hpp>
+#include <boost/statechart/state_machine.hpp>
+#include <boost/statechart/transition.hpp>
 #include <chrono>
+#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <numeric>
+#include <queue>
 #include <random>
 #include <thread>
+#include <type_traits>
 #include <unordered_map>
 #include <vector>
 
+#include "cpu_time.h"
 #include "machine_pool.h"
 #include "ratio_reporter.h"
 #include "state_machine.h"
@@ -41,12 +59,8 @@ const int STATES = 8;
 const unsigned int MANY_MACHINES = 1000;
 const size_t ORDER = 1 << 17;  // so many messages before their order repeats itself
 const unsigned int LONGEST_TIMEOUT = 60;
-
-typedef std::chrono::steady_clock Clock_t;
-
-double Nanoseconds(Clock_t::time_point stFrom, Clock_t::time_point stTo) {
-  return std::chrono::duration<double, std::nano>(stTo - stFrom).count();
-}
+const int ROUNDS = 10;  // of re-arming in a second
+const unsigned int REARMED_TIMEOUT = 5;
 
 std::vector<unsigned int> Shuffled(size_t iCount) {
   std::vector<unsigned int> vecNumbers(iCount);
@@ -67,6 +81,13 @@ class Machine : public StateMachine {
   }
   int StateMachineType() override { return MACHINE_TYPE; }
   const char* MachineName() override { return "bench"; }
+  void Feed(InternalHead_t* pHead, uint64_t* pCount) { DoNext(pHead, pCount); }
+  // Starts a state that may last so long.
+  void Arm(MachinePool& stPool, time_t iNow, unsigned int iSeconds) {
+    SetStateTimeout(iSeconds);
+    SetStateBeginTime(iNow);
+    stPool.ConfigStateTimeout(this);
+  }
 
   template <int iFrom>
   static int Advance(StateMachine* pMachine, InternalHead_t* /*pHead*/, void* pMessage) {
@@ -152,21 +173,122 @@ struct MsmTuned_ : msm::front::state_machine_def<MsmTuned_<iFirstState>> {
   typedef Rows transition_table;
 };
 
-void Feed(Machine* pMachine, InternalHead_t* pHead, uint64_t* pCount) {
-  pMachine->DoNext(pHead, pCount);
-}
-
 template <typename Front>
-void Feed(msm::back::state_machine<Front>* pMachine, InternalHead_t* pHead, uint64_t* pCount) {
-  pMachine->process_event(Message{pHead, pCount});
-}
+class Msm {
+ public:
+  Msm() { m_stMachine.start(); }
+  void Feed(InternalHead_t* pHead, uint64_t* pCount) {
+    m_stMachine.process_event(Message{pHead, pCount});
+  }
 
-void Start(Machine* /*pMachine*/) {}
+ private:
+  msm::back::state_machine<Front> m_stMachine;
+};
 
-template <typename Front>
-void Start(msm::back::state_machine<Front>* pMachine) {
-  pMachine->start();
-}
+// ---- in Boost.Statechart
+
+namespace sc = boost::statechart;
+
+struct ChartMessage : sc::event<ChartMessage> {
+  explicit ChartMessage(uint64_t* pMessage) : pCount(pMessage) {}
+  uint64_t* pCount;
+};
+
+template <int iFirstState>
+struct ChartMachine;
+
+template <int iFirstState, int iState>
+struct ChartState : sc::simple_state<ChartState<iFirstState, iState>, ChartMachine<iFirstState>> {
+  typedef sc::custom_reaction<ChartMessage> reactions;
+
+  sc::result react(const ChartMessage& stEvent) {
+    ++*stEvent.pCount;
+    if constexpr (iState == STATES) {
+      return this->discard_event();
+    } else {
+      return this->template transit<ChartState<iFirstState, (iState + 1) % STATES>>();
+    }
+  }
+};
+
+template <int iFirstState>
+struct ChartMachine
+    : sc::state_machine<ChartMachine<iFirstState>, ChartState<iFirstState, iFirstState>> {};
+
+template <int iFirstState>
+class Statechart {
+ public:
+  Statechart() { m_stMachine.initiate(); }
+  void Feed(InternalHead_t* /*pHead*/, uint64_t* pCount) {
+    m_stMachine.process_event(ChartMessage(pCount));
+  }
+
+ private:
+  ChartMachine<iFirstState> m_stMachine;
+};
+
+// ---- written by hand: an object for each state, and a table of functions
+
+class VirtualMachine;
+
+struct VirtualState {
+  virtual ~VirtualState() = default;
+  virtual int Handle(VirtualMachine& stMachine, InternalHead_t* pHead, void* pMessage) = 0;
+};
+
+class VirtualMachine {
+ public:
+  explicit VirtualMachine(VirtualState* pState) : m_pState(pState) {}
+  void Feed(InternalHead_t* pHead, uint64_t* pCount) { m_pState->Handle(*this, pHead, pCount); }
+  void Enter(VirtualState* pState) { m_pState = pState; }
+
+ private:
+  VirtualState* m_pState;
+};
+
+template <int iState>
+struct NumberedState : VirtualState {
+  static VirtualState* Instance() {
+    static NumberedState stState;
+    return &stState;
+  }
+  int Handle(VirtualMachine& stMachine, InternalHead_t* /*pHead*/, void* pMessage) override {
+    ++*static_cast<uint64_t*>(pMessage);
+    if constexpr (iState != STATES) {
+      static VirtualState* const s_pNext = NumberedState<(iState + 1) % STATES>::Instance();
+      stMachine.Enter(s_pNext);
+    }
+    return 0;
+  }
+};
+
+template <int iFirstState>
+struct VirtualFrom : VirtualMachine {
+  VirtualFrom() : VirtualMachine(NumberedState<iFirstState>::Instance()) {}
+};
+
+template <int iFirstState>
+class FunctionTable {
+ public:
+  void Feed(InternalHead_t* pHead, uint64_t* pCount) {
+    s_vecHandlers[m_iState](*this, pHead, pCount);
+  }
+
+ private:
+  typedef std::function<int(FunctionTable&, InternalHead_t*, void*)> Handler_t;
+
+  template <size_t iState>
+  static int Handle(FunctionTable& stMachine, InternalHead_t* /*pHead*/, void* pMessage) {
+    stMachine.m_iState = iState == STATES ? iState : (iState + 1) % STATES;
+    ++*static_cast<uint64_t*>(pMessage);
+    return 0;
+  }
+
+  static inline const std::vector<Handler_t> s_vecHandlers = {Handle<0>, Handle<1>, Handle<2>,
+                                                              Handle<3>, Handle<4>, Handle<5>,
+                                                              Handle<6>, Handle<7>, Handle<STATES>};
+  size_t m_iState = iFirstState;
+};
 
 template <typename AnyMachine>
 void Dispatch(benchmark::State& stState, size_t iMachines) {
@@ -177,9 +299,8 @@ void Dispatch(benchmark::State& stState, size_t iMachines) {
   uint64_t iCount = 0;
   for (auto& pMachine : vecMachines) {
     pMachine.reset(new AnyMachine);
-    Start(pMachine.get());
     for (size_t iAhead = stRandom() % STATES; iAhead > 0; --iAhead) {
-      Feed(pMachine.get(), &stHead, &iCount);  // not all in the same state
+      pMachine->Feed(&stHead, &iCount);  // not all in the same state
     }
   }
   for (AnyMachine*& pMachine : vecOrder) {
@@ -187,17 +308,198 @@ void Dispatch(benchmark::State& stState, size_t iMachines) {
   }
   iCount = 0;
   size_t iNext = 0;
-  for (auto stIteration : stState) {
-    static_cast<void>(stIteration);
-    Feed(vecOrder[iNext++ % ORDER], &stHead, &iCount);
+  MeasureCpu(stState, 1, [&] {
+    vecOrder[iNext++ % ORDER]->Feed(&stHead, &iCount);
     benchmark::ClobberMemory();
-  }
+  });
   if (iCount != static_cast<uint64_t>(stState.iterations())) {
     stState.SkipWithError("a message was lost");
   }
 }
 
 // ---- timers
+//
+// Each contestant keeps as many timers as it is told, on a clock of seconds that starts at 0:
+//   Arm(i, iSeconds)   sets timer i to so many seconds from now on
+//   Tick()             moves the clock on by a second and runs what is due, which counts itself
+
+class ZelkTimers {
+ public:
+  explicit ZelkTimers(unsigned int iTimers) : m_stAll(iTimers) { Machine::m_iExpired = 0; }
+  void Arm(size_t i, unsigned int iSeconds) {
+    m_stAll.vecMachines[i]->Arm(m_stAll.stPool, m_iNow, iSeconds);
+  }
+  void Tick() { m_stAll.stPool.ProcessTimeout(++m_iNow); }
+  uint64_t Expired() const { return Machine::m_iExpired; }
+
+ private:
+  Population m_stAll;
+  time_t m_iNow = 1000;
+};
+
+class PriorityQueueTimers {
+ public:
+  explicit PriorityQueueTimers(unsigned int iTimers) : m_vecTimers(iTimers) {}
+  void Arm(size_t i, unsigned int iSeconds) {
+    Timer_t& stTimer = m_vecTimers[i];
+    stTimer.iDeadline = m_iNow + iSeconds;
+    if (!m_bLate || stTimer.iQueued == 0 || stTimer.iQueued > stTimer.iDeadline) {
+      Queue(static_cast<uint32_t>(i), stTimer);
+    }
+  }
+  void Tick() {
+    ++m_iNow;
+    while (!m_stQueue.empty() && m_stQueue.top().first <= m_iNow) {
+      const auto [iQueued, i] = m_stQueue.top();
+      m_stQueue.pop();
+      Look(iQueued, i);
+    }
+  }
+  uint64_t Expired() const { return m_iExpired; }
+
+ protected:
+  bool m_bLate = false;
+
+ private:
+  typedef std::pair<time_t, uint32_t> Entry_t;
+  struct Timer_t {
+    time_t iDeadline = 0;
+    time_t iQueued = 0;
+    std::function<void(PriorityQueueTimers&)> fnExpired = [](PriorityQueueTimers& stSelf) {
+      ++stSelf.m_iExpired;
+    };
+  };
+
+  void Look(time_t iQueued, uint32_t i) {
+    Timer_t& stTimer = m_vecTimers[i];
+    if (stTimer.iQueued != iQueued) {
+      return;  // there is another entry, or was
+    }
+    stTimer.iQueued = 0;
+    if (stTimer.iDeadline > m_iNow) {
+      Queue(i, stTimer);
+    } else {
+      stTimer.fnExpired(*this);
+    }
+  }
+  void Queue(uint32_t i, Timer_t& stTimer) {
+    stTimer.iQueued = stTimer.iDeadline;
+    m_stQueue.emplace(stTimer.iDeadline, i);
+  }
+
+  std::vector<Timer_t> m_vecTimers;
+  std::priority_queue<Entry_t, std::vector<Entry_t>, std::greater<>> m_stQueue;
+  time_t m_iNow = 1000;
+  uint64_t m_iExpired = 0;
+};
+
+// Keeps the entry of an earlier deadline and looks again when that is due.
+class LatePriorityQueueTimers : public PriorityQueueTimers {
+ public:
+  explicit LatePriorityQueueTimers(unsigned int iTimers) : PriorityQueueTimers(iTimers) {
+    m_bLate = true;
+  }
+};
+
+// Those of Asio and libevent: milliseconds for seconds, all at once when the last is due.
+
+class AsioTimers {
+ public:
+  explicit AsioTimers(unsigned int iTimers) {
+    for (unsigned int i = 0; i < iTimers; ++i) {
+      m_dqTimers.emplace_back(m_stContext);
+    }
+  }
+  void Arm(size_t i, unsigned int iSeconds) {
+    m_dqTimers[i].expires_after(std::chrono::milliseconds(iSeconds));
+    m_dqTimers[i].async_wait([this](const asio::error_code& stError) { m_iExpired += !stError; });
+  }
+  void Tick() {
+    m_stContext.restart();
+    m_stContext.poll();
+  }
+  uint64_t Expired() const { return m_iExpired; }
+  void Run(const std::function<void()>& fnRun) {
+    asio::post(m_stContext, fnRun);
+    Tick();
+  }
+
+ private:
+  asio::io_context m_stContext{1};
+  std::deque<asio::steady_timer> m_dqTimers;
+  uint64_t m_iExpired = 0;
+};
+
+template <bool bCommon>
+class EventTimers {
+ public:
+  explicit EventTimers(unsigned int iTimers) : m_pBase(event_base_new()), m_vecEvents(iTimers) {
+    for (event& stEvent : m_vecEvents) {
+      evtimer_assign(&stEvent, m_pBase, &EventTimers::Expire, this);
+    }
+    for (unsigned int i = 0; i <= LONGEST_TIMEOUT; ++i) {
+      m_stDurations[i] = {0, static_cast<int>(i * 1000)};
+      m_pDurations[i] =
+          bCommon ? event_base_init_common_timeout(m_pBase, &m_stDurations[i]) : &m_stDurations[i];
+    }
+  }
+  ~EventTimers() {
+    for (event& stEvent : m_vecEvents) {
+      event_del(&stEvent);
+    }
+    event_base_free(m_pBase);
+  }
+  EventTimers(const EventTimers&) = delete;
+  EventTimers& operator=(const EventTimers&) = delete;
+
+  void Arm(size_t i, unsigned int iSeconds) {
+    evtimer_add(&m_vecEvents[i], m_pDurations[iSeconds]);
+  }
+  void Tick() { event_base_loop(m_pBase, EVLOOP_NONBLOCK); }
+  uint64_t Expired() const { return m_iExpired; }
+  // In a callback, as in a real program: there the loop's time is known and need not be asked for.
+  void Run(const std::function<void()>& fnRun) {
+    const auto fnCall = [](evutil_socket_t, short, void* pRun) {
+      (*static_cast<const std::function<void()>*>(pRun))();
+    };
+    event_base_once(m_pBase, -1, EV_TIMEOUT, fnCall, const_cast<std::function<void()>*>(&fnRun),
+                    nullptr);
+    event_base_loop(m_pBase, EVLOOP_ONCE);
+  }
+
+ private:
+  static void Expire(evutil_socket_t, short, void* pSelf) {
+    ++static_cast<EventTimers*>(pSelf)->m_iExpired;
+  }
+
+  event_base* m_pBase;
+  std::vector<event> m_vecEvents;
+  timeval m_stDurations[LONGEST_TIMEOUT + 1];
+  const timeval* m_pDurations[LONGEST_TIMEOUT + 1];
+  uint64_t m_iExpired = 0;
+};
+
+template <typename AnyTimers>
+constexpr bool IS_LOOP =
+    !std::is_same_v<AnyTimers, ZelkTimers> && !std::is_base_of_v<PriorityQueueTimers, AnyTimers>;
+
+// The cost of fnArm, in the loop of those that have one; they are due when it returns.
+template <typename AnyTimers>
+double CostOfArming([[maybe_unused]] AnyTimers& stTimers, const std::function<void()>& fnArm) {
+  double dCost = 0;
+  const std::function<void()> fnMeasure = [&] {
+    const double dBegin = CpuNanoseconds();
+    fnArm();
+    dCost = CpuNanoseconds() - dBegin;
+  };
+  if constexpr (IS_LOOP<AnyTimers>) {
+    stTimers.Run(fnMeasure);
+    std::this_thread::sleep_for(std::chrono::milliseconds(LONGEST_TIMEOUT + 20));
+  } else {
+    fnMeasure();
+  }
+  return dCost;
+}
 
 std::vector<unsigned int> RandomTimeouts(size_t iCount) {
   std::mt19937 stRandom(2);
@@ -209,162 +511,62 @@ std::vector<unsigned int> RandomTimeouts(size_t iCount) {
   return vecTimeouts;
 }
 
-void TimersZelk(benchmark::State& stState, unsigned int iTimers) {
-  Population stAll(iTimers);
+template <typename AnyTimers>
+void Timers(benchmark::State& stState, unsigned int iTimers) {
+  AnyTimers stTimers(iTimers);
   const auto vecOrder = Shuffled(iTimers);
   const auto vecTimeouts = RandomTimeouts(iTimers);
   double dCost = 0;
-  time_t iNow = 1000;
-  Machine::m_iExpired = 0;
+  uint64_t iExpected = 0;
   for (auto stIteration : stState) {
     static_cast<void>(stIteration);
-    const auto stBegin = Clock_t::now();
-    for (const unsigned int i : vecOrder) {
-      Machine* pMachine = stAll.vecMachines[i - 1].get();
-      pMachine->SetStateTimeout(vecTimeouts[i - 1]);
-      pMachine->SetStateBeginTime(iNow);
-      stAll.stPool.ConfigStateTimeout(pMachine);
+    iExpected += iTimers;
+    dCost += CostOfArming(stTimers, [&] {
+      for (const unsigned int i : vecOrder) {
+        stTimers.Arm(i - 1, vecTimeouts[i - 1]);
+      }
+    });
+    const double dBegin = CpuNanoseconds();
+    while (stTimers.Expired() < iExpected) {
+      stTimers.Tick();
     }
-    for (unsigned int i = 0; i < LONGEST_TIMEOUT; ++i) {
-      stAll.stPool.ProcessTimeout(++iNow);
-    }
-    dCost += Nanoseconds(stBegin, Clock_t::now());
+    dCost += CpuNanoseconds() - dBegin;
   }
-  if (Machine::m_iExpired != static_cast<uint64_t>(stState.iterations()) * iTimers) {
-    stState.SkipWithError("a timer was lost");
-  }
-  stState.counters["ns"] = dCost / static_cast<double>(stState.iterations() * iTimers);
+  ReportCpu(stState, dCost, iTimers);
 }
 
-// The timers of libevent, with milliseconds in place of the seconds.
-class EventTimers {
- public:
-  EventTimers(unsigned int iTimers, bool bCommon)
-      : m_pBase(event_base_new()),
-        m_vecEvents(iTimers),
-        m_vecOrder(Shuffled(iTimers)),
-        m_vecTimeouts(RandomTimeouts(iTimers)) {
-    for (event& stEvent : m_vecEvents) {
-      evtimer_assign(&stEvent, m_pBase, &EventTimers::Expired, this);
+// Each iteration is a second.
+template <typename AnyTimers>
+void Rearm(benchmark::State& stState, unsigned int iTimers, unsigned int iSecondsBefore) {
+  AnyTimers stTimers(iTimers);
+  const auto fnSecond = [&] {
+    for (int iRound = 0; iRound < ROUNDS; ++iRound) {
+      for (unsigned int i = 0; i < iTimers; ++i) {
+        stTimers.Arm(i, REARMED_TIMEOUT);
+      }
     }
-    for (unsigned int i = 0; i <= LONGEST_TIMEOUT; ++i) {
-      m_stDurations[i] = {0, static_cast<int>(i * 1000)};
-      m_pDurations[i] =
-          bCommon ? event_base_init_common_timeout(m_pBase, &m_stDurations[i]) : &m_stDurations[i];
-    }
-    event_assign(&m_stArm, m_pBase, -1, 0, &EventTimers::ArmAll, this);
+    stTimers.Tick();
+  };
+  for (unsigned int i = 0; i < iSecondsBefore; ++i) {
+    fnSecond();
   }
-  ~EventTimers() {
-    for (event& stEvent : m_vecEvents) {
-      event_del(&stEvent);
-    }
-    event_base_free(m_pBase);
-  }
-  EventTimers(const EventTimers&) = delete;
-  EventTimers& operator=(const EventTimers&) = delete;
-
-  // What it takes to arm all of them and to let them expire. They are armed in a callback, as in
-  // a real program: there the loop's time is known and need not be asked for.
-  double ArmAndExpire() {
-    m_iExpired = 0;
-    event_active(&m_stArm, 0, 0);
-    event_base_loop(m_pBase, EVLOOP_NONBLOCK | EVLOOP_ONCE);
-    std::this_thread::sleep_for(std::chrono::milliseconds(LONGEST_TIMEOUT + 20));
-    const auto stBegin = Clock_t::now();
-    while (m_iExpired < m_vecEvents.size()) {
-      event_base_loop(m_pBase, EVLOOP_NONBLOCK);
-    }
-    return m_dArming + Nanoseconds(stBegin, Clock_t::now());
-  }
-
-  void ArmAll() {
-    const auto stBegin = Clock_t::now();
-    for (const unsigned int i : m_vecOrder) {
-      evtimer_add(&m_vecEvents[i - 1], m_pDurations[m_vecTimeouts[i - 1]]);
-    }
-    m_dArming = Nanoseconds(stBegin, Clock_t::now());
-  }
-
- private:
-  static void Expired(evutil_socket_t, short, void* pSelf) {
-    ++static_cast<EventTimers*>(pSelf)->m_iExpired;
-  }
-  static void ArmAll(evutil_socket_t, short, void* pSelf) {
-    static_cast<EventTimers*>(pSelf)->ArmAll();
-  }
-
-  event_base* m_pBase;
-  std::vector<event> m_vecEvents;
-  std::vector<unsigned int> m_vecOrder;
-  std::vector<unsigned int> m_vecTimeouts;
-  timeval m_stDurations[LONGEST_TIMEOUT + 1];
-  const timeval* m_pDurations[LONGEST_TIMEOUT + 1];
-  event m_stArm;
-  size_t m_iExpired = 0;
-  double m_dArming = 0;
-};
-
-void TimersLibevent(benchmark::State& stState, unsigned int iTimers, bool bCommon) {
-  EventTimers stTimers(iTimers, bCommon);
-  double dCost = 0;
-  for (auto stIteration : stState) {
-    static_cast<void>(stIteration);
-    dCost += stTimers.ArmAndExpire();
-  }
-  stState.counters["ns"] = dCost / static_cast<double>(stState.iterations() * iTimers);
-}
-
-void RearmZelk(benchmark::State& stState) {
-  Population stAll(MANY_MACHINES);
-  for (auto& pMachine : stAll.vecMachines) {
-    pMachine->SetStateTimeout(30);
-  }
-  time_t iNow = 1000;
-  unsigned int iRound = 0;
-  for (auto stIteration : stState) {
-    static_cast<void>(stIteration);
-    for (auto& pMachine : stAll.vecMachines) {
-      pMachine->SetStateBeginTime(iNow);
-      stAll.stPool.ConfigStateTimeout(pMachine.get());
-    }
-    iNow += ++iRound % 100 == 0 ? 1 : 0;
-    stAll.stPool.ProcessTimeout(iNow);
-  }
-  stState.SetItemsProcessed(static_cast<int64_t>(stState.iterations() * MANY_MACHINES));
-}
-
-struct EventRearm {
-  benchmark::State* pState;
-  std::vector<event> vecEvents;
-};
-
-void RearmAll(evutil_socket_t, short, void* pArgument) {
-  auto* pRearm = static_cast<EventRearm*>(pArgument);
-  const timeval stTimeout{30, 0};
-  for (auto stIteration : *pRearm->pState) {
-    static_cast<void>(stIteration);
-    for (event& stEvent : pRearm->vecEvents) {
-      evtimer_add(&stEvent, &stTimeout);
-    }
+  MeasureCpu(stState, size_t{ROUNDS} * iTimers, fnSecond);
+  if (stTimers.Expired() != 0) {
+    stState.SkipWithError("a timer expired");
   }
 }
 
-void RearmLibevent(benchmark::State& stState) {
-  event_base* pBase = event_base_new();
-  EventRearm stRearm{&stState, std::vector<event>(MANY_MACHINES)};
-  const auto fnNothing = [](evutil_socket_t, short, void*) {};
-  for (event& stEvent : stRearm.vecEvents) {
-    evtimer_assign(&stEvent, pBase, fnNothing, nullptr);
-  }
-  event stRun;
-  event_assign(&stRun, pBase, -1, 0, RearmAll, &stRearm);
-  event_active(&stRun, 0, 0);
-  event_base_loop(pBase, EVLOOP_NONBLOCK);
-  for (event& stEvent : stRearm.vecEvents) {
-    event_del(&stEvent);
-  }
-  event_base_free(pBase);
-  stState.SetItemsProcessed(static_cast<int64_t>(stState.iterations() * MANY_MACHINES));
+// The clock stands still here, which makes no difference to them.
+template <typename AnyTimers>
+void RearmInLoop(benchmark::State& stState, unsigned int iTimers) {
+  AnyTimers stTimers(iTimers);
+  stTimers.Run([&] {
+    MeasureCpu(stState, iTimers, [&] {
+      for (unsigned int i = 0; i < iTimers; ++i) {
+        stTimers.Arm(i, LONGEST_TIMEOUT);
+      }
+    });
+  });
 }
 
 // ---- find
@@ -373,11 +575,10 @@ template <typename Find>
 void FindAll(benchmark::State& stState, size_t iCount, Find fnFind) {
   const auto vecIds = Shuffled(iCount);
   size_t iNext = 0;
-  for (auto stIteration : stState) {
-    static_cast<void>(stIteration);
+  MeasureCpu(stState, 1, [&] {
     benchmark::DoNotOptimize(fnFind(vecIds[iNext]));
     iNext = iNext + 1 < iCount ? iNext + 1 : 0;
-  }
+  });
 }
 
 void FindZelk(benchmark::State& stState, unsigned int iCount) {
@@ -399,81 +600,75 @@ void FindIn(benchmark::State& stState, unsigned int iCount) {
   });
 }
 
-// ---- the hour
-
-void SimulatedHour(benchmark::State& stState) {
-  const int SECONDS = 3600;
-  const int EDGE = 600;
-  double dFirst = 0;
-  double dLast = 0;
-  double dAll = 0;
-  double dMinuteBytes = 0;
-  double dEndBytes = 0;
-  for (auto stIteration : stState) {
-    static_cast<void>(stIteration);
-    Population stAll(MANY_MACHINES);
-    for (auto& pMachine : stAll.vecMachines) {
-      pMachine->SetStateTimeout(30);
-    }
-    for (int iSecond = 0; iSecond < SECONDS; ++iSecond) {
-      const auto stBegin = Clock_t::now();
-      for (int iRound = 0; iRound < 100; ++iRound) {
-        for (auto& pMachine : stAll.vecMachines) {
-          pMachine->SetStateBeginTime(1000 + iSecond);
-          stAll.stPool.ConfigStateTimeout(pMachine.get());
-        }
-        stAll.stPool.ProcessTimeout(1000 + iSecond);
-      }
-      const double dSecond = Nanoseconds(stBegin, Clock_t::now());
-      dAll += dSecond;
-      dFirst += iSecond < EDGE ? dSecond : 0;
-      dLast += iSecond >= SECONDS - EDGE ? dSecond : 0;
-      if (iSecond == 60) {
-        dMinuteBytes = static_cast<double>(mallinfo2().uordblks);
-      }
-    }
-    dEndBytes = static_cast<double>(mallinfo2().uordblks);
-  }
-  const double dRearms = 100.0 * MANY_MACHINES * static_cast<double>(stState.iterations());
-  stState.counters["ns"] = dAll / (dRearms * SECONDS);
-  stState.counters["first_10min_ns"] = dFirst / (dRearms * EDGE);
-  stState.counters["last_10min_ns"] = dLast / (dRearms * EDGE);
-  stState.counters["minute_bytes"] = dMinuteBytes;
-  stState.counters["hour_bytes"] = dEndBytes;
+template <typename... Arguments>
+void Case(const std::string& strName, Arguments... args) {
+  benchmark::RegisterBenchmark(strName.c_str(), args...)->MinTime(0.1);
 }
 
 template <typename... Arguments>
-benchmark::internal::Benchmark* Case(const std::string& strName, Arguments... args) {
-  return benchmark::RegisterBenchmark(strName.c_str(), args...);
+void FixedCase(int iIterations, const std::string& strName, Arguments... args) {
+  benchmark::RegisterBenchmark(strName.c_str(), args...)->Iterations(iIterations);
 }
 
-void RegisterAll() {
-  using msm::back::state_machine;
+// Of a machine that stays in its state, and of those that go round.
+void RegisterDispatch() {
   Case("dispatch_steady/zelk", Dispatch<SteadyMachine>, 1);
-  Case("dispatch_steady/boost_msm", Dispatch<state_machine<MsmPlain_<STATES>>>, 1);
-  Case("dispatch_steady/boost_msm_tuned", Dispatch<state_machine<MsmTuned_<STATES>>>, 1);
+  Case("dispatch_steady/virtual_state", Dispatch<VirtualFrom<STATES>>, 1);
+  Case("dispatch_steady/function_table", Dispatch<FunctionTable<STATES>>, 1);
+  Case("dispatch_steady/boost_msm", Dispatch<Msm<MsmPlain_<STATES>>>, 1);
+  Case("dispatch_steady/boost_msm_tuned", Dispatch<Msm<MsmTuned_<STATES>>>, 1);
+  Case("dispatch_steady/boost_statechart", Dispatch<Statechart<STATES>>, 1);
   for (const unsigned int iMachines : {1u, MANY_MACHINES}) {
     const std::string strName = iMachines == 1 ? "dispatch_ring/" : "dispatch_mixed/";
     Case(strName + "zelk", Dispatch<Machine>, iMachines);
-    Case(strName + "boost_msm", Dispatch<state_machine<MsmPlain_<0>>>, iMachines);
-    Case(strName + "boost_msm_tuned", Dispatch<state_machine<MsmTuned_<0>>>, iMachines);
+    Case(strName + "virtual_state", Dispatch<VirtualFrom<0>>, iMachines);
+    Case(strName + "function_table", Dispatch<FunctionTable<0>>, iMachines);
+    Case(strName + "boost_msm", Dispatch<Msm<MsmPlain_<0>>>, iMachines);
+    Case(strName + "boost_msm_tuned", Dispatch<Msm<MsmTuned_<0>>>, iMachines);
+    Case(strName + "boost_statechart", Dispatch<Statechart<0>>, iMachines);
   }
+}
+
+template <typename AnyTimers>
+void RegisterTimers(const std::string& strContestant) {
   for (const unsigned int iTimers : {10000u, 1000000u}) {
-    const std::string strName = "timers_" + std::to_string(iTimers) + "/";
-    const int iTimes = iTimers > 100000 ? 1 : 10;
-    Case(strName + "zelk", TimersZelk, iTimers)->Iterations(iTimes);
-    Case(strName + "libevent", TimersLibevent, iTimers, false)->Iterations(iTimes);
-    Case(strName + "libevent_common", TimersLibevent, iTimers, true)->Iterations(iTimes);
+    const std::string strName = "timers_" + std::to_string(iTimers) + "/" + strContestant;
+    FixedCase(iTimers > 100000 ? 1 : 5, strName, Timers<AnyTimers>, iTimers);
   }
-  Case("rearm_1000/zelk", RearmZelk);
-  Case("rearm_1000/libevent", RearmLibevent);
+}
+
+template <typename AnyTimers>
+void RegisterRearm(const std::string& strContestant) {
+  Case("rearm_1000/" + strContestant, Rearm<AnyTimers>, 1000u, 10u);
+  Case("rearm_100000/" + strContestant, Rearm<AnyTimers>, 100000u, 10u);
+}
+
+template <typename AnyTimers>
+void RegisterRearmInLoop(const std::string& strContestant) {
+  Case("rearm_1000/" + strContestant, RearmInLoop<AnyTimers>, 1000u);
+  Case("rearm_100000/" + strContestant, RearmInLoop<AnyTimers>, 100000u);
+}
+
+void RegisterAll() {
+  RegisterDispatch();
+  RegisterTimers<ZelkTimers>("zelk");
+  RegisterTimers<EventTimers<false>>("libevent");
+  RegisterTimers<EventTimers<true>>("libevent_common");
+  RegisterTimers<AsioTimers>("asio");
+  RegisterTimers<PriorityQueueTimers>("priority_queue");
+  RegisterRearm<ZelkTimers>("zelk");
+  RegisterRearm<PriorityQueueTimers>("priority_queue");
+  RegisterRearm<LatePriorityQueueTimers>("priority_queue_late");
+  RegisterRearmInLoop<AsioTimers>("asio");
+  RegisterRearmInLoop<EventTimers<false>>("libevent");
+  RegisterRearmInLoop<EventTimers<true>>("libevent_common");
+  FixedCase(100, "rearm_1000_after_an_hour/zelk", Rearm<ZelkTimers>, 1000u, 3600u);
   for (const unsigned int iCount : {10000u, 1000000u}) {
     const std::string strName = "find_" + std::to_string(iCount) + "/";
     Case(strName + "zelk", FindZelk, iCount);
     Case(strName + "std_map", FindIn<std::map<unsigned int, Machine*>>, iCount);
     Case(strName + "std_unordered_map", FindIn<std::unordered_map<unsigned int, Machine*>>, iCount);
   }
-  Case("simulated_hour/zelk", SimulatedHour)->Iterations(1);
 }
 
 }  // namespace

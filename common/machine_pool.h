@@ -1,10 +1,10 @@
 #ifndef ZELK_COMMON_MACHINE_POOL_H
 #define ZELK_COMMON_MACHINE_POOL_H
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <map>
-#include <unordered_map>
 #include <vector>
 
 #include "object.h"
@@ -69,33 +69,66 @@ class MachinePool : public Object {
   MachinePool() = default;
 
  private:
-  // Ids in the order queued, none of them twice.
-  class IdList {
+  // Machines by id, in one table of an array; null and ids that are not known are the same.
+  class Index {
    public:
-    void Add(unsigned int iID);
-    const std::vector<unsigned int>& Ids() const { return m_vecIds; }
+    StateMachine* Find(unsigned int iID) const;
+    void Add(unsigned int iID, StateMachine* pMachine);
+    void Remove(unsigned int iID);
+    // Has the place of an id brought into the cache.
+    void Fetch(unsigned int iID) const;
 
    private:
+    struct Slot_t {
+      unsigned int iID;
+      StateMachine* pMachine;  // null where free
+    };
+    size_t Home(unsigned int iID) const;
+    size_t Place(unsigned int iID) const;
     void Grow();
-    uint32_t& Slot(unsigned int iID);
 
-    std::vector<unsigned int> m_vecIds;
-    std::vector<uint32_t> m_vecSlots;  // hash table of 1 + index into m_vecIds, 0 where free
+    std::vector<Slot_t> m_vecSlots;  // a power of two, at least half of them free
+    size_t m_iUsed = 0;
+    unsigned int m_iShift = 0;
+  };
+
+  typedef StateMachine::QueueNote_t Note_t;
+
+  // The ids to look at in one second, in the order queued.
+  struct List_t {
+    time_t iTime = 0;
+    uint64_t iSerial = 0;  // no other list has had it, in whatever pool
+    size_t iDoubtful = 0;  // ids that may stand here twice
+    std::vector<unsigned int> vecIds;
   };
 
   // A multimap from seconds to ids, with the ids of one second together.
-  typedef std::map<time_t, IdList> TimeoutQueue_t;
+  class TimeoutQueue {
+   public:
+    void Add(time_t iTime, unsigned int iID, Note_t& stNote);
+    // Moves the lists that are not later than iNow, in the order of time.
+    std::map<time_t, List_t> Take(time_t iNow);
 
-  void Walk(TimeoutQueue_t* pQueue, time_t iNow,
-            void (MachinePool::*pCheck)(StateMachine*, time_t));
+   private:
+    static const size_t RECENT = 64;
+
+    List_t& At(time_t iTime);
+    List_t*& Recent(time_t iTime) { return m_pRecent[static_cast<uint64_t>(iTime) % RECENT]; }
+
+    std::map<time_t, List_t> m_mapLists;
+    List_t* m_pRecent[RECENT] = {};  // saves most searches
+  };
+
+  void Walk(TimeoutQueue& stQueue, time_t iNow, void (MachinePool::*pCheck)(StateMachine*, time_t));
+  void FetchAhead(const std::vector<unsigned int>& vecIds, size_t i) const;
   void CheckState(StateMachine* pMachine, time_t iNow);
   void CheckMachine(StateMachine* pMachine, time_t iNow);
   void Delete(StateMachine* pMachine);
 
   std::map<unsigned int, StateMachine*> m_mapMachines;
-  TimeoutQueue_t m_mapMachineTimeoutQueue;
-  TimeoutQueue_t m_mapStateTimeoutQueue;
-  std::unordered_map<unsigned int, StateMachine*> m_mapIndex;  // m_mapMachines, for GetMachine()
+  TimeoutQueue m_mapMachineTimeoutQueue;
+  TimeoutQueue m_mapStateTimeoutQueue;
+  Index m_stIndex;  // m_mapMachines, for GetMachine()
 };
 
 #endif

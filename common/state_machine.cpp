@@ -28,9 +28,9 @@ class HandlerCache {
 
   // Null when the pair is not remembered.
   Function Find(const Table_t& mapTable, int iType, int iState) const {
-    const uint64_t iKey = Key(iType, iState);
-    const Slot_t& stSlot = m_stSlots[Index(iKey)];
-    return stSlot.iKey == iKey && mapTable.size() == m_iTypes ? stSlot.pFunction : nullptr;
+    const Slot_t& stSlot = m_stSlots[Index(iType, iState)];
+    const bool bFound = stSlot.iState == iState && stSlot.iType == iType;
+    return bFound && mapTable.size() == m_iTypes ? stSlot.pFunction : nullptr;
   }
 
   // Remembers the pair, whose type was found; without a handler for the state the process ends.
@@ -43,8 +43,7 @@ class HandlerCache {
       Clear();
       m_iTypes = mapTable.size();
     }
-    const uint64_t iKey = Key(itType->first, iState);
-    m_stSlots[Index(iKey)] = {iKey, itState->second};
+    m_stSlots[Index(itType->first, iState)] = {itType->first, iState, itState->second};
     return itState->second;
   }
 
@@ -55,20 +54,22 @@ class HandlerCache {
   }
 
  private:
-  static constexpr unsigned int SLOT_BITS = 10;
+  static constexpr size_t SLOTS = 1024;
 
   struct Slot_t {
-    uint64_t iKey;
-    Function pFunction;  // null in an empty slot, whatever its key
+    int iType;
+    int iState;
+    Function pFunction;  // null in an empty slot, whatever its pair
   };
 
-  static uint64_t Key(int iType, int iState) {
-    return uint64_t{static_cast<uint32_t>(iType)} << 32 | static_cast<uint32_t>(iState);
+  // The states of a type stand side by side, types apart: the bits in the middle of a product with
+  // the golden ratio spread neighbouring numbers. The state comes in late, as it is known late.
+  static size_t Index(int iType, int iState) {
+    const uint32_t iBase = static_cast<uint32_t>(iType) * 0x9e3779b9u >> 16;
+    return (iBase + static_cast<uint32_t>(iState)) % SLOTS;
   }
-  // The top bits of a product with the golden ratio spread neighbouring numbers evenly.
-  static size_t Index(uint64_t iKey) { return iKey * 0x9e3779b97f4a7c15 >> (64 - SLOT_BITS); }
 
-  Slot_t m_stSlots[size_t{1} << SLOT_BITS] = {};
+  Slot_t m_stSlots[SLOTS] = {};
   size_t m_iTypes = 0;
 };
 

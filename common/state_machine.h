@@ -158,6 +158,16 @@ class StateMachine : public Object {
   time_t m_iStateBeginTime;
   unsigned int m_iMachineTimeout = 10;  // seconds
   unsigned int m_iStateTimeout = 0;     // seconds
+  friend class MachinePool;
+  // The pool's note of the last check that it queued for a deadline of this machine.
+  struct QueueNote_t {
+    uint64_t iList = 0;  // where it stands, 0 before the first
+    uint64_t iTurn = 0;  // when it was queued
+    unsigned int iID = 0;
+  };
+  QueueNote_t m_stStateNote;
+  QueueNote_t m_stMachineNote;
+
   std::map<int, void*> m_mapReserved;
   unsigned int m_iParentMachineID = ~0u;
 };
