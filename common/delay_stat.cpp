@@ -13,8 +13,10 @@ namespace {
 
 const size_t TAG_MARGIN = 5;
 const size_t FIELD_WIDTH = 10;
-const size_t FIGURES = 4;       // count, min, avg, max
-const size_t NUMBER_SIZE = 20;  // of the longest 64-bit number
+const size_t FIGURES = 4;                         // count, min, avg, max
+const size_t NUMBER_SIZE = 20;                    // of the longest 64-bit number
+const uint64_t HASH_FACTOR = 0x9e3779b97f4a7c15;  // the golden ratio
+const size_t MIN_PLACES = 64;
 const size_t INDEX_SIZE = 256;  // buckets that are found without a search
 
 timeval TimeOrNow(const timeval* pTime) {
@@ -67,6 +69,25 @@ void AppendItem(std::string& strTable, const StatItem_t& stItem, unsigned int iM
   }
 }
 
+// Eight bytes at a time; the last eight may have been seen before.
+uint64_t Hash(const char* pText, size_t iLength) {
+  uint64_t iWord = 0;
+  uint64_t iHash = iLength;
+  if (iLength < sizeof(iWord)) {
+    for (size_t i = 0; i < iLength; ++i) {
+      iWord = iWord << 8 | static_cast<unsigned char>(pText[i]);
+    }
+    return (iHash ^ iWord) * HASH_FACTOR >> 32;
+  }
+  for (size_t i = 0; i + sizeof(iWord) < iLength; i += sizeof(iWord)) {
+    memcpy(&iWord, pText + i, sizeof(iWord));
+    iHash = (iHash ^ iWord) * HASH_FACTOR;
+    iHash ^= iHash >> 32;
+  }
+  memcpy(&iWord, pText + iLength - sizeof(iWord), sizeof(iWord));
+  return (iHash ^ iWord) * HASH_FACTOR >> 32;
+}
+
 // Finds or makes the count of a bucket. A map's entries keep their addresses.
 unsigned int& CountOf(std::map<unsigned int, unsigned int>& mapInterval,
                       std::vector<unsigned int*>& vecIndex, unsigned int iKey) {
@@ -88,20 +109,57 @@ void DelayStat::SetInterval(unsigned int iMax, unsigned int iInterval, unsigned 
   m_iInterval = iInterval;
 }
 
-void DelayStat::PushData(const char* pTag, unsigned int iValue) {
-  const std::string_view strTag(pTag);
-  auto itItem = m_mapData.find(strTag);
-  if (itItem == m_mapData.end()) {
-    itItem = m_mapData.try_emplace(pTag).first;
+// Finds or makes the item of a tag, at the cost of a hash: a search in the map would compare with
+// about seven of a hundred tags.
+DelayStat::Tag_t& DelayStat::Find(const char* pTag, size_t iLength) {
+  if (m_iTags != m_mapData.size()) {  // by Clear(), or a derived class
+    MakeIndex();
   }
-  IndexedItem_t& stItem = itItem->second;
+  Tag_t*& pPlace = m_vecPlaces[Place(pTag, iLength)];
+  if (pPlace != nullptr) {
+    return *pPlace;
+  }
+  Tag_t& stTag = *m_mapData.try_emplace(pTag).first;
+  pPlace = &stTag;
+  if (++m_iTags > m_vecPlaces.size() / 2) {
+    MakeIndex();
+  }
+  return stTag;
+}
+
+// The place of a tag, or the free one where it would stand.
+size_t DelayStat::Place(const char* pTag, size_t iLength) const {
+  const size_t iMask = m_vecPlaces.size() - 1;
+  size_t i = Hash(pTag, iLength) & iMask;
+  while (m_vecPlaces[i] != nullptr && (m_vecPlaces[i]->first.size() != iLength ||
+                                       memcmp(m_vecPlaces[i]->first.data(), pTag, iLength) != 0)) {
+    i = (i + 1) & iMask;
+  }
+  return i;
+}
+
+void DelayStat::MakeIndex() {
+  size_t iPlaces = MIN_PLACES;
+  while (iPlaces < 4 * m_mapData.size()) {
+    iPlaces *= 2;
+  }
+  m_vecPlaces.assign(iPlaces, nullptr);
+  for (Tag_t& stTag : m_mapData) {
+    m_vecPlaces[Place(stTag.first.data(), stTag.first.size())] = &stTag;
+  }
+  m_iTags = m_mapData.size();
+}
+
+void DelayStat::PushData(const char* pTag, unsigned int iValue) {
+  const size_t iLength = strlen(pTag);
+  IndexedItem_t& stItem = Find(pTag, iLength).second;
   stItem.iMin = std::min(stItem.iMin, iValue);
   ++stItem.iCount;
   stItem.iMax = std::max(stItem.iMax, iValue);
   stItem.iTotal += iValue;
   const unsigned int iKey = std::min(iValue, m_iMax) / m_iInterval;
   ++CountOf(stItem.mapInterval, stItem.vecIndex, iKey);
-  m_iTagMaxSize = std::max(m_iTagMaxSize, static_cast<unsigned int>(strTag.size()));
+  m_iTagMaxSize = std::max(m_iTagMaxSize, static_cast<unsigned int>(iLength));
   m_iMaxKey = std::max(m_iMaxKey, iKey);
 }
 
@@ -194,6 +252,7 @@ void DelayStat::DumpToFD(int iFD) {
 
 void DelayStat::Clear() {
   m_mapData.clear();
+  m_iTags = ~size_t{0};
   m_iTagMaxSize = 0;
   m_iMaxKey = 0;
 }

@@ -1,12 +1,14 @@
 #ifndef ZELK_COMMON_DELAY_STAT_H
 #define ZELK_COMMON_DELAY_STAT_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <sys/time.h>
 
 #include <functional>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "object.h"
@@ -99,15 +101,26 @@ class DelayStat : public Object {
     std::vector<unsigned int*> vecIndex;
   };
 
+  typedef std::pair<const std::string, IndexedItem_t> Tag_t;
+
   unsigned int m_iMax = 2000;
   unsigned int m_iInterval = 50;
   unsigned int m_iTagMaxSize = 0;  // since the last Clear(), as is m_iMaxKey
   unsigned int m_iMaxKey = 0;      // the highest bucket in use
-  // std::less<> finds a tag without making a string of it.
+  // std::less<> finds a tag without making a string of it. A derived class may add tags, or remove
+  // all, but not remove some.
   std::map<std::string, IndexedItem_t, std::less<>> m_mapData;
   std::map<std::string, TempData_t, std::less<>> m_mapTempData;  // by identifier
   // By session, the time of each step.
   std::map<std::string, std::map<unsigned int, timeval>, std::less<>> m_mapSessionData;
+
+ private:
+  Tag_t& Find(const char* pTag, size_t iLength);
+  size_t Place(const char* pTag, size_t iLength) const;
+  void MakeIndex();
+
+  std::vector<Tag_t*> m_vecPlaces;  // hash table of all tags, a power of two, half of it free
+  size_t m_iTags = ~size_t{0};      // in the index; it is made anew when the map has another number
 };
 
 #endif

@@ -24,8 +24,7 @@
 namespace {
 
 const size_t MIN_SLOTS = 16;
-const size_t LOOK_AHEAD = 8;  // ids, of which the first half waits for the index
-// Of a machine that is going to be checked.
+const size_t LOOK_AHEAD = 8;  // ids: the index is fetched for the last, the machine for the middle
 const size_t CACHE_LINE = 64;
 
 uint64_t g_iTurn = 0;  // counts lists and what is put into them, of all pools
@@ -58,7 +57,9 @@ StateMachine* MachinePool::Index::Find(unsigned int iID) const {
 }
 
 void MachinePool::Index::Fetch(unsigned int iID) const {
-  __builtin_prefetch(m_vecSlots.data() + Home(iID));
+  if (!m_vecSlots.empty()) {
+    __builtin_prefetch(&m_vecSlots[Home(iID)]);
+  }
 }
 
 void MachinePool::Index::Add(unsigned int iID, StateMachine* pMachine) {
@@ -99,9 +100,30 @@ void MachinePool::Index::Remove(unsigned int iID) {
 
 void MachinePool::TimeoutQueue::Add(time_t iTime, unsigned int iID, Note_t& stNote) {
   List_t& stList = At(iTime);
-  if (stNote.iList == stList.iSerial && stNote.iID == iID) {
-    return;
+  if (stNote.iList != stList.iSerial || stNote.iID != iID) {
+    Append(stList, iID, stNote);
   }
+}
+
+MachinePool::List_t& MachinePool::TimeoutQueue::At(time_t iTime) {
+  List_t*& pRecent = Recent(iTime);
+  if (pRecent == nullptr || pRecent->iTime != iTime) {
+    pRecent = Search(iTime);
+  }
+  return *pRecent;
+}
+
+[[gnu::noinline]] MachinePool::List_t* MachinePool::TimeoutQueue::Search(time_t iTime) {
+  List_t& stList = m_mapLists[iTime];
+  if (stList.iSerial == 0) {
+    stList.iTime = iTime;
+    stList.iSerial = ++g_iTurn;
+  }
+  return &stList;
+}
+
+[[gnu::noinline]] void MachinePool::TimeoutQueue::Append(List_t& stList, unsigned int iID,
+                                                         Note_t& stNote) {
   std::vector<unsigned int>& vecIds = stList.vecIds;
   if (vecIds.size() == vecIds.capacity() && stList.iDoubtful > vecIds.size() / 2) {
     DropRepeated(vecIds);
@@ -110,19 +132,6 @@ void MachinePool::TimeoutQueue::Add(time_t iTime, unsigned int iID, Note_t& stNo
   vecIds.push_back(iID);
   stList.iDoubtful += stNote.iTurn > stList.iSerial ? 1 : 0;
   stNote = {stList.iSerial, ++g_iTurn, iID};
-}
-
-MachinePool::List_t& MachinePool::TimeoutQueue::At(time_t iTime) {
-  List_t*& pRecent = Recent(iTime);
-  if (pRecent == nullptr || pRecent->iTime != iTime) {
-    List_t& stList = m_mapLists[iTime];
-    if (stList.iSerial == 0) {
-      stList.iTime = iTime;
-      stList.iSerial = ++g_iTurn;
-    }
-    pRecent = &stList;
-  }
-  return *pRecent;
 }
 
 std::map<time_t, MachinePool::List_t> MachinePool::TimeoutQueue::Take(time_t iNow) {
@@ -193,9 +202,12 @@ void MachinePool::FetchAhead(const std::vector<unsigned int>& vecIds, size_t i) 
     return;
   }
   m_stIndex.Fetch(vecIds[i + LOOK_AHEAD]);
-  const auto* pSoon = reinterpret_cast<const char*>(m_stIndex.Find(vecIds[i + LOOK_AHEAD / 2]));
-  for (size_t iLine = 0; iLine < sizeof(StateMachine); iLine += CACHE_LINE) {
-    __builtin_prefetch(pSoon + iLine, 1);
+  const StateMachine* const pSoon = m_stIndex.Find(vecIds[i + LOOK_AHEAD / 2]);
+  if (pSoon != nullptr) {
+    const auto* const pBytes = reinterpret_cast<const char*>(pSoon);
+    for (size_t iLine = 0; iLine < sizeof(StateMachine); iLine += CACHE_LINE) {
+      __builtin_prefetch(pBytes + iLine, 1);
+    }
   }
 }
 

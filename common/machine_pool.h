@@ -113,6 +113,8 @@ class MachinePool : public Object {
     static const size_t RECENT = 64;
 
     List_t& At(time_t iTime);
+    List_t* Search(time_t iTime);
+    void Append(List_t& stList, unsigned int iID, Note_t& stNote);
     List_t*& Recent(time_t iTime) { return m_pRecent[static_cast<uint64_t>(iTime) % RECENT]; }
 
     std::map<time_t, List_t> m_mapLists;

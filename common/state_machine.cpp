@@ -33,8 +33,15 @@ class HandlerCache {
     return bFound && mapTable.size() == m_iTypes ? stSlot.pFunction : nullptr;
   }
 
+  // The slow way, out of line so that DoNext() has few registers to save.
+  [[gnu::noinline]] static typename Table_t::const_iterator FindType(const Table_t& mapTable,
+                                                                     int iType) {
+    return mapTable.find(iType);
+  }
+
   // Remembers the pair, whose type was found; without a handler for the state the process ends.
-  Function Add(const Table_t& mapTable, typename Table_t::const_iterator itType, int iState) {
+  [[gnu::noinline]] Function Add(const Table_t& mapTable, typename Table_t::const_iterator itType,
+                                 int iState) {
     const auto itState = itType->second.find(iState);
     if (itState == itType->second.end()) {
       abort();
@@ -102,8 +109,8 @@ void StateMachine::Dump(int iFD) {
 int StateMachine::DoNext(InternalHead_t* pHead, void* pMessage) {
   const int iType = StateMachineType();
   ProcessFunction_t pFunction = g_stHandlers.Find(m_mapGlobalStateList, iType, m_iState);
-  if (pFunction == nullptr) {
-    const auto sIt = m_mapGlobalStateList.find(iType);
+  if (__builtin_expect(pFunction == nullptr, 0)) {
+    const auto sIt = g_stHandlers.FindType(m_mapGlobalStateList, iType);
     assert(sIt != m_mapGlobalStateList.end());
     pFunction = g_stHandlers.Add(m_mapGlobalStateList, sIt, m_iState);
   }
@@ -115,8 +122,8 @@ int StateMachine::DoNext(InternalHead_t* pHead, void* pMessage) {
 int StateMachine::DoNext2(conn_key_t iKey, void* pMessage) {
   const int iType = StateMachineType();
   ProcessFunction2_t pFunction = g_stHandlers2.Find(m_mapGlobalStateList2, iType, m_iState);
-  if (pFunction == nullptr) {
-    const auto sIt = m_mapGlobalStateList2.find(iType);
+  if (__builtin_expect(pFunction == nullptr, 0)) {
+    const auto sIt = g_stHandlers2.FindType(m_mapGlobalStateList2, iType);
     assert(sIt != m_mapGlobalStateList2.end());
     pFunction = g_stHandlers2.Add(m_mapGlobalStateList2, sIt, m_iState);
   }

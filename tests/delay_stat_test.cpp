@@ -170,6 +170,40 @@ TEST_F(DelayStatTest, BucketsFarUpTakeNoRoomForThoseBelow) {
   EXPECT_EQ(256u, m_mapData.at("tag").vecIndex.size());
 }
 
+// More tags than are found without a search, of all lengths, and some that differ in one place
+// only.
+TEST_F(DelayStatTest, ManyTagsAreApart) {
+  std::vector<std::string> vecTags{""};
+  for (const char cTag : {'a', 'b', '\xff'}) {
+    for (size_t i = 1; i < 300; ++i) {
+      vecTags.push_back(std::string(i / 2, '-') + cTag + std::string(i % 17, '-'));
+    }
+  }
+  std::map<std::string, unsigned int> mapExpected;
+  for (int i = 0; i < 3; ++i) {
+    for (const std::string& strTag : vecTags) {
+      PushData(strTag.c_str(), 1);
+      ++mapExpected[strTag];
+    }
+  }
+  ASSERT_EQ(mapExpected.size(), m_mapData.size());
+  for (const auto& [strTag, iCount] : mapExpected) {
+    EXPECT_EQ(iCount, Item(strTag).iCount) << strTag;
+  }
+}
+
+TEST_F(DelayStatTest, TagsThatADerivedClassRemovesOrAddsAreCountedInTheMap) {
+  PushData("a", 1);
+  m_mapData.clear();
+  PushData("a", 2);
+  EXPECT_EQ(2u, OnlyValue("a"));
+  m_mapData["b"].iCount = 7;
+  PushData("b", 3);
+  PushData("a", 3);
+  EXPECT_EQ(8u, Item("b").iCount);
+  EXPECT_EQ(2u, Item("a").iCount);
+}
+
 TEST_F(DelayStatTest, BucketsAreCountedAnewAfterClear) {
   for (int i = 0; i < 2; ++i) {
     PushData("tag", 60);

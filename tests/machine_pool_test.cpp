@@ -180,6 +180,31 @@ TEST_F(MachinePoolTest, ManyMachinesComeAndGo) {
   }
 }
 
+// As many ids as share their places in whatever table, and gaps that close when they go.
+TEST_F(MachinePoolTest, MachinesAreFoundWhateverOthersCameAndWent) {
+  std::map<unsigned int, TimedMachine*> mapMachines;
+  std::mt19937 stRandom(5);
+  for (int i = 0; i < 20000; ++i) {
+    const unsigned int iID = (stRandom() % 64 << 26) + stRandom() % 16;
+    const auto [it, bNew] = mapMachines.emplace(iID, nullptr);
+    if (bNew) {
+      it->second = Add(iID);
+    } else {
+      m_stPool.RemoveMachine(iID);
+      delete it->second;
+      mapMachines.erase(it);
+    }
+    const unsigned int iOther = (stRandom() % 64 << 26) + stRandom() % 16;
+    const auto itOther = mapMachines.find(iOther);
+    ASSERT_EQ(itOther != mapMachines.end() ? itOther->second : nullptr,
+              m_stPool.GetMachine(iOther));
+  }
+  ASSERT_EQ(mapMachines.size(), m_stPool.MachineCount());
+  for (const auto& [iID, pMachine] : mapMachines) {
+    ASSERT_EQ(pMachine, m_stPool.GetMachine(iID));
+  }
+}
+
 TEST_F(MachinePoolTest, DumpWritesNothing) {
   AddWithState(7, 3);
   EXPECT_EQ("", CaptureDescriptor([&](int iFD) { m_stPool.Dump(iFD); }));
@@ -513,6 +538,53 @@ TEST_F(MachinePoolTest, RearmingForOneDeadlineQueuesOneLook) {
   pMachine->m_iLooks = 0;
   EXPECT_EQ(Log_t{}, Process(NEVER));
   EXPECT_EQ(2, pMachine->m_iLooks);  // the look, and the deadline to queue next
+}
+
+TEST_F(MachinePoolTest, GoingToAndFroBetweenTwoDeadlinesQueuesFewLooks) {
+  TimedMachine* pMachine = Add(7);
+  TimedMachine* pOther = Add(8);
+  for (int i = 0; i < 10000; ++i) {
+    for (const unsigned int iTimeout : {5u, 30u, 60u}) {
+      StartState(pMachine, T, iTimeout);
+      StartState(pOther, T, iTimeout);
+    }
+  }
+  pMachine->m_iLooks = 0;
+  pOther->m_iLooks = 0;
+  EXPECT_EQ(Log_t{}, Process(T + 30));
+  EXPECT_LT(pMachine->m_iLooks + pOther->m_iLooks, 200);
+  EXPECT_EQ((Log_t{"7:state", "8:state"}), Process(T + 60));
+}
+
+TEST_F(MachinePoolTest, ChecksOfAMachineStandInEachPoolAndUnderEachIdOfIts) {
+  TimedMachine* pMachine = AddWithState(7, 3);
+  {
+    OwnPool stOther;
+    stOther.AddMachine(pMachine);
+    stOther.ConfigStateTimeout(pMachine);
+    stOther.ProcessTimeout(T + 3);
+    EXPECT_EQ(Log_t{"7:state"}, m_vecLog);
+  }
+  m_stPool.RemoveMachine(7);
+  pMachine->SetId(8);
+  m_setIds.insert(8);
+  m_stPool.AddMachine(pMachine);
+  StartState(pMachine, T, 3);  // for the second in which 7 stands already
+  EXPECT_EQ(Log_t{"8:state"}, Process(T + 3));
+}
+
+TEST_F(MachinePoolTest, CheckIsQueuedInAPoolThatTakesThePlaceOfAnother) {
+  TimedMachine* pMachine = Add(7);
+  pMachine->SetStateTimeout(3);
+  for (int i = 0; i < 2; ++i) {
+    OwnPool stPool;
+    m_vecLog.clear();
+    pMachine->SetStateBeginTime(T);
+    stPool.AddMachine(pMachine);
+    stPool.ConfigStateTimeout(pMachine);
+    stPool.ProcessTimeout(T + 3);
+    EXPECT_EQ(Log_t{"7:state"}, m_vecLog);
+  }
 }
 
 TEST_F(MachinePoolTest, RearmingManyMachinesForOneDeadlineQueuesOneLookEach) {
