@@ -69,6 +69,14 @@ void AppendItem(std::string& strTable, const StatItem_t& stItem, unsigned int iM
   }
 }
 
+// Every bit of a product of 128 bits depends on some bits of its factors, both halves together on
+// all.
+uint64_t Mix(uint64_t iWord) {
+  __extension__ typedef unsigned __int128 product_t;
+  const product_t iProduct = product_t{iWord} * HASH_FACTOR;
+  return static_cast<uint64_t>(iProduct >> 64) ^ static_cast<uint64_t>(iProduct);
+}
+
 // Eight bytes at a time; the last eight may have been seen before.
 uint64_t Hash(const char* pText, size_t iLength) {
   uint64_t iWord = 0;
@@ -77,15 +85,14 @@ uint64_t Hash(const char* pText, size_t iLength) {
     for (size_t i = 0; i < iLength; ++i) {
       iWord = iWord << 8 | static_cast<unsigned char>(pText[i]);
     }
-    return (iHash ^ iWord) * HASH_FACTOR >> 32;
+    return Mix(iHash ^ iWord);
   }
   for (size_t i = 0; i + sizeof(iWord) < iLength; i += sizeof(iWord)) {
     memcpy(&iWord, pText + i, sizeof(iWord));
-    iHash = (iHash ^ iWord) * HASH_FACTOR;
-    iHash ^= iHash >> 32;
+    iHash = Mix(iHash ^ iWord);
   }
   memcpy(&iWord, pText + iLength - sizeof(iWord), sizeof(iWord));
-  return (iHash ^ iWord) * HASH_FACTOR >> 32;
+  return Mix(iHash ^ iWord);
 }
 
 // Finds or makes the count of a bucket. A map's entries keep their addresses.
