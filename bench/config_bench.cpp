@@ -1,8 +1,8 @@
 // What a process pays to read its XML configuration and to ask for a value.
 //
-// xml_load: a document in memory, from its text to the first lookup. POCO and Boost.PropertyTree
-// keep a tree; libxml2_multimap is a bare parse whose texts go, as they are, into the same kind of
-// map as ours, and so the floor.
+// xml_load: a document in memory, from its text to the first lookup, and destroyed. POCO and
+// Boost.PropertyTree keep a tree; libxml2_multimap takes the texts of a tree, as they are, into the
+// same kind of map as ours. xmlParseMemory is the bare parse, with a tree that has no keys.
 // xml_get: a text by its dotted key, keys at random. xml_get_variable: the same with one reference
 // to another key; PropertyTree has none. std_multimap is the bare lookup and a copy.
 // xml_includes: per file, many files of 20 keys that one pattern (glob) or one directive each
@@ -19,11 +19,11 @@
 
 #include <boost/property_tree/ptree.hpp>
 #include <boost/property_tree/xml_parser.hpp>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
+#include <memory>
 #include <random>
 #include <set>
 #include <sstream>
@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "config.h"
+#include "cpu_time.h"
 #include "ratio_reporter.h"
 
 namespace {
@@ -147,25 +148,6 @@ struct PropertyTree {
   boost::property_tree::ptree m_stTree;
 };
 
-double CpuNanoseconds() {
-  timespec stTime{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &stTime);
-  return static_cast<double>(stTime.tv_sec) * 1e9 + static_cast<double>(stTime.tv_nsec);
-}
-
-// Runs fnStep for each iteration; each stands for iItems.
-template <typename Step>
-void Measure(benchmark::State& stState, size_t iItems, Step fnStep) {
-  const double dBegin = CpuNanoseconds();
-  for (auto stIteration : stState) {
-    static_cast<void>(stIteration);
-    fnStep();
-  }
-  stState.counters["ns"] =
-      (CpuNanoseconds() - dBegin) /
-      (static_cast<double>(stState.iterations()) * static_cast<double>(iItems));
-}
-
 template <typename Contestant>
 void CheckLast(benchmark::State& stState, Contestant& stContestant, size_t iKeys,
                const std::string& strExpected) {
@@ -174,18 +156,48 @@ void CheckLast(benchmark::State& stState, Contestant& stContestant, size_t iKeys
   }
 }
 
+// Documents and what was loaded from them, kept for all cases and repetitions.
+const std::string& Document(size_t iKeys, const char* pReference = nullptr) {
+  static std::map<std::pair<size_t, const char*>, std::string> mapDocuments;
+  std::string& strText = mapDocuments[{iKeys, pReference}];
+  if (strText.empty()) {
+    strText = MakeDocument(iKeys, pReference);
+  }
+  return strText;
+}
+
+template <typename Contestant>
+Contestant& Loaded(size_t iKeys, const char* pReference) {
+  static std::map<std::pair<size_t, const char*>, std::unique_ptr<Contestant>> mapLoaded;
+  auto& pLoaded = mapLoaded[{iKeys, pReference}];
+  if (pLoaded == nullptr) {
+    pLoaded = std::make_unique<Contestant>(Document(iKeys, pReference));
+  }
+  return *pLoaded;
+}
+
 template <typename Contestant>
 void Load(benchmark::State& stState, size_t iKeys) {
-  const std::string strText = MakeDocument(iKeys);
-  Measure(stState, 1, [&] {
+  const std::string& strText = Document(iKeys);
+  MeasureCpu(stState, 1, [&] {
     Contestant stContestant(strText);
     CheckLast(stState, stContestant, iKeys, Value(iKeys - 1, nullptr));
   });
 }
 
+// The tree alone, which nobody could ask for a key.
+void ParseOnly(benchmark::State& stState, size_t iKeys) {
+  const std::string& strText = Document(iKeys);
+  MeasureCpu(stState, 1, [&] {
+    xmlDocPtr pDocument = xmlParseMemory(strText.data(), static_cast<int>(strText.size()));
+    benchmark::DoNotOptimize(pDocument);
+    xmlFreeDoc(pDocument);
+  });
+}
+
 template <typename Contestant>
 void Get(benchmark::State& stState, size_t iKeys, bool bVariable) {
-  Contestant stContestant(MakeDocument(iKeys, bVariable ? Contestant::REFERENCE : nullptr));
+  Contestant& stContestant = Loaded<Contestant>(iKeys, bVariable ? Contestant::REFERENCE : nullptr);
   CheckLast(stState, stContestant, iKeys, Value(iKeys - 1, bVariable ? "data" : nullptr));
   std::mt19937 stRandom(1);
   std::vector<std::string> vecKeys;
@@ -193,7 +205,8 @@ void Get(benchmark::State& stState, size_t iKeys, bool bVariable) {
     vecKeys.push_back(Names(stRandom() % iKeys).Key());
   }
   size_t i = 0;
-  Measure(stState, 1, [&] { benchmark::DoNotOptimize(stContestant.Get(vecKeys[i++ % LOOKUPS])); });
+  MeasureCpu(stState, 1,
+             [&] { benchmark::DoNotOptimize(stContestant.Get(vecKeys[i++ % LOOKUPS])); });
 }
 
 void WriteText(const std::string& strPath, const std::string& strText) {
@@ -223,7 +236,7 @@ void RemoveFiles(int iFiles) {
 
 void MeasureFiles(benchmark::State& stState, int iFiles, const std::function<size_t()>& fnLoad) {
   WriteFiles(iFiles);
-  Measure(stState, static_cast<size_t>(iFiles), [&] {
+  MeasureCpu(stState, static_cast<size_t>(iFiles), [&] {
     if (fnLoad() < static_cast<size_t>(iFiles) * FILE_KEYS) {
       stState.SkipWithError("items are missing");
     }
@@ -268,6 +281,7 @@ void RegisterSize(const std::string& strSize, size_t iKeys) {
   const std::string strLoad = "xml_load_" + strSize + "/";
   Register(strLoad + "zelk", Load<Zelk>, iKeys);
   Register(strLoad + "libxml2_multimap", Load<Multimap>, iKeys);
+  Register(strLoad + "xmlParseMemory", ParseOnly, iKeys);
   Register(strLoad + "poco", Load<PocoXml>, iKeys);
   Register(strLoad + "property_tree", Load<PropertyTree>, iKeys);
   const std::string strGet = "xml_get_" + strSize + "/";

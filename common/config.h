@@ -115,7 +115,7 @@ class Config : public Object {
   struct Includes;
 
   // A hash table of the first item of each key. It refers to the items of one object, so a copy
-  // begins empty and is filled by the first lookup, and what an object is moved from keeps nothing.
+  // begins empty, and what an object is moved from keeps nothing.
   class Index {
    public:
     typedef std::pair<const std::string, std::string> Item_t;
@@ -156,7 +156,8 @@ class Config : public Object {
   std::string m_strFilename;  // last loaded by LoadFromFile(), "" after a failure
   std::multimap<std::string, std::string> m_mapItems;
   std::map<std::string, std::string> m_mapMacros;
-  mutable Index m_stIndex;
+  mutable Index m_stIndex;         // made when enough lookups have come
+  mutable size_t m_iSearches = 0;  // in the map, meanwhile
 };
 
 #endif
