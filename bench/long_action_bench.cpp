@@ -36,6 +36,7 @@
 #include <sstream>
 #include <string>
 
+#include "cpu_time.h"
 #include "long_action_util.h"
 #include "ratio_reporter.h"
 
@@ -166,9 +167,7 @@ template <class Request>
 void Serialize(benchmark::State& stState) {
   Request stRequest;
   stRequest.Fill();
-  for (auto _ : stState) {
-    benchmark::DoNotOptimize(stRequest.Write());
-  }
+  MeasureCpu(stState, 1, [&] { benchmark::DoNotOptimize(stRequest.Write()); });
 }
 
 template <class Request>
@@ -180,16 +179,21 @@ void Parse(benchmark::State& stState) {
   if (!stCopy.Read(strBytes) || !stCopy.Whole()) {
     Fail("a request does not survive");
   }
-  for (auto _ : stState) {
+  MeasureCpu(stState, 1, [&] {
     Request stRequest;
     benchmark::DoNotOptimize(stRequest.Read(strBytes));
-  }
+  });
+}
+
+template <typename... Arguments>
+void Case(const std::string& strName, Arguments... args) {
+  benchmark::RegisterBenchmark(strName.c_str(), args...)->MinTime(0.1);
 }
 
 template <class Request>
 void RegisterRequest(const std::string& strContestant) {
-  benchmark::RegisterBenchmark(("serialize_10/" + strContestant).c_str(), Serialize<Request>);
-  benchmark::RegisterBenchmark(("parse_10/" + strContestant).c_str(), Parse<Request>);
+  Case("serialize_10/" + strContestant, Serialize<Request>);
+  Case("parse_10/" + strContestant, Parse<Request>);
 }
 
 // ---- Text.
@@ -287,9 +291,7 @@ void Convert(benchmark::State& stState, Codec_t fnCodec, const std::string& strI
   if (WithoutCR(fnCodec(strIn)) != WithoutCR(strOut)) {
     Fail("a codec disagrees");
   }
-  for (auto _ : stState) {
-    benchmark::DoNotOptimize(fnCodec(strIn));
-  }
+  MeasureCpu(stState, 1, [&] { benchmark::DoNotOptimize(fnCodec(strIn)); });
 }
 
 void RegisterCodecs(const std::string& strSize, size_t iSize) {
@@ -305,15 +307,13 @@ void RegisterCodecs(const std::string& strSize, size_t iSize) {
                                                         {"poco", EncodeByPoco},
                                                         {"boost_iterators", EncodeByBoost}};
   for (const auto& [pName, fnCodec] : szEncoders) {
-    benchmark::RegisterBenchmark(("encode_" + strSize + "/" + pName).c_str(), Convert, fnCodec,
-                                 strBytes, strText);
+    Case("encode_" + strSize + "/" + pName, Convert, fnCodec, strBytes, strText);
   }
   const std::pair<const char*, Codec_t> szDecoders[] = {{"zelk", LongActionMethod::Decode},
                                                         {"libcrypto_context", DecodeByContext},
                                                         {"poco", DecodeByPoco}};
   for (const auto& [pName, fnCodec] : szDecoders) {
-    benchmark::RegisterBenchmark(("decode_" + strSize + "/" + pName).c_str(), Convert, fnCodec,
-                                 strText, strBytes);
+    Case("decode_" + strSize + "/" + pName, Convert, fnCodec, strText, strBytes);
   }
 }
 
