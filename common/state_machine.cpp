@@ -21,6 +21,12 @@ namespace {
 
 const unsigned int MACHINE_TIMEOUT_FLOOR = 5;  // seconds, in place of a machine timeout of 0
 
+// Out of line, so that DoNext() has few registers to save.
+template <typename Table>
+[[gnu::noinline]] typename Table::const_iterator FindType(const Table& mapTable, int iType) {
+  return mapTable.find(iType);
+}
+
 template <typename Function>
 class HandlerCache {
  public:
@@ -31,12 +37,6 @@ class HandlerCache {
     const Slot_t& stSlot = m_stSlots[Index(iType, iState)];
     const bool bFound = stSlot.iState == iState && stSlot.iType == iType;
     return bFound && mapTable.size() == m_iTypes ? stSlot.pFunction : nullptr;
-  }
-
-  // The slow way, out of line so that DoNext() has few registers to save.
-  [[gnu::noinline]] static typename Table_t::const_iterator FindType(const Table_t& mapTable,
-                                                                     int iType) {
-    return mapTable.find(iType);
   }
 
   // Remembers the pair, whose type was found; without a handler for the state the process ends.
@@ -110,7 +110,7 @@ int StateMachine::DoNext(InternalHead_t* pHead, void* pMessage) {
   const int iType = StateMachineType();
   ProcessFunction_t pFunction = g_stHandlers.Find(m_mapGlobalStateList, iType, m_iState);
   if (__builtin_expect(pFunction == nullptr, 0)) {
-    const auto sIt = g_stHandlers.FindType(m_mapGlobalStateList, iType);
+    const auto sIt = FindType(m_mapGlobalStateList, iType);
     assert(sIt != m_mapGlobalStateList.end());
     pFunction = g_stHandlers.Add(m_mapGlobalStateList, sIt, m_iState);
   }
@@ -123,7 +123,7 @@ int StateMachine::DoNext2(conn_key_t iKey, void* pMessage) {
   const int iType = StateMachineType();
   ProcessFunction2_t pFunction = g_stHandlers2.Find(m_mapGlobalStateList2, iType, m_iState);
   if (__builtin_expect(pFunction == nullptr, 0)) {
-    const auto sIt = g_stHandlers2.FindType(m_mapGlobalStateList2, iType);
+    const auto sIt = FindType(m_mapGlobalStateList2, iType);
     assert(sIt != m_mapGlobalStateList2.end());
     pFunction = g_stHandlers2.Add(m_mapGlobalStateList2, sIt, m_iState);
   }
