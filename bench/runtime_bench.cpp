@@ -655,13 +655,13 @@ void RegisterTimers(const std::string& strContestant) {
 template <typename AnyTimers>
 void RegisterRearm(const std::string& strContestant) {
   Case("rearm_1000/" + strContestant, Rearm<AnyTimers>, 1000u, 10u);
-  Case("rearm_100000/" + strContestant, Rearm<AnyTimers>, 100000u, 10u);
+  FixedCase(5, "rearm_100000/" + strContestant, Rearm<AnyTimers>, 100000u, 10u);
 }
 
 template <typename AnyTimers>
 void RegisterRearmInLoop(const std::string& strContestant) {
   Case("rearm_1000/" + strContestant, RearmInLoop<AnyTimers>, 1000u);
-  Case("rearm_100000/" + strContestant, RearmInLoop<AnyTimers>, 100000u);
+  FixedCase(50, "rearm_100000/" + strContestant, RearmInLoop<AnyTimers>, 100000u);
 }
 
 void RegisterAll() {
@@ -680,9 +680,10 @@ void RegisterAll() {
   FixedCase(100, "rearm_1000_after_an_hour/zelk", Rearm<ZelkTimers>, 1000u, 3600u);
   for (const unsigned int iCount : {10000u, 1000000u}) {
     const std::string strName = "find_" + std::to_string(iCount) + "/";
-    Case(strName + "zelk", FindZelk, iCount);
-    Case(strName + "std_map", FindIn<std::map<unsigned int, Machine*>>, iCount);
-    Case(strName + "std_unordered_map", FindIn<std::unordered_map<unsigned int, Machine*>>, iCount);
+    FixedCase(1000000, strName + "zelk", FindZelk, iCount);
+    FixedCase(1000000, strName + "std_map", FindIn<std::map<unsigned int, Machine*>>, iCount);
+    FixedCase(1000000, strName + "std_unordered_map",
+              FindIn<std::unordered_map<unsigned int, Machine*>>, iCount);
   }
 }
 
