@@ -28,6 +28,7 @@ namespace {
 const size_t SAVE_DISK = 1024u << 20;
 const size_t LOG_DISK = 64u << 20;
 const int WARM_UP_MS = 3000;
+const int STATISTICS_MS = 1500;           // by then a new gateway has its statistics log open
 const int VERIFY_EVERY = 25;              // faults
 const size_t ALLOWED_GROWTH = 64u << 20;  // of all processes' memory, which is not all used again
 
@@ -37,6 +38,7 @@ struct Options_t {
   int iRate = 10000;
   int iPause = 1000;  // milliseconds between faults, on average
   std::string strLogCopy;
+  std::string strServer = KV_SERVER_PATH;
 };
 
 int64_t NowMilliseconds() {
@@ -63,6 +65,8 @@ bool Parse(int iCount, char** ppArguments, Options_t& stOptions) {
       stOptions.iPause = atoi(pValue);
     } else if (strName == "--log") {
       stOptions.strLogCopy = pValue;
+    } else if (strName == "--server") {
+      stOptions.strServer = pValue;
     } else {
       return false;
     }
@@ -119,8 +123,8 @@ Soak::Soak(const Options_t& stOptions) : m_stOptions(stOptions) {
   } else {
     printf("no full disks: %s\n", SmallDisk::WhyNot().c_str());
   }
-  m_pServer = std::make_unique<SoakServer>(m_stDirectory.File("run"), FreePort(),
-                                           Settings(m_stDirectory.Path()));
+  m_pServer = std::make_unique<SoakServer>(stOptions.strServer, m_stDirectory.File("run"),
+                                           FreePort(), Settings(m_stDirectory.Path()));
   m_pLoad = std::make_unique<KvLoad>(m_pServer->Port(), LoadOf(stOptions));
   m_pFaults = std::make_unique<SoakFaults>(*m_pServer, *m_pLoad, strLog,
                                            m_stSaveDisk ? &*m_stSaveDisk : nullptr,
@@ -194,6 +198,7 @@ void Soak::WaitForClients() {
   m_pFaults->SendClientsAway();
   m_pLoad->Settle();
   m_pLoad->Disconnect();
+  m_pLoad->PumpFor(STATISTICS_MS);
   const bool bCalm = m_pLoad->PumpUntil(
       [this] {
         const std::string strInfo = m_pLoad->Ask({"INFO"});
@@ -282,7 +287,7 @@ int main(int iCount, char** ppArguments) {
   if (!Parse(iCount, ppArguments, stOptions)) {
     fprintf(stderr,
             "usage: kv_soak [--seconds N] [--seed N] [--rate REQUESTS_A_SECOND] "
-            "[--pause MS_BETWEEN_FAULTS] [--log DIRECTORY_FOR_THE_LOG]\n");
+            "[--pause MS_BETWEEN_FAULTS] [--log DIRECTORY_FOR_THE_LOG] [--server PROGRAM]\n");
     return 2;
   }
   StartJanitor();

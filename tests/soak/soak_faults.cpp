@@ -212,15 +212,15 @@ bool SoakFaults::StopMaster() { return Pause(m_stServer.Master(), 1000); }
 
 // More for a stopped worker than its queue takes, from one client of its own.
 bool SoakFaults::FillQueue() {
-  const pid_t iWorker = m_stServer.Child(AnyWorker());
+  const int iIndex = Below(WORKERS);
+  const pid_t iWorker = m_stServer.Child("worker " + std::to_string(iIndex));
   if (iWorker == -1) {
     return false;
   }
-  const std::string strValue(10000, 'q');
   LoadConnection stFlood(m_stServer.Port());
   std::string strBytes;
   for (int i = 0; i < FLOOD; ++i) {
-    strBytes += WireForm({"SET", "flood:" + std::to_string(i % 100), strValue});
+    strBytes += WireForm({"SET", KeyOf(iIndex, WORKERS, i % 10), std::string(10000, 'q')});
   }
   SendSignal(iWorker, SIGSTOP);
   stFlood.Send(strBytes);
@@ -271,6 +271,9 @@ bool SoakFaults::FillSaveDisk() {
   m_stLoad.PumpFor(1000 + Below(2000));
   m_pSaveDisk->Free();
   Recover();
+  if (Below(2) == 0) {
+    m_stLoad.Ask({"BGSAVE"});
+  }
   if (!JournalIsWhole()) {  // it tries by itself every five seconds
     m_strErrors += "the journal does not go on after a full disk\n";
   }

@@ -22,9 +22,10 @@ const int START_MS = 60000;
 
 }  // namespace
 
-SoakServer::SoakServer(std::string strRunDirectory, uint16_t iPort,
+SoakServer::SoakServer(std::string strProgram, std::string strRunDirectory, uint16_t iPort,
                        std::vector<std::string> vecSettings)
-    : m_strRunDirectory(std::move(strRunDirectory)),
+    : m_strProgram(std::move(strProgram)),
+      m_strRunDirectory(std::move(strRunDirectory)),
       m_iPort(iPort),
       m_vecSettings(std::move(vecSettings)) {}
 
@@ -35,7 +36,7 @@ SoakServer::~SoakServer() {
 }
 
 void SoakServer::Start() {
-  std::vector<std::string> vecArguments{KV_SERVER_PATH, "--set",
+  std::vector<std::string> vecArguments{m_strProgram, "--set",
                                         "server.run_dir=" + m_strRunDirectory, "--set",
                                         "server.listen=127.0.0.1:" + std::to_string(m_iPort)};
   for (const std::string& strSetting : m_vecSettings) {
@@ -50,7 +51,7 @@ void SoakServer::Start() {
   m_iMaster = fork();
   if (m_iMaster == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    execv(KV_SERVER_PATH, vecPointers.data());
+    execv(m_strProgram.c_str(), vecPointers.data());
     _exit(127);
   }
   if (!WaitUntil([this] { return Answers(); }, START_MS)) {

@@ -11,7 +11,8 @@
 class SoakServer {
  public:
   // Settings as "key=value"; nothing is started yet.
-  SoakServer(std::string strRunDirectory, uint16_t iPort, std::vector<std::string> vecSettings);
+  SoakServer(std::string strProgram, std::string strRunDirectory, uint16_t iPort,
+             std::vector<std::string> vecSettings);
   ~SoakServer();  // kills it
   SoakServer(const SoakServer&) = delete;
   SoakServer& operator=(const SoakServer&) = delete;
@@ -37,6 +38,7 @@ class SoakServer {
   bool Answers() const;
   std::vector<key_t> Keys(const std::string& strList) const;
 
+  const std::string m_strProgram;
   const std::string m_strRunDirectory;
   const uint16_t m_iPort;
   const std::vector<std::string> m_vecSettings;
