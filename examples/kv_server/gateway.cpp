@@ -43,6 +43,7 @@ const int MAX_EVENTS = 256;
 const int BLOCKED_WAIT_MS = 5;  // how soon a full queue is tried again without being woken
 const int IDLE_WAIT_MS = 1000;  // timeouts are in seconds
 const size_t SPARE_DESCRIPTORS = 64;
+const int TELL_AGAIN_SECONDS = 60;  // that there is none for a client
 const uint32_t NO_ID = 0xffffffff;
 const uint32_t FIRST_ID = 100;
 const uint32_t END_OF_IDS = 1000000000;
@@ -183,6 +184,9 @@ void Gateway::Turn(int iTimeout) {
   DrainLinks();
   MachinePool::Instance().ProcessTimeout(m_iNow);
   FinishSessions();
+  if (m_iAcceptAgain != 0 && m_iNow >= m_iAcceptAgain) {
+    AcceptAgain();
+  }
   const auto iInterval = static_cast<int64_t>(m_stSettings.iStatInterval) * 1000000;
   if (iInterval > 0 && m_iTurnBegan - m_iPeriodBegan >= iInterval) {
     EndPeriod();
@@ -212,9 +216,23 @@ void Gateway::AcceptClients() {
     AddClient(std::move(pSocket));
   }
   if (errno == EMFILE || errno == ENFILE) {
-    g_pLog->Warning("gateway: no descriptor for another client: %s", strerror(errno));
-    PauseMilliseconds(BLOCKED_WAIT_MS);  // the listener stays readable
+    DeferAccepting(errno);
   }
+}
+
+// The listener stays readable, so it is not looked at until a client goes or a second is over.
+void Gateway::DeferAccepting(int iError) {
+  if (m_iNow >= m_iTellAgain) {
+    g_pLog->Warning("gateway: no descriptor for another client: %s", strerror(iError));
+    m_iTellAgain = m_iNow + TELL_AGAIN_SECONDS;
+  }
+  m_iAcceptAgain = m_iNow + 1;
+  Watch(m_iEpoll, EPOLL_CTL_MOD, m_stListener.FD(), TAG_LISTENER, 0);
+}
+
+void Gateway::AcceptAgain() {
+  m_iAcceptAgain = 0;
+  Watch(m_iEpoll, EPOLL_CTL_MOD, m_stListener.FD(), TAG_LISTENER, EPOLLIN);
 }
 
 void Gateway::AddClient(std::unique_ptr<TcpSocket> pSocket) {
@@ -360,6 +378,9 @@ void Gateway::RemoveSession(uint32_t iMachine) {
   auto* pSession = static_cast<Session*>(MachinePool::Instance().GetMachine(iMachine));
   MachinePool::Instance().RemoveMachine(iMachine);
   m_setSessions.erase(iMachine);
+  if (m_iAcceptAgain != 0) {
+    m_iAcceptAgain = m_iNow;  // there is room for another one
+  }
   g_pLog->Debug("gateway: client %llu is gone", pSession->LogNumber());
   delete pSession;
 }

@@ -63,6 +63,8 @@ class Gateway : public ReplyReceiver {
   int WaitMilliseconds();
   void OnEvent(uint64_t iTag, uint32_t iEvents);
   void AcceptClients();
+  void DeferAccepting(int iError);
+  void AcceptAgain();
   void AddClient(std::unique_ptr<TcpSocket> pSocket);
   void OnSessionEvent(uint32_t iMachine, uint32_t iEvents);
   void DrainLinks();
@@ -83,7 +85,9 @@ class Gateway : public ReplyReceiver {
   time_t m_iNow;
   time_t m_iStarted;
   int64_t m_iTurnBegan = 0;
-  int64_t m_iPeriodBegan;  // of the statistics
+  int64_t m_iPeriodBegan;     // of the statistics
+  time_t m_iAcceptAgain = 0;  // when clients wait for a descriptor; 0: none does
+  time_t m_iTellAgain = 0;
   int m_iEpoll = -1;
   TcpSocket m_stListener;
   std::vector<std::unique_ptr<WorkerLink>> m_vecLinks;
