@@ -27,6 +27,7 @@ const int SETTLE_MS = 60000;
 const size_t READ_SIZE = 1 << 16;
 const size_t SHOWN_FAULTS = 4000;  // bytes of their text
 const int TRIES = 100;
+const size_t READ_AT_A_TIME = 50;  // keys
 
 int64_t MonotonicNow() {
   timespec stNow{};
@@ -312,15 +313,27 @@ void KvLoad::Disturb(bool bOn) {
   m_iDisturbedUntil = MonotonicNow();
 }
 
-std::string KvLoad::Ask(const Request_t& vecRequest) {
+std::string KvLoad::Ask(const Request_t& vecRequest) { return AskAll({vecRequest})[0]; }
+
+std::vector<std::string> KvLoad::AskAll(const std::vector<Request_t>& vecRequests) {
   if (m_pAsker == nullptr || !m_pAsker->IsOpen()) {
     m_pAsker = std::make_unique<LoadConnection>(m_iPort);
   }
-  m_pAsker->Send(WireForm(vecRequest));
-  std::string strReply;
-  PumpUntil([&] { return !(strReply = m_pAsker->TakeReply()).empty() || !m_pAsker->IsOpen(); },
-            SETTLE_MS);
-  return strReply;
+  for (const Request_t& vecRequest : vecRequests) {
+    m_pAsker->Send(WireForm(vecRequest));
+  }
+  std::vector<std::string> vecReplies;
+  const auto IsDone = [&] {
+    for (std::string strReply; !(strReply = m_pAsker->TakeReply()).empty();) {
+      vecReplies.push_back(std::move(strReply));
+    }
+    return vecReplies.size() >= vecRequests.size() || !m_pAsker->IsOpen();
+  };
+  if (!PumpUntil(IsDone, SETTLE_MS)) {
+    m_pAsker.reset();  // a late reply shall not be taken for the next one
+  }
+  vecReplies.resize(vecRequests.size());
+  return vecReplies;
 }
 
 int KvLoad::PumpUntilServed(int iLimitMilliseconds) {
@@ -361,16 +374,33 @@ void KvLoad::Verify() {
 }
 
 void KvLoad::ReadAll() {
+  std::vector<Request_t> vecRequests;
   for (const std::string& strKey : m_stModel.Keys()) {
-    for (int i = 0; i < TRIES; ++i) {
-      const int64_t iSent = WallNow();
-      const std::string strReply = Ask({"GET", strKey});
-      Check({"GET", strKey}, strReply, {iSent, WallNow()});
-      if (KindOf(strReply) == REPLY_ANSWER) {
-        break;
+    vecRequests.push_back({"GET", strKey});
+  }
+  for (int i = 0; i < TRIES && !vecRequests.empty(); ++i) {
+    vecRequests = ReadSome(vecRequests);
+  }
+}
+
+// Those that must be asked again.
+std::vector<Request_t> KvLoad::ReadSome(const std::vector<Request_t>& vecRequests) {
+  std::vector<Request_t> vecAgain;
+  for (size_t i = 0; i < vecRequests.size(); i += READ_AT_A_TIME) {
+    const auto itBegin = vecRequests.begin() + static_cast<long>(i);
+    const auto itEnd =
+        vecRequests.begin() + static_cast<long>(std::min(i + READ_AT_A_TIME, vecRequests.size()));
+    const std::vector<Request_t> vecSome(itBegin, itEnd);
+    const int64_t iSent = WallNow();
+    const std::vector<std::string> vecReplies = AskAll(vecSome);
+    for (size_t iReply = 0; iReply < vecSome.size(); ++iReply) {
+      Check(vecSome[iReply], vecReplies[iReply], {iSent, WallNow()});
+      if (KindOf(vecReplies[iReply]) != REPLY_ANSWER) {
+        vecAgain.push_back(vecSome[iReply]);
       }
     }
   }
+  return vecAgain;
 }
 
 void KvLoad::ScanAll() {

@@ -101,6 +101,7 @@ class KvLoad {
   int PumpUntilServed(int iLimitMilliseconds = 30000);
   // Asks on a connection of its own, while the load goes on; "" when it was closed.
   std::string Ask(const Request_t& vecRequest);
+  std::vector<std::string> AskAll(const std::vector<Request_t>& vecRequests);
 
   // No more requests, until Resume(); returns when none is under way.
   void Settle();
@@ -136,6 +137,7 @@ class KvLoad {
   void Check(const Request_t& vecRequest, const std::string& strReply, const Moments_t& stMoments);
   void OnFault(const std::string& strFault);
   void ReadAll();
+  std::vector<Request_t> ReadSome(const std::vector<Request_t>& vecRequests);
   void ScanAll();
 
   const uint16_t m_iPort;
