@@ -20,6 +20,7 @@ const size_t MANY_DEATHS = 3;     // so often within that time, and no more
 const size_t MANY_CLIENTS = 6;    // that misbehave at a time, of each kind
 const int STORM = 300;
 const int FLOOD = 3000;
+const size_t UNREAD = 300;  // replies, more than limits.output altogether
 
 int64_t NowMilliseconds() {
   timespec stNow{};
@@ -340,7 +341,7 @@ bool SoakFaults::NeverRead() {
     return false;
   }
   m_stLoad.Ask({"SET", "silent", std::string(100000, 's')});
-  pClient->SendSome(Repeat(Request({"GET", "silent"}), 1000));
+  pClient->SendSome(Repeat(Request({"GET", "silent"}), UNREAD));
   m_vecSilent.push_back(std::move(pClient));
   if (m_vecSilent.size() > MANY_CLIENTS) {
     m_vecSilent.erase(m_vecSilent.begin());
