@@ -14,7 +14,6 @@
 namespace {
 
 const int WORKERS = 3;
-const int QUICK_MS = 2000;        // in which it has to answer again
 const int64_t STABLE_MS = 10000;  // who dies sooner is started again later and later
 const size_t MANY_DEATHS = 3;     // so often within that time, and no more
 const size_t MANY_CLIENTS = 6;    // that misbehave at a time, of each kind
