@@ -71,7 +71,7 @@ TEST_F(KvServerHostileTest, ThousandsOfIdleConnectionsHinderNobody) {
   getrlimit(RLIMIT_NOFILE, &stLimit);
   stLimit.rlim_cur = stLimit.rlim_max;
   setrlimit(RLIMIT_NOFILE, &stLimit);
-  const auto iIdle = static_cast<int>(std::min<rlim_t>(5000, stLimit.rlim_max - 300));
+  const auto iIdle = static_cast<int>(std::min<rlim_t>(3000, stLimit.rlim_max - 300));
   Start({}, {4, 60, 16, 20000, 5000, 4, 5000});
   Clients_t vecIdle;
   for (int i = 0; i < iIdle; ++i) {
@@ -122,7 +122,7 @@ TEST_F(KvServerHostileTest, WithoutAFreeDescriptorThePresentClientsAreServed) {
 TEST_F(KvServerHostileTest, ClientsThatVanishInsideTheirRequests) {
   Start();
   m_pLoad->Ask({"SET", "long", std::string(200000, 'l')});
-  for (int i = 0; i < 200; ++i) {
+  for (int i = 0; i < 100; ++i) {
     Client stClient(*m_pServer);
     stClient.SendSome(Repeat(Request({"GET", "long"}), static_cast<size_t>(i % 5)) +
                       Request({"MGET", "a", "long", "b"}) + "*2\r\n$3\r\nGE");
@@ -179,7 +179,7 @@ TEST_F(KvServerHostileTest, RandomBytesHarmNobody) {
   Start();
   const std::string strGood = Request({"SET", "random", std::string(50, 'r')}) +
                               Request({"MGET", "random", "b"}) + "PING\r\n";
-  for (int i = 0; i < Rounds(300); ++i) {
+  for (int i = 0; i < Rounds(200); ++i) {
     Client stClient(*m_pServer);
     std::string strBytes = Repeat(strGood, 3);
     for (int iChange = Below(8); iChange >= 0; --iChange) {

@@ -28,9 +28,13 @@ namespace {
 const size_t SAVE_DISK = 1024u << 20;
 const size_t LOG_DISK = 64u << 20;
 const int WARM_UP_MS = 3000;
-const int STATISTICS_MS = 1500;           // by then a new gateway has its statistics log open
-const int VERIFY_EVERY = 25;              // faults
+const int STATISTICS_MS = 1500;  // by then a new gateway has its statistics log open
+const int VERIFY_EVERY = 25;     // faults
+#ifdef __SANITIZE_ADDRESS__
+const size_t ALLOWED_GROWTH = size_t{4} << 30;  // it keeps what was freed for a while
+#else
 const size_t ALLOWED_GROWTH = 64u << 20;  // of all processes' memory, which is not all used again
+#endif
 
 struct Options_t {
   int iSeconds = 60;
