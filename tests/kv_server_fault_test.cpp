@@ -21,6 +21,7 @@ class KvServerFaultTest : public KvFaultFixture {};
 TEST_F(KvServerFaultTest, WorkersAreKilledAtRandomMoments) {
   Start();
   for (int i = 0; i < Rounds(6); ++i) {
+    LetLive(i, 3 * WORKERS);
     const std::string strVictim = "worker " + std::to_string(i % WORKERS);
     const pid_t iPid = Child(strVictim);
     m_pLoad->PumpFor(Below(60));
@@ -34,6 +35,7 @@ TEST_F(KvServerFaultTest, WorkersAreKilledAtRandomMoments) {
 TEST_F(KvServerFaultTest, TheGatewayIsKilledAtRandomMoments) {
   Start();
   for (int i = 0; i < Rounds(3); ++i) {
+    LetLive(i, 3);
     m_pLoad->PumpFor(50 + Below(100));
     const pid_t iPid = Child("gateway");
     SendSignal(iPid, SIGKILL);

@@ -53,6 +53,13 @@ class KvFaultFixture : public testing::Test {
     return TakeCensus(m_pServer->Master(), m_pServer->Directory()).Counts();
   }
 
+  // Who dies for the fourth time within ten seconds is started again later and later.
+  void LetLive(int iRound, int iMany) {
+    if (iRound > 0 && iRound % iMany == 0) {
+      m_pLoad->PumpFor(11000);
+    }
+  }
+
   void ExpectServedSoon(const std::string& strAfter) {
     EXPECT_LT(m_pLoad->PumpUntilServed(), QUICK_MS) << strAfter;
   }
