@@ -194,12 +194,13 @@ bool SoakFaults::Boot() {
 }
 
 bool SoakFaults::Pause(pid_t iPid, int iMilliseconds) {
-  if (iPid == -1) {
+  if (!IsAlive(iPid)) {
     return false;
   }
-  SendSignal(iPid, SIGSTOP);
-  m_stLoad.PumpFor(iMilliseconds);
-  SendSignal(iPid, SIGCONT);
+  {
+    const StoppedProcess stStopped(iPid);  // which goes on also when the soak is killed
+    m_stLoad.PumpFor(iMilliseconds);
+  }
   Recover();
   return true;
 }
@@ -214,7 +215,7 @@ bool SoakFaults::StopMaster() { return Pause(m_stServer.Master(), 1000); }
 bool SoakFaults::FillQueue() {
   const int iIndex = Below(WORKERS);
   const pid_t iWorker = m_stServer.Child("worker " + std::to_string(iIndex));
-  if (iWorker == -1) {
+  if (!IsAlive(iWorker)) {
     return false;
   }
   LoadConnection stFlood(m_stServer.Port());
@@ -222,10 +223,12 @@ bool SoakFaults::FillQueue() {
   for (int i = 0; i < FLOOD; ++i) {
     strBytes += WireForm({"SET", KeyOf(iIndex, WORKERS, i % 10), std::string(10000, 'q')});
   }
-  SendSignal(iWorker, SIGSTOP);
-  stFlood.Send(strBytes);
-  m_stLoad.PumpUntil([&] { return stFlood.OnEvents(POLLIN | POLLOUT), false; }, 500 + Below(1500));
-  SendSignal(iWorker, SIGCONT);
+  {
+    const StoppedProcess stStopped(iWorker);
+    stFlood.Send(strBytes);
+    m_stLoad.PumpUntil([&] { return stFlood.OnEvents(POLLIN | POLLOUT), false; },
+                       500 + Below(1500));
+  }
   Recover();
   int iReplies = 0;
   m_stLoad.PumpUntil(
