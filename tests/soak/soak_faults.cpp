@@ -298,12 +298,14 @@ bool SoakFaults::FillLogDisk() {
   return true;
 }
 
-std::string SoakFaults::NewestLog() const {
+// Of one of the two kinds, so that none grows for ever.
+std::string SoakFaults::NewestLog() {
+  const std::string strPrefix = Below(2) == 0 ? "kv_server_" : "kv_stat_";
   std::string strNewest;
   std::error_code stIgnored;
   for (const auto& stEntry : std::filesystem::directory_iterator(m_strLogDirectory, stIgnored)) {
     const std::string strName = stEntry.path().filename();
-    if (strName.rfind("kv_server_", 0) == 0 && stEntry.path().extension() == ".log") {
+    if (strName.rfind(strPrefix, 0) == 0 && stEntry.path().extension() == ".log") {
       strNewest = std::max(strNewest, stEntry.path().string());
     }
   }

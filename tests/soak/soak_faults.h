@@ -71,7 +71,7 @@ class SoakFaults {
   bool Pause(pid_t iPid, int iMilliseconds);
   void Recover();
   bool JournalIsWhole();
-  std::string NewestLog() const;
+  std::string NewestLog();
   std::unique_ptr<Client> NewClient() const;
   void SendBytes();
   std::string Nonsense();
