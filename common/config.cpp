@@ -11,9 +11,7 @@
 #include "config.h"
 
 #include <glob.h>
-#include <libxml/SAX2.h>
 #include <libxml/parser.h>
-#include <libxml/parserInternals.h>
 #include <libxml/tree.h>
 #include <sys/stat.h>
 
@@ -21,7 +19,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <iterator>
 #include <memory>
 #include <string_view>
@@ -49,18 +46,10 @@ const size_t RING_SLOTS = 100;
 
 ReferenceScanner g_stReferences;
 
-// A parser with its document, which has no tree but may have declarations.
-struct FreeParser {
-  void operator()(xmlParserCtxtPtr pContext) const {
-    xmlFreeDoc(pContext->myDoc);
-    xmlFreeParserCtxt(pContext);
-  }
+struct FreeDocument {
+  void operator()(xmlDocPtr pDocument) const { xmlFreeDoc(pDocument); }
 };
-using Parser = std::unique_ptr<xmlParserCtxt, FreeParser>;
-
-struct FreeNodes {
-  void operator()(xmlNodePtr pNodes) const { xmlFreeNodeList(pNodes); }
-};
+using Document = std::unique_ptr<xmlDoc, FreeDocument>;
 
 struct CloseFile {
   void operator()(FILE* pFile) const { fclose(pFile); }
@@ -116,6 +105,16 @@ Buffer ReadWhole(const char* pPath, size_t& iSize) {
   return pBuffer;
 }
 
+// What xmlParseMemory() gives, but whatever the process has set as libxml2's defaults: entities
+// are not replaced, and neither they nor a DTD are loaded.
+Document Parse(const char* pBuffer, size_t iLength) {
+  if (iLength > INT_MAX) {
+    return nullptr;
+  }
+  return Document(xmlReadMemory(pBuffer, static_cast<int>(iLength), nullptr, nullptr,
+                                XML_PARSE_NONET | XML_PARSE_COMPACT));
+}
+
 const char* Text(const xmlChar* pText) { return reinterpret_cast<const char*>(pText); }
 
 std::string TrimmedText(const xmlNode* pText) {
@@ -126,7 +125,8 @@ std::string TrimmedText(const xmlNode* pText) {
 
 // Of an attribute, the first text; one that has none (it is empty or begins with an entity) is
 // empty, or what stands behind the entity.
-std::string AttributeContent(const xmlNode* pChild) {
+std::string AttributeContent(const xmlAttr* pAttribute) {
+  const xmlNode* pChild = pAttribute->children;
   while (pChild != nullptr && pChild->type != XML_TEXT_NODE) {
     pChild = pChild->next;
   }
@@ -143,7 +143,7 @@ std::string ElementContent(const xmlNode* pElement) {
   return strContent;
 }
 
-// Appends items to a map, and what stands in a tree.
+// Appends what stands in a tree to a map.
 class Flattener {
  public:
   Flattener(Items_t& mapItems, const char* pPrefix) : m_mapItems(mapItems) {
@@ -173,12 +173,12 @@ class Flattener {
     for (const xmlAttr* pAttribute = pNode->properties; pAttribute != nullptr;
          pAttribute = pAttribute->next) {
       Append(pAttribute->name);
-      Insert(AttributeContent(pAttribute->children));
+      Insert(AttributeContent(pAttribute));
       m_strKey.resize(iLength);
     }
   }
 
- protected:
+ private:
   void Append(const xmlChar* pName) {
     if (!m_strKey.empty()) {
       m_strKey += '.';
@@ -195,204 +195,10 @@ class Flattener {
                        : m_mapItems.emplace(m_strKey, std::move(strValue));
   }
 
-  std::string m_strKey;  // of the node at hand
-
- private:
   Items_t& m_mapItems;
   Items_t::iterator m_itLast = m_mapItems.end();
+  std::string m_strKey;  // of the node at hand
 };
-
-// Appends what stands in a document while it is parsed, so that no tree is built: that would take
-// twice the time of all the rest. The items are those of the tree that xmlParseMemory() gives, but
-// whatever the process has set as libxml2's defaults: entities are not replaced, and neither they
-// nor a DTD are loaded.
-//
-// An element's own item is inserted at its end, when its text is known. That is behind the items
-// of what it holds, whose keys are others.
-//
-// Entities are parsed by contexts of their own, at their first use, into trees that belong to the
-// declaration. Those are built as ever, and not looked at.
-class Reader : private Flattener {
- public:
-  explicit Reader(Items_t& mapItems) : Flattener(mapItems, nullptr) {}
-  // False when the document is not well-formed.
-  bool Read(const char* pBuffer, size_t iLength);
-
- private:
-  struct Level_t {
-    size_t iKeyLength;  // of the parent
-    std::string strContent;
-  };
-
-  void Prepare();
-  void Start(const xmlChar* pName, const xmlChar* pPrefix, const xmlChar* pUri, int iAttributes,
-             const xmlChar** pAttributes);
-  void Attribute(const xmlChar** pAttribute);
-  void End();
-  void Characters(const xmlChar* pText, int iLength);
-  void EndText();
-  void AppendQualified(const xmlChar* pName, const xmlChar* pPrefix, const xmlChar* pUri);
-
-  // Calls fnStep for the document, fnEntity for an entity. An exception must not pass through
-  // libxml2.
-  template <typename Step, typename Entity>
-  static void Dispatch(void* pContext, Step fnStep, Entity fnEntity) {
-    auto* const pParser = static_cast<xmlParserCtxtPtr>(pContext);
-    auto* const pReader = static_cast<Reader*>(pParser->_private);
-    if (pReader->m_pParser.get() != pParser) {
-      fnEntity();
-      return;
-    }
-    try {
-      fnStep(*pReader);
-    } catch (...) {
-      pReader->m_pException = std::current_exception();
-      xmlStopParser(pParser);
-    }
-  }
-
-  Parser m_pParser;
-  std::exception_ptr m_pException;
-  std::vector<Level_t> m_vecLevels;  // of the elements that are open, and unused ones behind
-  size_t m_iDepth = 0;
-  std::string m_strText;  // of the text node at hand
-};
-
-bool Reader::Read(const char* pBuffer, size_t iLength) {
-  if (iLength > INT_MAX) {
-    return false;
-  }
-  m_pParser.reset(xmlCreateMemoryParserCtxt(pBuffer, static_cast<int>(iLength)));
-  if (m_pParser == nullptr) {
-    return false;
-  }
-  Prepare();
-  xmlParseDocument(m_pParser.get());
-  if (m_pException != nullptr) {
-    std::rethrow_exception(m_pException);
-  }
-  return m_pParser->wellFormed != 0;
-}
-
-// Everything that makes a node ends a text node.
-void Reader::Prepare() {
-  m_pParser->_private = this;
-  xmlCtxtUseOptions(m_pParser.get(), XML_PARSE_NONET | XML_PARSE_COMPACT);
-  xmlSAXHandler& stHandler = *m_pParser->sax;
-  xmlSAXVersion(&stHandler, 2);
-  stHandler.startElementNs = [](void* pContext, const xmlChar* pName, const xmlChar* pPrefix,
-                                const xmlChar* pUri, int iSpaces, const xmlChar** pSpaces,
-                                int iAttributes, int iDefaulted, const xmlChar** pAttributes) {
-    Dispatch(
-        pContext,
-        [&](Reader& stReader) {
-          stReader.Start(pName, pPrefix, pUri, iAttributes - iDefaulted, pAttributes);
-        },
-        [&] {
-          xmlSAX2StartElementNs(pContext, pName, pPrefix, pUri, iSpaces, pSpaces, iAttributes,
-                                iDefaulted, pAttributes);
-        });
-  };
-  stHandler.endElementNs = [](void* pContext, const xmlChar* pName, const xmlChar* pPrefix,
-                              const xmlChar* pUri) {
-    Dispatch(
-        pContext, [](Reader& stReader) { stReader.End(); },
-        [&] { xmlSAX2EndElementNs(pContext, pName, pPrefix, pUri); });
-  };
-  stHandler.characters = [](void* pContext, const xmlChar* pText, int iLength) {
-    Dispatch(
-        pContext, [&](Reader& stReader) { stReader.Characters(pText, iLength); },
-        [&] { xmlSAX2Characters(pContext, pText, iLength); });
-  };
-  stHandler.ignorableWhitespace = stHandler.characters;
-  stHandler.cdataBlock = [](void* pContext, const xmlChar* pText, int iLength) {
-    Dispatch(
-        pContext, [](Reader& stReader) { stReader.EndText(); },
-        [&] { xmlSAX2CDataBlock(pContext, pText, iLength); });
-  };
-  stHandler.reference = [](void* pContext, const xmlChar* pName) {
-    Dispatch(
-        pContext, [](Reader& stReader) { stReader.EndText(); },
-        [&] { xmlSAX2Reference(pContext, pName); });
-  };
-  stHandler.comment = [](void* pContext, const xmlChar* pText) {
-    Dispatch(
-        pContext, [](Reader& stReader) { stReader.EndText(); },
-        [&] { xmlSAX2Comment(pContext, pText); });
-  };
-  stHandler.processingInstruction = [](void* pContext, const xmlChar* pName, const xmlChar* pData) {
-    Dispatch(
-        pContext, [](Reader& stReader) { stReader.EndText(); },
-        [&] { xmlSAX2ProcessingInstruction(pContext, pName, pData); });
-  };
-}
-
-// The root, at depth 0, gives nothing. Attributes that the DTD adds come last and are left out.
-void Reader::Start(const xmlChar* pName, const xmlChar* pPrefix, const xmlChar* pUri,
-                   int iAttributes, const xmlChar** pAttributes) {
-  EndText();
-  if (m_iDepth == m_vecLevels.size()) {
-    m_vecLevels.emplace_back();
-  }
-  Level_t& stLevel = m_vecLevels[m_iDepth++];
-  stLevel.iKeyLength = m_strKey.size();
-  stLevel.strContent.clear();
-  if (m_iDepth > 1) {
-    AppendQualified(pName, pPrefix, pUri);
-    for (int i = 0; i < iAttributes; ++i) {
-      Attribute(pAttributes + ptrdiff_t{5} * i);
-    }
-  }
-}
-
-// Name, prefix, URI, begin and end of the value. A value that was not copied out of the document
-// has nothing to be replaced in it, and no NUL behind it.
-void Reader::Attribute(const xmlChar** pAttribute) {
-  const size_t iLength = m_strKey.size();
-  AppendQualified(pAttribute[0], pAttribute[1], pAttribute[2]);
-  const auto iSize = static_cast<int>(pAttribute[4] - pAttribute[3]);
-  if (*pAttribute[4] != 0) {
-    std::string strValue(Text(pAttribute[3]), static_cast<size_t>(iSize));
-    Trim(strValue, BLANKS);
-    Insert(std::move(strValue));
-  } else {
-    const std::unique_ptr<xmlNode, FreeNodes> pNodes(
-        xmlStringLenGetNodeList(m_pParser->myDoc, pAttribute[3], iSize));
-    Insert(AttributeContent(pNodes.get()));
-  }
-  m_strKey.resize(iLength);
-}
-
-void Reader::End() {
-  EndText();
-  Level_t& stLevel = m_vecLevels[--m_iDepth];
-  if (m_iDepth > 0 && !stLevel.strContent.empty()) {
-    Insert(stLevel.strContent);
-  }
-  m_strKey.resize(stLevel.iKeyLength);
-}
-
-void Reader::Characters(const xmlChar* pText, int iLength) {
-  m_strText.append(Text(pText), static_cast<size_t>(iLength));
-}
-
-void Reader::EndText() {
-  if (m_iDepth > 1) {
-    Trim(m_strText, BLANKS);
-    m_vecLevels[m_iDepth - 1].strContent += m_strText;
-  }
-  m_strText.clear();
-}
-
-// A prefix that was never declared is part of the name.
-void Reader::AppendQualified(const xmlChar* pName, const xmlChar* pPrefix, const xmlChar* pUri) {
-  if (pPrefix != nullptr && pUri == nullptr) {
-    Append(pPrefix);
-    m_strKey.append(1, ':').append(Text(pName));
-  } else {
-    Append(pName);
-  }
-}
 
 bool IsAscii(const std::string& strText) {
   for (const char cByte : strText) {
@@ -549,10 +355,13 @@ int Config::LoadFile(const char* pPath, Includes& stIncludes) {
 }
 
 bool Config::Merge(const char* pBuffer, size_t iLength, Includes& stIncludes) {
-  Items_t mapNew;
-  if (!Reader(mapNew).Read(pBuffer, iLength)) {
+  const Document pDocument = Parse(pBuffer, iLength);
+  xmlNodePtr pRoot = xmlDocGetRootElement(pDocument.get());
+  if (pRoot == nullptr) {
     return false;
   }
+  Items_t mapNew;
+  EnumElements(pRoot, nullptr, mapNew);
   stIncludes.Note(mapNew);
   if (m_mapItems.empty()) {
     m_mapItems.swap(mapNew);
