@@ -7,8 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "heap_image.h"
 #include "message_queue.h"
 #include "queue_fixture.h"
+#include "ring_check.h"
 #include "sweep.h"
 #include "test_support.h"
 
@@ -41,13 +43,23 @@ class QueueCrashTest : public ::testing::Test {
     return stQueue.AttachWithKey(m_strFifo.c_str(), m_pKey->Key(), HEAD_SIZE + RING_SIZE);
   }
 
+  // What is in the ring, found without the library; such a walk takes nothing.
+  Texts_t LookAtRing() {
+    const HeapImage stRaw(m_pKey->Key());
+    const RingReport_t stReport = CheckRing(stRaw, 20, RING_SIZE);
+    EXPECT_EQ("", stReport.Faults());
+    return stReport.vecMessages;
+  }
+
   // The next process finds one of two, and can use the ring.
   void Check(const Texts_t& vecBefore, const Texts_t& vecAfter, bool bComplete) {
+    const Texts_t vecSeen = LookAtRing();
     MessageQueue stQueue;
     ASSERT_EQ(0, Attach(stQueue));
     const Texts_t vecFound = PopTexts(stQueue, 20);
     EXPECT_TRUE(vecFound == vecAfter || (!bComplete && vecFound == vecBefore))
         << vecFound.size() << " messages";
+    EXPECT_EQ(vecFound, vecSeen);
     const std::string strLargest(RING_SIZE - 1 - LENGTH_SIZE, 'x');
     EXPECT_EQ(1, PushText(stQueue, strLargest));
     EXPECT_EQ(Texts_t{strLargest}, PopTexts(stQueue, 20));
