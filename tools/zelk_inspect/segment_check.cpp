@@ -16,7 +16,7 @@ namespace {
 
 const size_t MOST_FAULTS = 1000;
 const unsigned int LIVE_ATTEMPTS = 16;
-const uint64_t CHUNK = 4096;  // bytes of lists or buckets read at once
+const uint64_t CHUNK = 8192;  // lists that are read at once
 
 uint64_t ReferenceHash(std::string_view strKey) {
   uint64_t iHash = 2166136261u;
@@ -194,14 +194,14 @@ void Walker::WalkList(uint64_t iIndex, uint64_t iOffset) {
 
 void Walker::Lists(const ListVisitor_t& fnList) {
   m_stView.Forget();
-  uint64_t szHeads[CHUNK / sizeof(uint64_t)];
-  const uint64_t iPerChunk = sizeof(szHeads) / sizeof(szHeads[0]);
-  for (uint64_t iFirst = 0; iFirst < HEAP_LIST_COUNT; iFirst += iPerChunk) {
-    if (!m_stView.Read(HEAP_LISTS + iFirst * sizeof(uint64_t), szHeads, sizeof(szHeads))) {
+  std::vector<uint64_t> vecHeads(CHUNK);
+  for (uint64_t iFirst = 0; iFirst < HEAP_LIST_COUNT; iFirst += CHUNK) {
+    if (!m_stView.Read(HEAP_LISTS + iFirst * sizeof(uint64_t), vecHeads.data(),
+                       CHUNK * sizeof(uint64_t))) {
       return;
     }
-    for (uint64_t i = 0; i < iPerChunk; ++i) {
-      if (szHeads[i] == 0) {
+    for (uint64_t i = 0; i < CHUNK; ++i) {
+      if (vecHeads[i] == 0) {
         continue;
       }
       const uint64_t iIndex = iFirst + i;

@@ -1,0 +1,87 @@
+#include <gtest/gtest.h>
+
+#include "document.h"
+#include "options.h"
+#include "segment_holders.h"
+
+namespace {
+
+std::string ErrorOf(const std::vector<std::string>& vecArguments) {
+  return ParseOptions(vecArguments).strError;
+}
+
+TEST(InspectOptionsTest, OptionsMayStandAnywhere) {
+  const Options_t stOptions = ParseOptions({"--json", "queue", "5", "--messages=3", "0x12"});
+  EXPECT_EQ("", stOptions.strError);
+  EXPECT_EQ("queue", stOptions.strCommand);
+  EXPECT_EQ((std::vector<std::string>{"5", "0x12"}), stOptions.vecNames);
+  EXPECT_TRUE(stOptions.bJson);
+  EXPECT_EQ(3u, stOptions.iMessages);
+  EXPECT_FALSE(stOptions.fWatch.has_value());
+}
+
+TEST(InspectOptionsTest, NamesBehindTwoDashesMayLookLikeOptions) {
+  const Options_t stOptions = ParseOptions({"verify", "--", "--json"});
+  EXPECT_EQ("", stOptions.strError);
+  EXPECT_EQ((std::vector<std::string>{"--json"}), stOptions.vecNames);
+}
+
+TEST(InspectOptionsTest, WatchHasASecondUnlessTold) {
+  EXPECT_EQ(1.0, *ParseOptions({"heap", "1", "--watch"}).fWatch);
+  EXPECT_EQ(0.25, *ParseOptions({"heap", "1", "--watch=0.25"}).fWatch);
+}
+
+TEST(InspectOptionsTest, WrongUsageIsSaid) {
+  EXPECT_EQ("no command", ErrorOf({}));
+  EXPECT_EQ("unknown command quue", ErrorOf({"quue", "1"}));
+  EXPECT_EQ("queue of what?", ErrorOf({"queue"}));
+  EXPECT_EQ("list takes no names", ErrorOf({"list", "1"}));
+  EXPECT_EQ("unknown option --jsn", ErrorOf({"queue", "1", "--jsn"}));
+  EXPECT_EQ("wrong value: --json=1", ErrorOf({"queue", "1", "--json=1"}));
+  for (const char* pWrong :
+       {"--watch=0", "--watch=-1", "--watch=nan", "--watch=1e9", "--watch=1s", "--rate",
+        "--rate=", "--messages=-1", "--limit=ten", "--count=1.5", "--bytes=99999999999999999999"}) {
+    EXPECT_EQ("wrong value: " + std::string(pWrong), ErrorOf({"queue", "1", pWrong}));
+  }
+}
+
+TEST(InspectDocumentTest, TheSameThingAsTextAndAsJson) {
+  Document stDocument;
+  stDocument.Add("ring_size", 64);
+  stDocument.Add("held_by", "a \"b\"\\");
+  stDocument.Add("stable", true);
+  stDocument.AddList("chains", {"bucket", "entries"}, {{7, 12345678}, {1000, 2}});
+  EXPECT_EQ(
+      "ring size           64\nheld by             a \"b\"\\\nstable              true\n"
+      "chains:\n    bucket  entries\n    7       12345678\n    1000    2\n",
+      stDocument.AsText());
+  EXPECT_EQ(
+      "{\"ring_size\":64,\"held_by\":\"a \\\"b\\\"\\\\\",\"stable\":true,"
+      "\"chains\":[{\"bucket\":7,\"entries\":12345678},{\"bucket\":1000,\"entries\":2}]}\n",
+      stDocument.AsJson());
+}
+
+TEST(InspectDocumentTest, AnyBytesCanBePrinted) {
+  EXPECT_EQ("a\\n\\r\\t\\\\\\\"\\x00\\x7f\\xff~",
+            Printable(std::string("a\n\r\t\\\"\0\x7f\xff~", 10)));
+  EXPECT_EQ("abc...", Printable("abcd", 3));
+  EXPECT_EQ("abcd", Printable("abcd", 4));
+}
+
+TEST(InspectMappingTest, OnlyTheSegmentsOwnLineIsAMapping) {
+  Mapping_t stMapping{};
+  const std::string strLine =
+      "7f0000001000-7f0000003000 rw-s 00001000 00:01 98305                      /SYSV00ab12cd "
+      "(deleted)";
+  ASSERT_EQ(98305, ParseMapping(strLine, stMapping));
+  EXPECT_EQ(0x7f0000001000u, stMapping.iAddress);
+  EXPECT_EQ(0x2000u, stMapping.iSize);
+  EXPECT_EQ(0x1000u, stMapping.iOffset);
+  for (const char* pOther :
+       {"7f0000001000-7f0000003000 rw-s 00000000 08:01 98305   /home/SYSV00ab12cd",
+        "7f0000001000-7f0000003000 rw-p 00000000 00:00 0 ", "7f0000001000", ""}) {
+    EXPECT_EQ(-1, ParseMapping(pOther, stMapping)) << pOther;
+  }
+}
+
+}  // namespace

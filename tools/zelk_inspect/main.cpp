@@ -1,0 +1,29 @@
+#include <cstdio>
+
+#include "list.h"
+#include "look.h"
+#include "options.h"
+#include "remove.h"
+#include "verify.h"
+
+int main(int argc, char** argv) {
+  const Options_t stOptions = ParseOptions({argv + 1, argv + argc});
+  if (!stOptions.strError.empty()) {
+    fprintf(stderr, "zelk-inspect: %s; see zelk-inspect --help\n", stOptions.strError.c_str());
+    return EXIT_USAGE;
+  }
+  if (stOptions.bHelp || stOptions.bVersion) {
+    fputs(stOptions.bHelp ? HELP_TEXT : "zelk-inspect " ZELK_VERSION "\n", stdout);
+    return EXIT_FINE;
+  }
+  if (stOptions.strCommand == "list") {
+    return RunList(stOptions);
+  }
+  if (stOptions.strCommand == "verify") {
+    return RunVerify(stOptions);
+  }
+  if (stOptions.strCommand == "remove") {
+    return RunRemove(stOptions);
+  }
+  return RunLook(stOptions);
+}
