@@ -57,6 +57,7 @@ class Walker {
   template <typename Walk>
   void Attempt(const Walk& fnWalk);
   void WalkList(uint64_t iIndex, uint64_t iOffset);
+  void CountList(uint64_t iIndex, const ListVisitor_t& fnList);
   void WalkChain(uint64_t iBucket, uint64_t iOffset);
   bool CheckEntry(uint64_t iOffset, uint64_t iBucket);
   void CountChain(uint64_t iBucket, uint64_t iSize, const TableVisitor_t& stVisitor);
@@ -192,24 +193,30 @@ void Walker::WalkList(uint64_t iIndex, uint64_t iOffset) {
   }
 }
 
+void Walker::CountList(uint64_t iIndex, const ListVisitor_t& fnList) {
+  Attempt([&] { WalkList(iIndex, m_stView.Word(HEAP_LISTS + iIndex * sizeof(uint64_t))); });
+  m_stReport.iFreeBlocks += m_vecPassed.size();
+  m_iFreeBytes += m_vecPassed.size() * (iIndex + 1) * HEAP_STEP;
+  if (fnList && !m_vecPassed.empty()) {
+    fnList((iIndex + 1) * HEAP_STEP, m_vecPassed.size());
+  }
+}
+
 void Walker::Lists(const ListVisitor_t& fnList) {
   m_stView.Forget();
+  const std::vector<uint64_t> vecEmpty(CHUNK);
   std::vector<uint64_t> vecHeads(CHUNK);
   for (uint64_t iFirst = 0; iFirst < HEAP_LIST_COUNT; iFirst += CHUNK) {
     if (!m_stView.Read(HEAP_LISTS + iFirst * sizeof(uint64_t), vecHeads.data(),
                        CHUNK * sizeof(uint64_t))) {
       return;
     }
+    if (vecHeads == vecEmpty) {
+      continue;  // most are
+    }
     for (uint64_t i = 0; i < CHUNK; ++i) {
-      if (vecHeads[i] == 0) {
-        continue;
-      }
-      const uint64_t iIndex = iFirst + i;
-      Attempt([&] { WalkList(iIndex, m_stView.Word(HEAP_LISTS + iIndex * sizeof(uint64_t))); });
-      m_stReport.iFreeBlocks += m_vecPassed.size();
-      m_iFreeBytes += m_vecPassed.size() * (iIndex + 1) * HEAP_STEP;
-      if (fnList && !m_vecPassed.empty()) {
-        fnList((iIndex + 1) * HEAP_STEP, m_vecPassed.size());
+      if (vecHeads[i] != 0) {
+        CountList(iFirst + i, fnList);
       }
     }
   }
