@@ -1,5 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "describe.h"
 #include "document.h"
 #include "options.h"
 #include "segment_holders.h"
@@ -45,6 +52,47 @@ TEST(InspectOptionsTest, WrongUsageIsSaid) {
   }
 }
 
+// Words of a text that begin with two dashes, without a value behind "=".
+std::set<std::string> OptionsOf(std::string strText) {
+  for (char& c : strText) {
+    c = std::strchr("[]=,;()", c) != nullptr ? ' ' : c;
+  }
+  std::istringstream stText(strText);
+  std::string strWord;
+  std::set<std::string> setOptions;
+  while (stText >> strWord) {
+    if (strWord.size() > 2 && strWord.compare(0, 2, "--") == 0) {
+      setOptions.insert(strWord);
+    }
+  }
+  return setOptions;
+}
+
+TEST(InspectOptionsTest, TheManualKnowsEveryOptionOfTheHelp) {
+  std::ifstream stFile(MANUAL_PAGE);
+  std::string strManual((std::istreambuf_iterator<char>(stFile)), {});
+  const std::set<std::string> setOptions = OptionsOf(HELP_TEXT);
+  EXPECT_EQ(13u, setOptions.size());
+  for (const std::string& strOption : setOptions) {
+    EXPECT_NE(std::string::npos, strManual.find("Fl Fl " + strOption.substr(2))) << strOption;
+    const std::string strError = ErrorOf({strOption + "=1", "list"});
+    EXPECT_NE("unknown option " + strOption + "=1", strError);
+  }
+}
+
+TEST(InspectRateTest, OffsetsThatGoRoundAreAddedUp) {
+  char szRing[13 + 100] = {8, 100};
+  const MemoryView stView(szRing, sizeof(szRing));
+  RingRate stRate;
+  for (const char cWrite : {'\0', '\x3c', '\x14', '\x63', '\0'}) {
+    szRing[9] = cWrite;
+    szRing[5] = static_cast<char>(cWrite / 2);
+    stRate.Look(stView);
+  }
+  EXPECT_EQ(60u + 60 + 79 + 1, stRate.Written());
+  EXPECT_EQ(30u + 80 + 39 + 51, stRate.Taken());
+}
+
 TEST(InspectDocumentTest, TheSameThingAsTextAndAsJson) {
   Document stDocument;
   stDocument.Add("ring_size", 64);
@@ -52,7 +100,8 @@ TEST(InspectDocumentTest, TheSameThingAsTextAndAsJson) {
   stDocument.Add("stable", true);
   stDocument.AddList("chains", {"bucket", "entries"}, {{7, 12345678}, {1000, 2}});
   EXPECT_EQ(
-      "ring size           64\nheld by             a \"b\"\\\nstable              true\n"
+      "ring size                 64\nheld by                   a \"b\"\\\n"
+      "stable                    true\n"
       "chains:\n    bucket  entries\n    7       12345678\n    1000    2\n",
       stDocument.AsText());
   EXPECT_EQ(

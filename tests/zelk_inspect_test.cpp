@@ -282,6 +282,7 @@ TEST(InspectLogTest, LinesAreCountedByLevel) {
             "[2024-01-02 15:04:07,002][ERROR] three [WARNING]\n");
   const ToolRun_t stRun = RunTool({"log", strPath});
   EXPECT_EQ(0, stRun.iExit);
+  EXPECT_EQ("nobody", Field(stRun.strOut, "held by"));
   EXPECT_EQ("2024-01-02 15:04:05,678", Field(stRun.strOut, "first line"));
   EXPECT_EQ("2024-01-02 15:04:07,002", Field(stRun.strOut, "last line"));
   EXPECT_EQ("1", Field(stRun.strOut, "    INFORMATION"));

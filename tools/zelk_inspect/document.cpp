@@ -5,7 +5,7 @@
 
 namespace {
 
-const size_t NAME_WIDTH = 18;
+const size_t NAME_WIDTH = 24;
 
 std::string Spaced(std::string strName) {
   std::replace(strName.begin(), strName.end(), '_', ' ');

@@ -79,6 +79,7 @@ std::string DescribeLog(const std::string& strPath, const Options_t& /*stOptions
     std::getline(stFile, strPart);
   }
   const Lines_t stLines = CountLines(stFile);
+  stFile.close();  // not to be found among those who have it open
   stDocument.Add("log", strPath);
   stDocument.Add("bytes", iSize);
   stDocument.Add("bytes_skipped", iSkipped);

@@ -103,7 +103,7 @@ void Print(const Options_t& stOptions, const std::string& strName, const Segment
   stDocument.Add("faults", uint64_t{stResult.vecFaults.size()});
   stDocument.AddList("first_faults", {"fault"}, Rows(stResult.vecFaults, stOptions.iLimit));
   stDocument.AddList("notes", {"note"}, Rows(stResult.vecNotes, stOptions.iLimit));
-  fputs((stOptions.bJson ? stDocument.AsJson() : stDocument.AsText()).c_str(), stdout);
+  fputs((stOptions.bJson ? stDocument.AsJson() : stDocument.AsText() + "\n").c_str(), stdout);
 }
 
 int VerifyOne(const Options_t& stOptions, const std::string& strName) {
