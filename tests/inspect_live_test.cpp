@@ -1,7 +1,10 @@
 // Looks at segments whose owners are writing as fast as they can.
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <functional>
@@ -121,6 +124,31 @@ TEST_F(LiveRingTest, AHolderThatDiesIsNoticed) {
   m_pWriter.reset();
   CheckRing(*pView);
   EXPECT_NE("", pView->Finish());
+}
+
+TEST(LiveViewTest, AHolderThatHasOtherBytesThereNowIsNoticed) {
+  const PrivateKey stKey;
+  const ForkedPeer stHolder([&] {
+    sigset_t stSignals;
+    int iSignal = 0;
+    sigemptyset(&stSignals);
+    sigaddset(&stSignals, SIGUSR1);
+    sigprocmask(SIG_BLOCK, &stSignals, nullptr);
+    void* p = shmat(shmget(stKey.Key(), 4096, IPC_CREAT | 0600), nullptr, 0);
+    sigwait(&stSignals, &iSignal);
+    mmap(p, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+    pause();
+    return 0;
+  });
+  ASSERT_TRUE(WaitUntil([&] { return Attachments(stKey.Key()) == 1; }));
+  const auto pView = OpenLive(stKey.Key());
+  EXPECT_EQ("", pView->Finish());
+  stHolder.Kill(SIGUSR1);
+  ASSERT_TRUE(WaitUntil([&] { return Attachments(stKey.Key()) == 0; }));
+  pView->Forget();
+  pView->Word(0);
+  EXPECT_EQ("process " + std::to_string(stHolder.Pid()) + " has left the segment meanwhile",
+            pView->Finish());
 }
 
 // A table whose writer replaces and deletes keys all the time.

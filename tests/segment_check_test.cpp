@@ -264,6 +264,46 @@ TEST_F(RingCheckTest, ASegmentShorterThanItsHeadIsNone) {
   }
 }
 
+// A live ring whose reader goes on by so many bytes during each walk.
+class MovingRing : public HeapImage {
+ public:
+  MovingRing(key_t iKey, uint32_t iStep) : HeapImage(iKey), m_iStep(iStep) {}
+  bool IsLive() const override { return true; }
+  uint32_t FreshHalf(uint64_t iOffset) const override {
+    m_iReads += iOffset == RING_READ ? 1 : 0;
+    return Half(iOffset) + (iOffset == RING_READ && m_iReads % 2 == 0 ? m_iStep : 0);
+  }
+  int Walks() const { return m_iReads / 2; }
+
+ private:
+  const uint32_t m_iStep;
+  mutable int m_iReads = 0;
+};
+
+TEST_F(RingCheckTest, WhatIsTakenDuringTheWalkIsNotShown) {
+  PushTexts(m_stWriter, {"first", "second", "third"});
+  const MovingRing stRing(m_stKey.Key(), LENGTH_SIZE + 5);
+  const RingReport_t stReport = CheckRing(stRing, 9, 9);
+  EXPECT_TRUE(stReport.bStable);
+  EXPECT_EQ((Texts_t{"second", "third"}), stReport.vecMessages);
+  EXPECT_EQ(2u, stReport.iMessages);
+  EXPECT_EQ(9u, stReport.iRead);
+  EXPECT_EQ(2u * LENGTH_SIZE + 11, stReport.iUsed);
+  EXPECT_EQ(1, stRing.Walks());
+}
+
+TEST_F(RingCheckTest, AReaderThatIsAlwaysFasterLeavesNoStableViewAndNoFault) {
+  PushTexts(m_stWriter, {"first", "second", "third"});
+  const MovingRing stBetween(m_stKey.Key(), 5);
+  EXPECT_FALSE(CheckRing(stBetween).bStable);
+  EXPECT_EQ("", CheckRing(stBetween).Faults());
+  EXPECT_EQ(400, stBetween.Walks());
+  HeapImage(m_stKey.Key()).SetHalf(HEAD_SIZE, 1000);
+  const MovingRing stOverwritten(m_stKey.Key(), LENGTH_SIZE + 5);
+  EXPECT_FALSE(CheckRing(stOverwritten).bStable);
+  EXPECT_EQ("", CheckRing(stOverwritten).Faults());
+}
+
 TEST(SegmentViewTest, NothingIsReadBeyondTheEnd) {
   const MemoryView stView("0123456789", 10);
   char szTo[4] = "abc";
