@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <fstream>
 
 #include <cstdio>
+#include <fstream>
 
 #include "kv_server_fixture.h"
 
@@ -307,6 +309,35 @@ TEST(KvServerOptionsTest, ARunDirectoryThatCanNotBeMadeEndsWith1) {
   const RunResult_t stResult = RunServer({"--set", "server.run_dir=/proc/nowhere"});
   EXPECT_EQ(1, stResult.iExit);
   EXPECT_EQ("kv_server: server.run_dir = \"/proc/nowhere\": can not be made\n", stResult.strError);
+}
+
+// The processors that a process may run on, as /proc lists them.
+std::string AllowedCpus(pid_t iPid) {
+  std::ifstream stStatus("/proc/" + std::to_string(iPid) + "/status");
+  for (std::string strLine; std::getline(stStatus, strLine);) {
+    if (strLine.rfind("Cpus_allowed_list:", 0) == 0) {
+      return strLine.substr(strLine.find_last_of('\t') + 1);
+    }
+  }
+  return "";
+}
+
+bool RunsOnOneCpu(pid_t iPid) { return AllowedCpus(iPid).find_first_of(",-") == std::string::npos; }
+
+TEST(KvServerFollowTest, ASingleWorkerStaysWithItsGateway) {
+  ServerProcess stServer;
+  Client stClient(stServer);
+  EXPECT_EQ("$-1\r\n", stClient.Ask({"GET", "key"}));
+  EXPECT_TRUE(RunsOnOneCpu(stServer.Worker(0)));
+  EXPECT_EQ(AllowedCpus(stServer.Gateway()), AllowedCpus(getpid()));
+}
+
+TEST(KvServerFollowTest, SeveralWorkersAndOneThatIsNotToldToDoNot) {
+  for (const char* pSetting : {"server.workers=2", "server.follow=no"}) {
+    ServerProcess stServer({pSetting});
+    EXPECT_EQ("$-1\r\n", Client(stServer).Ask({"GET", "key"}));
+    EXPECT_EQ(AllowedCpus(stServer.Worker(0)), AllowedCpus(getpid())) << pSetting;
+  }
 }
 
 }  // namespace

@@ -195,12 +195,14 @@ TEST(KvSettingsTest, APasswordIsListedAsStars) {
   EXPECT_EQ("secret", ShownValue("mirror.mysql.user", "secret"));
 }
 
-TEST(KvSettingsTest, DebugCommandsAreYesOrNo) {
-  EXPECT_EQ("", CheckWith("debug.commands", "yes"));
-  EXPECT_EQ("", CheckWith("debug.commands", "no"));
-  for (const std::string strValue : {"", "1", "Yes", "yes "}) {
-    EXPECT_EQ("debug.commands = \"" + strValue + "\": must be yes or no",
-              CheckWith("debug.commands", strValue));
+TEST(KvSettingsTest, SwitchesAreYesOrNo) {
+  for (const std::string strKey : {"debug.commands", "server.follow"}) {
+    EXPECT_EQ("", CheckWith(strKey.c_str(), "yes"));
+    EXPECT_EQ("", CheckWith(strKey.c_str(), "no"));
+    for (const std::string strValue : {"", "1", "Yes", "yes "}) {
+      EXPECT_EQ(strKey + " = \"" + strValue + "\": must be yes or no",
+                CheckWith(strKey.c_str(), strValue));
+    }
   }
 }
 

@@ -90,7 +90,7 @@ TEST_F(KvWorkerTest, FinishesItsQueueBeforeItEnds) {
 // a batch, as a client might make it.
 TEST_F(KvWorkerTest, ValuesWithoutTheirBatchAreNotTakenForBatches) {
   std::string strFake;
-  AppendRecord(strFake, RequestHead_t{Names().iMark ^ 1, LIFE, 1, 1, 0});
+  AppendRecord(strFake, RequestHead_t{Names().iMark ^ 1, LIFE, 1, 1, 0, 0});
   AppendRecord(strFake, RunHead_t{1});
   AppendCommand(strFake, CMD_FLUSHALL, {}, 0);
   strFake.resize(LARGE_VALUE);
@@ -137,7 +137,7 @@ TEST_F(KvWorkerTest, ANewGatewayIsAnsweredAndAnOldOneIsNot) {
 // to notice.
 TEST_F(KvWorkerTest, ADamagedBatchEndsAtTheDamage) {
   std::string strBatch;
-  AppendRecord(strBatch, RequestHead_t{Names().iMark, LIFE, 1, 2, 0});
+  AppendRecord(strBatch, RequestHead_t{Names().iMark, LIFE, 1, 2, 0, 0});
   AppendRecord(strBatch, RunHead_t{2});
   AppendCommand(strBatch, CMD_INCR, {"a"}, 0);
   AppendRecord(strBatch, CommandHead_t{CMD_INCR, 1, 0});

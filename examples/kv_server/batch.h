@@ -30,6 +30,7 @@ struct RequestHead_t {
   uint64_t iNumber;  // of the batch, from 1
   uint32_t iRuns;
   uint32_t iValues;  // records behind this one
+  uint64_t iCpu;     // where the gateway runs
 };
 
 struct RunHead_t {

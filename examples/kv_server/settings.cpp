@@ -34,6 +34,8 @@ const char PASSWORD_KEY[] = "mirror.mysql.password";
 const TextSetting_t TEXT_SETTINGS[] = {
     {"server.listen", &Settings_t::strListen, "IPv4 address and port"},
     {"server.run_dir", &Settings_t::strRunDir, "directory of lock, FIFOs and keys"},
+    {"server.follow", &Settings_t::strFollow,
+     "yes or no: whether a single worker stays on the gateway's processor"},
     {"server.ini", &Settings_t::strOperatorFile, "INI file of the operators; none"},
     {"save.path", &Settings_t::strSavePath, "directory of the dumps; the run directory"},
     {"save.hook", &Settings_t::strSaveHook,
@@ -189,8 +191,12 @@ std::string CheckSettings(const Settings_t& stSettings) {
                  "must be at least " + std::to_string(iNeeded) +
                      " for the present limits.key and limits.value");
   }
-  if (stSettings.strDebugCommands != "yes" && stSettings.strDebugCommands != "no") {
-    return Wrong(stSettings, "debug.commands", stSettings.strDebugCommands, "must be yes or no");
+  for (const auto& [pKey, pMember] : {std::pair("server.follow", &Settings_t::strFollow),
+                                      std::pair("debug.commands", &Settings_t::strDebugCommands)}) {
+    const std::string& strValue = stSettings.*pMember;
+    if (strValue != "yes" && strValue != "no") {
+      return Wrong(stSettings, pKey, strValue, "must be yes or no");
+    }
   }
   if (stSettings.strJournalSync != "no" && stSettings.strJournalSync != "second" &&
       stSettings.strJournalSync != "batch") {

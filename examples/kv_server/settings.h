@@ -23,6 +23,7 @@ struct Settings_t {
   std::string strJournalSync = "no";  // "second", "batch"; "no": no journal
   std::string strLogPath;             // empty: "log" below the run directory
   std::string strLogLevel = "INFORMATION";
+  std::string strFollow = "yes";        // "yes": a single worker runs where the gateway runs
   std::string strDebugCommands = "no";  // "yes": DEBUG may be used
   std::string strMirrorHost;            // empty: no mirror
   std::string strMirrorUser;

@@ -165,6 +165,9 @@ void Worker::RunFirst() {
     m_dqRecords.pop_front();
     return;
   }
+  if (m_stSettings.strFollow == "yes" && m_stSettings.iWorkers == 1) {
+    m_stCpuFollower.Follow(stHead.iCpu);
+  }
   BatchMessage_t stBatch{stHead, {m_dqRecords[0].pData.get(), m_dqRecords[0].iSize}, {}};
   stBatch.strRuns.remove_prefix(sizeof(RequestHead_t));
   for (uint32_t i = 1; i <= stHead.iValues; ++i) {

@@ -6,6 +6,7 @@
 
 #include "command_runner.h"
 #include "conversation.h"
+#include "cpu_follower.h"
 #include "id_generator.h"
 #include "key_store.h"
 #include "message_queue.h"
@@ -51,6 +52,7 @@ class Worker {
   MessageQueue m_stIn;
   MessageQueue m_stOut;
   KeyStore m_stStore;
+  CpuFollower m_stCpuFollower;
   IdGenerator m_stIds;
   Saver m_stSaver;
   CommandRunner m_stRunner;

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "cpu_follower.h"
 #include "log.h"
 #include "memory_tracking.h"
 #include "zelk_variable.h"
@@ -67,7 +68,7 @@ bool WorkerLink::IsFull() const {
 void WorkerLink::Close() {
   PatchRecord(m_stOpen.strBatch, 0,
               RequestHead_t{m_iMark, m_iLife, ++m_iNumber, m_stOpen.iRuns,
-                            static_cast<uint32_t>(m_stOpen.vecValues.size())});
+                            static_cast<uint32_t>(m_stOpen.vecValues.size()), CpuFollower::Here()});
   m_dqBatches.push_back({m_iNumber, m_stOpen.iRuns});
   m_stOpen.iSize += m_stOpen.strBatch.size() + LENGTH_SIZE;
   m_dqWaiting.push_back(std::move(m_stOpen));
