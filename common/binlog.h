@@ -5,6 +5,7 @@
 
 #include <string>
 
+// One record.
 struct binlog_item_t {
   int iSize;
   char* pContent;
@@ -17,6 +18,7 @@ class Binlog {
   Binlog() = default;
   virtual ~Binlog();
 
+  // Return 0.
   int Write(const char* pData, int iSize);
   int Read(binlog_item_t* pItems, int iCount);
 

@@ -15,6 +15,7 @@ struct HashItem_t {
   uint32_t iValueSize;
 };
 
+// The table in figures.
 struct HashMapStat_t {
   uint64_t iObjectCount;  // entries
   uint32_t iMaxKeySize;   // bytes with the NUL; the three maxima are of all time and never fall
@@ -134,6 +135,7 @@ class HashMap : public Object {
     uint32_t iPadding3;
   };
 
+  // The head of a chain. A format shared between processes, as is the next one.
   struct Bucket_t {
     uint32_t iSize;  // entries in the chain
     uint32_t iPadding;
@@ -193,6 +195,7 @@ class HashMap::iterator {
 
   const HashItem_t& operator*() const { return m_sItem; }
 
+  // To the next entry; the end stays the end.
   iterator& operator++();
   // Returns a copy of the iterator as it was. There is one for the whole process, overwritten by
   // the next it++ of any iterator: deliberate; copy what you keep.
@@ -214,9 +217,11 @@ class HashMap::iterator {
  protected:
   friend class HashMap;
 
+  // At an entry.
   iterator(uint64_t iBucket, uint64_t iNext, HashMap* pHashMap, char* pKey, uint32_t iValueSize,
            char* pValue);
 
+  // To the end, to an entry, and to the first entry in a bucket from iBucket on.
   void make_end();
   void MoveTo(HashMap* pHashMap, uint64_t iBucket, InternalItem_t* pItem);
   void MoveToFirstFrom(HashMap* pHashMap, uint64_t iBucket);

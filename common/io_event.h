@@ -9,6 +9,7 @@
 // yet, every operation does nothing and returns 0.
 class IoEvent : public Object {
  public:
+  // Return 0.
   int AddFd(int iFD, int iEvents);
   int RemoveFd(int iFD);
   int Wait(int iTimeout, int* pFDs, int iCount);

@@ -41,6 +41,7 @@ struct statx;
 // not the machine's.
 class Log : public Object {
  public:
+  // By urgency; a log writes its own level and those above it.
   enum LOG_LEVEL : int {
     LL_NET = 0,
     LL_DEBUG = 1,
@@ -51,6 +52,7 @@ class Log : public Object {
     LL_NONE = 6
   };
 
+  // The level as it stands in a line.
   struct LevelName {
     LOG_LEVEL eLevel;
     const char* pName;

@@ -60,6 +60,7 @@ class MachinePool : public Object {
   // not call ProcessTimeout().
   void ProcessTimeout(time_t iTime);
 
+  // Machines that are in the pool.
   unsigned int MachineCount() const { return static_cast<unsigned int>(m_mapMachines.size()); }
 
   // Writes nothing.

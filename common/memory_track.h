@@ -14,6 +14,7 @@
 // with new themselves, so a replaced operator new must not record those. Not locked: one thread, or
 // callers that take turns. A forked child has its own copy.
 
+// A recorded block.
 struct MemoryTrack_t {
   void* pAddr = nullptr;
   unsigned int iSize = 0;  // bytes

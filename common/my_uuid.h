@@ -25,6 +25,7 @@ class MyUuid : public Object {
 
   MyUuid(const MyUuid& stOther) = default;
   MyUuid& operator=(const MyUuid& stOther) = default;
+  // Takes over 16 bytes, with their text in lower case.
   MyUuid& operator=(const unsigned char (&szBytes)[16]);
 
   // True when the bytes differ, in either direction: a < b and b < a are true together.

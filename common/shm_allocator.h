@@ -91,6 +91,7 @@ class ShmAllocator : public Object {
   // not null: whoever stores 0 for none has to ask first.
   void* GetPointer(uint64_t iOffset);
 
+  // Bytes of the reserved area.
   uint64_t GetReservedSize();
   // The reserved area, which belongs to the caller and is zero in a new segment; null when its
   // size is 0.

@@ -93,6 +93,7 @@ class TcpSocket : public Object {
   // thread's sockets share one such block.
   int Recv(StreamCallback_t* pCallback = nullptr);
 
+  // Closes the descriptor; on a closed socket nothing.
   void Close();
 
   // Asks the kernel for both ends; changes nothing unless the socket is connected.

@@ -32,6 +32,7 @@ extern timeval* g_pNow;      // the current time as the host keeps it
 extern int* g_pWorkerIndex;  // index of this worker process
 extern Config* g_pConfig;    // the loaded configuration
 
+// The hooks, null until the host sets them.
 extern SendInternalRequest_t ptrSendInternalRequest;
 extern SendInternalResponse_t ptrSendInternalResponse;
 extern PushMessageQueue_t ptrPushMessageQueue;
