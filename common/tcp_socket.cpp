@@ -35,8 +35,8 @@
 //
 // A socket without received bytes leaves its block to the next that receives, one block a thread:
 // connections that take turns all receive into the same memory, which stays in the processor's
-// caches, and an idle one holds none. When the thread has one already, the socket keeps its own, so
-// that blocks are not allocated again and again.
+// caches, and of the idle ones few hold any. When the thread has one already, or the block is a
+// larger one, the socket keeps it, so that blocks are not allocated again and again.
 
 namespace {
 
@@ -264,9 +264,10 @@ int TcpSocket::Recv(StreamCallback_t* pCallback) {
     const ssize_t iCount = recv(m_iFD, pLanding, RECV_SIZE, 0);
     if (iCount > 0) {
       if (pCallback != nullptr) {
+        const bool bNested = m_bInRecvCallback;
         m_bInRecvCallback = true;
         pCallback(this, pLanding, static_cast<unsigned int>(iCount));
-        m_bInRecvCallback = false;
+        m_bInRecvCallback = bNested;
       }
       AddReceived(pLanding, static_cast<size_t>(iCount));
       iTotal += static_cast<size_t>(iCount);
@@ -280,12 +281,9 @@ int TcpSocket::Recv(StreamCallback_t* pCallback) {
   }
 }
 
-// In a callback all stays in place, also when nothing remains: its bytes have landed at the end.
 void TcpSocket::EraseRecvBuffer(unsigned int iSize) {
   m_iRecvBegin += std::min(iSize, RecvBufferSize());
-  if (!m_bInRecvCallback) {
-    LeaveBlock();
-  }
+  LeaveBlock();
 }
 
 void TcpSocket::Close() {
@@ -405,9 +403,13 @@ bool TcpSocket::MakeRecvRoom() {
   return true;
 }
 
-// Without received bytes, leaves the block to the thread's next socket that receives.
+// Without received bytes, leaves the block to the thread's next socket that receives. Not in a
+// callback, whether it erases or receives: its bytes have landed behind the end.
 void TcpSocket::LeaveBlock() {
-  if (m_iRecvBegin == m_iRecvEnd && m_iCapacity == BLOCK_SIZE && g_pSpareBlock == nullptr) {
+  if (m_bInRecvCallback || m_iRecvBegin != m_iRecvEnd) {
+    return;
+  }
+  if (m_iCapacity == BLOCK_SIZE && g_pSpareBlock == nullptr) {
     m_pBuffer.swap(g_pSpareBlock);
     m_iCapacity = m_iRecvBegin = m_iRecvEnd = 0;
   }

@@ -88,9 +88,13 @@ class TcpSocket : public Object {
   // when the peer has closed, which sets no errno. What came before that is in the buffer, and the
   // descriptor stays open.
   //
-  // The callback runs for each piece before it is appended. The bytes lie in a block of somewhat
-  // more than 1 MiB, of which only what was used becomes resident; once they are all erased, a
-  // thread's sockets share one such block.
+  // The callback runs for each piece before it is appended. It may erase and close, not destroy the
+  // socket, and should leave further reading to this call: a Recv() of its own writes over the
+  // piece.
+  //
+  // The bytes lie in a block of somewhat more than 1 MiB, of which only what was used becomes
+  // resident. Once all are erased, it goes to the next socket of the thread that receives, unless
+  // another has left one or the block has grown.
   int Recv(StreamCallback_t* pCallback = nullptr);
 
   // Closes the descriptor; on a closed socket nothing.

@@ -10,6 +10,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <thread>
 
 #include "stream_fixture.h"
 #include "tcp_socket.h"
@@ -421,6 +422,42 @@ TEST_F(TcpSocketRecvTest, OtherSocketMayReceiveDuringACallbackThatErasedAll) {
   };
   EXPECT_EQ(4, m_pSocket->Recv(Record));
   EXPECT_EQ("late", Received());
+}
+
+TEST_F(TcpSocketRecvTest, RecvCallbackMayAskForMoreWhenThereIsNone) {
+  PeerWrites("abc");
+  g_fnDuring = [](TcpSocket* pSocket, const char* pData, unsigned int iSize) {
+    EXPECT_EQ(0, pSocket->Recv());
+    EXPECT_EQ("abc", std::string(pData, iSize));
+  };
+  EXPECT_EQ(3, m_pSocket->Recv(Record));
+  EXPECT_STREQ("abc", m_pSocket->RecvBuffer());
+}
+
+TEST_F(TcpSocketRecvTest, BytesLandedStayInPlaceThoughTheirCallbackReceivesAndErases) {
+  PeerWrites("abc");
+  g_fnDuring = [&](TcpSocket* pSocket, const char*, unsigned int) {
+    if (g_vecSeen.size() == 1) {
+      PeerWrites("def");
+      EXPECT_EQ(3, pSocket->Recv(Record));
+      pSocket->EraseRecvBuffer(3);
+    }
+  };
+  EXPECT_EQ(3, m_pSocket->Recv(Record));
+  EXPECT_EQ((Texts_t{"abc", "def"}), g_vecSeen);
+  EXPECT_EQ(3u, m_pSocket->RecvBufferSize());
+}
+
+TEST_F(TcpSocketRecvTest, MemoryIsLeftToSocketsOfTheSameThreadOnly) {
+  OtherSocket stOther;
+  OtherSocket stThird;
+  Receive("abc");
+  m_pSocket->EraseRecvBuffer(3);
+  std::thread([&] { stOther.Receive("other").EraseRecvBuffer(5); }).join();
+  EXPECT_EQ(2u, g_iBlocks);
+  stThird.Receive("third");
+  stOther.Receive("more");  // the block that its socket left to the thread went with the thread
+  EXPECT_EQ(3u, g_iBlocks);
 }
 
 TEST_F(TcpSocketRecvTest, LargerMemoryStaysWithTheSocketThatNeededIt) {
