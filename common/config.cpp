@@ -288,27 +288,15 @@ size_t Config::Index::Place(std::string_view svKey, size_t iHash) const {
   return iSlot;
 }
 
-void Config::Index::Grow(size_t iItems) {
+void Config::Index::Make(const Items_t& mapItems) {
+  Clear();
   size_t iSlots = MIN_SLOTS;
-  while (iSlots < iItems * 2) {
+  while (iSlots < mapItems.size() * 2) {
     iSlots *= 2;
   }
-  std::vector<Slot> vecOld(iSlots);
-  vecOld.swap(m_vecSlots);
-  for (const Slot& stSlot : vecOld) {
-    if (stSlot.pItem != nullptr) {
-      m_vecSlots[Place(stSlot.pItem->first, stSlot.iHash)] = stSlot;
-    }
-  }
-}
-
-void Config::Index::Add(const Items_t& mapNew) {
-  const size_t iItems = m_iItems + mapNew.size();
-  if (iItems * 2 > m_vecSlots.size()) {
-    Grow(iItems);
-  }
-  m_iItems = iItems;  // only now: Grow() may lack memory
-  for (const Item_t& stItem : mapNew) {
+  m_vecSlots.resize(iSlots);
+  m_iItems = mapItems.size();  // only now: memory may have lacked
+  for (const Item_t& stItem : mapItems) {
     const size_t iHash = std::hash<std::string_view>()(stItem.first);
     Slot& stSlot = m_vecSlots[Place(stItem.first, iHash)];
     if (stSlot.pItem == nullptr) {
@@ -436,8 +424,7 @@ const std::string* Config::FirstValue(const char* pKey) const {
       return itItem != m_mapItems.end() && itItem->first == pKey ? &itItem->second : nullptr;
     }
     m_iSearches = 0;
-    m_stIndex.Clear();
-    m_stIndex.Add(m_mapItems);
+    m_stIndex.Make(m_mapItems);
   }
   const Index::Item_t* pItem = m_stIndex.Find(pKey);
   return pItem != nullptr ? &pItem->second : nullptr;

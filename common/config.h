@@ -127,10 +127,10 @@ class Config : public Object {
     Index& operator=(Index&& stOther) noexcept;
     ~Index() = default;
 
-    // Takes up items behind those of the same key.
-    void Add(const std::multimap<std::string, std::string>& mapNew);
+    // Forgets what it has and takes up these.
+    void Make(const std::multimap<std::string, std::string>& mapItems);
     void Clear() noexcept;
-    // How many items were added.
+    // How many items were taken up.
     size_t Items() const { return m_iItems; }
     const Item_t* Find(std::string_view svKey) const;
 
@@ -140,7 +140,6 @@ class Config : public Object {
       const Item_t* pItem;  // null: the slot is free
     };
     size_t Place(std::string_view svKey, size_t iHash) const;
-    void Grow(size_t iItems);
 
     std::vector<Slot> m_vecSlots;  // a power of two, at least twice the items
     size_t m_iItems = 0;
