@@ -154,11 +154,13 @@ class StateMachine : public Object {
   static std::map<int, std::map<int, std::string>> m_mapGlobalStateName;
 
  private:
+  friend class MachinePool;
+
   time_t m_iMachineBeginTime;
   time_t m_iStateBeginTime;
   unsigned int m_iMachineTimeout = 10;  // seconds
   unsigned int m_iStateTimeout = 0;     // seconds
-  friend class MachinePool;
+
   // The pool's note of the last check that it queued for a deadline of this machine.
   struct QueueNote_t {
     uint64_t iList = 0;  // where it stands, 0 before the first
