@@ -107,9 +107,9 @@ class DelayStat : public Object {
   unsigned int m_iInterval = 50;
   unsigned int m_iTagMaxSize = 0;  // since the last Clear(), as is m_iMaxKey
   unsigned int m_iMaxKey = 0;      // the highest bucket in use
-  // std::less<> finds a tag without making a string of it. A derived class may add tags, or remove
-  // all, but not remove some.
+  // A derived class may add tags; it removes them by Clear() only, all at once.
   std::map<std::string, IndexedItem_t, std::less<>> m_mapData;
+  // std::less<> finds an identifier or session without making a string of it.
   std::map<std::string, TempData_t, std::less<>> m_mapTempData;  // by identifier
   // By session, the time of each step.
   std::map<std::string, std::map<unsigned int, timeval>, std::less<>> m_mapSessionData;

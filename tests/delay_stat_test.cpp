@@ -204,6 +204,17 @@ TEST_F(DelayStatTest, TagsThatADerivedClassRemovesOrAddsAreCountedInTheMap) {
   EXPECT_EQ(2u, Item("a").iCount);
 }
 
+// The sanitizer sees a tag that is looked for among those that are gone.
+TEST_F(DelayStatTest, AsManyTagsAsWereClearedMayBeAddedByADerivedClass) {
+  PushData("a", 1);
+  Clear();
+  m_mapData["b"].iCount = 7;
+  PushData("a", 2);
+  PushData("b", 3);
+  EXPECT_EQ(2u, OnlyValue("a"));
+  EXPECT_EQ(8u, Item("b").iCount);
+}
+
 TEST_F(DelayStatTest, BucketsAreCountedAnewAfterClear) {
   for (int i = 0; i < 2; ++i) {
     PushData("tag", 60);
