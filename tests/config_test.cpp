@@ -309,6 +309,29 @@ TEST_F(ConfigTest, MissingKeyIsMissingAmongAnyNumberOfKeys) {
   }
 }
 
+// Few lookups among many keys are answered without an index.
+TEST_F(ConfigTest, MissingKeyBetweenOthersIsMissingFromTheFirstLookupOn) {
+  std::string strContent;
+  for (int i = 0; i < 300; ++i) {
+    strContent += "<k" + std::to_string(i) + ">1</k" + std::to_string(i) + ">";
+  }
+  ASSERT_EQ(0, Load(strContent));
+  for (int i = 0; i < 300; ++i) {
+    ASSERT_STREQ("", m_stConfig.StringValue("k"));
+    ASSERT_STREQ("1", m_stConfig.StringValue("k299"));
+  }
+}
+
+TEST_F(ConfigTest, AsManyItemsAsWereClearedMayBeLoaded) {
+  ASSERT_EQ(0, Load("<a>1</a><b>2</b>"));
+  EXPECT_STREQ("1", m_stConfig.StringValue("a"));
+  m_stConfig.Clear();
+  ASSERT_EQ(0, Load("<b>3</b><c>4</c>"));
+  EXPECT_STREQ("", m_stConfig.StringValue("a"));
+  EXPECT_STREQ("3", m_stConfig.StringValue("b"));
+  EXPECT_STREQ("4", m_stConfig.StringValue("c"));
+}
+
 TEST_F(ConfigTest, KeysOfOneHashAreToldApart) {
   ASSERT_EQ(std::hash<std::string_view>()(TWIN), std::hash<std::string_view>()(OTHER_TWIN));
   ASSERT_EQ(0, Load(std::string("<") + TWIN + ">1</" + TWIN + ">"));
