@@ -453,6 +453,18 @@ TEST_F(MachinePoolTest, EarlierDeadlinesAreHandledFirst) {
   EXPECT_EQ((Log_t{"2:state", "3:state", "1:state"}), Process(T + 5));
 }
 
+TEST_F(MachinePoolTest, EverySecondHasItsOwnChecksInWhateverOrderTheyAreQueued) {
+  const unsigned int SECONDS = 300;
+  for (unsigned int i = 1; i < SECONDS; ++i) {
+    const unsigned int iSecond = SECONDS - i;  // the latest first
+    AddWithState(iSecond, iSecond)->m_iResult = 1;
+  }
+  for (unsigned int iSecond = 1; iSecond < SECONDS; ++iSecond) {
+    const std::string strID = std::to_string(iSecond);
+    ASSERT_EQ((Log_t{strID + ":state", strID + ":deleted"}), Process(T + iSecond));
+  }
+}
+
 TEST_F(MachinePoolTest, RequeuedEntryStandsBehindThoseAlreadyQueuedForItsTime) {
   TimedMachine* pMoved = AddWithState(1, 3);
   AddWithState(2, 9);
@@ -571,6 +583,18 @@ TEST_F(MachinePoolTest, ChecksOfAMachineStandInEachPoolAndUnderEachIdOfIts) {
   m_stPool.AddMachine(pMachine);
   StartState(pMachine, T, 3);  // for the second in which 7 stands already
   EXPECT_EQ(Log_t{"8:state"}, Process(T + 3));
+}
+
+TEST_F(MachinePoolTest, CheckIsQueuedAnewUnderTheNewIdOfAMachine) {
+  TimedMachine* pMachine = AddWithState(7, 3);
+  m_stPool.RemoveMachine(7);
+  pMachine->SetId(8);
+  m_setIds.insert(8);
+  m_stPool.AddMachine(pMachine);
+  m_stPool.ConfigStateTimeout(pMachine);
+  EXPECT_EQ(Log_t{"8:state"}, Process(T + 3));
+  pMachine->ClearStateTimeout();
+  EXPECT_EQ((Log_t{"8:machine", "8:deleted"}), Process(NEVER));
 }
 
 TEST_F(MachinePoolTest, CheckIsQueuedInAPoolThatTakesThePlaceOfAnother) {
