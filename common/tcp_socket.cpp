@@ -411,7 +411,7 @@ void TcpSocket::LeaveBlock() {
   }
   if (m_iCapacity == BLOCK_SIZE && g_pSpareBlock == nullptr) {
     m_pBuffer.swap(g_pSpareBlock);
-    m_iCapacity = m_iRecvBegin = m_iRecvEnd = 0;
+    m_iCapacity = 0;
   }
 }
 
