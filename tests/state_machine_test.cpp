@@ -484,6 +484,22 @@ TEST(StateMachineDeathTest, TypeOfAnEmptiedTableStaysUnknownWhenAnotherIsPutIn) 
   ExpectAssertion(strText, "sIt != m_mapGlobalStateList.end()", "DoNext");
 }
 
+TEST(StateMachineDeathTest, TypeOfAnEmptiedTableIsUnknownAmongMoreThatWerePutIn) {
+  const int iType = NewType();
+  const std::string strText = LastWords([&] {
+    StateMachine::SetGlobalStateList(iType, 1, ReturnOne);
+    TestMachine stMachine(iType, 1);
+    stMachine.DoNext(nullptr, nullptr);
+    const int iTypes = static_cast<int>(TestMachine::m_mapGlobalStateList.size());
+    TestMachine::m_mapGlobalStateList.clear();
+    for (int i = 0; i <= iTypes; ++i) {
+      TestMachine::m_mapGlobalStateList[iType + 1 + i][1] = ReturnOne;
+    }
+    stMachine.DoNext(nullptr, nullptr);
+  });
+  ExpectAssertion(strText, "sIt != m_mapGlobalStateList.end()", "DoNext");
+}
+
 int g_iTypeAtAbort = 0;
 
 void ExitWithNumberOfStates(int /*iSignal*/) {
