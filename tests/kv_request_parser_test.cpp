@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
+#include <random>
 
 #include "kv_server_fixture.h"
 
@@ -228,6 +229,69 @@ TEST(KvRequestParserTest, WordsOfALineStayUntilForgotten) {
   ASSERT_EQ(RequestParser::COMPLETE, stParser.Parse(pSecond, strLines.size() - iFirst));
   EXPECT_EQ("first value", vecFirst[2]);
   EXPECT_EQ("second value", stParser.Arguments()[2]);
+}
+
+// A client that once sent a giant request costs no more than the others afterwards.
+TEST(KvRequestParserTest, RoomForManyElementsIsNotKept) {
+  for (const std::string& strBytes : {Request(Words_t(5000, "x")), Repeat("x ", 5000) + "\n"}) {
+    RequestParser stParser({1 << 20, 1 << 20, 1 << 20, 1 << 24});
+    ASSERT_EQ(RequestParser::COMPLETE, stParser.Parse(strBytes.data(), strBytes.size()));
+    EXPECT_EQ(5000u, stParser.Arguments().size());
+    stParser.Reset();
+    stParser.Forget();
+    EXPECT_LE(stParser.Arguments().capacity(), 1024u);
+  }
+}
+
+// As ParseAll(), but no request is there as a whole when its beginning is read.
+std::vector<Words_t> ParseByteByByte(const std::string& strBytes) {
+  RequestParser stParser(LIMITS);
+  std::vector<Words_t> vecRequests;
+  size_t iStart = 0;
+  for (size_t iEnd = 1; iEnd <= strBytes.size(); ++iEnd) {
+    const auto eResult = stParser.Parse(strBytes.data() + iStart, iEnd - iStart);
+    if (eResult == RequestParser::MALFORMED) {
+      vecRequests.push_back({"error", stParser.Error()});
+      break;
+    }
+    if (eResult == RequestParser::COMPLETE) {
+      vecRequests.push_back(WordsOf(stParser));
+      EXPECT_EQ(iEnd, iStart + stParser.Size());
+      iStart = iEnd;
+      stParser.Reset();
+    }
+  }
+  return vecRequests;
+}
+
+// Requests at the limits and around them, with some bytes changed.
+std::string OddBytes(std::minstd_rand& stRandom) {
+  const char* const apCounts[] = {"0",  "1",  "2",    "3",    "8",    "9",
+                                  "-1", "01", "0001", "1000", "10000"};
+  const auto Below = [&stRandom](size_t iEnd) { return stRandom() % iEnd; };
+  std::string strBytes;
+  for (size_t iRequest = Below(4) + 1; iRequest > 0; --iRequest) {
+    Words_t vecWords;
+    for (size_t i = Below(10); i > 0; --i) {
+      vecWords.emplace_back(Below(4) == 0 ? 95 + Below(8) : Below(12), "a\r\n$"[Below(4)]);
+    }
+    const std::string strCount = apCounts[Below(11)];
+    strBytes += Below(6) == 0 ? "*" + strCount + "\r\n$" + strCount + "\r\n" : Request(vecWords);
+    strBytes += Below(6) == 0 ? "GET 'a b'\r\n" : "";
+  }
+  for (size_t i = Below(3); i > 0; --i) {
+    strBytes[Below(strBytes.size())] = "0123456789*$-+ \r\n\"'a"[Below(21)];
+  }
+  return strBytes;
+}
+
+// What is there as a whole is read in another way than what comes in pieces.
+TEST(KvRequestParserTest, WholeRequestsAreReadAsThoseInPieces) {
+  std::minstd_rand stRandom(3);
+  for (int i = 0; i < 20000; ++i) {
+    const std::string strBytes = OddBytes(stRandom);
+    ASSERT_EQ(ParseByteByByte(strBytes), ParseAll(strBytes)) << strBytes;
+  }
 }
 
 // CPU seconds for a request whose bytes come one by one.

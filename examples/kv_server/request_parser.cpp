@@ -92,7 +92,8 @@ void RequestParser::Reset() {
   m_iElements = -1;
   m_iBulk = -1;
   m_vecPieces.clear();
-  if (m_vecPieces.capacity() > KEPT_ELEMENTS) {  // one giant request shall not cost for ever
+  // One giant request shall not cost for ever.
+  if (m_vecPieces.capacity() > KEPT_ELEMENTS || m_vecArguments.capacity() > KEPT_ELEMENTS) {
     std::vector<Piece_t>().swap(m_vecPieces);
     std::vector<std::string_view>().swap(m_vecArguments);
   }
