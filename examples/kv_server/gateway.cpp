@@ -125,7 +125,8 @@ bool Gateway::Start() {
   }
   listen(m_stListener.FD(), LISTEN_BACKLOG);
   m_stListener.SetNonBlock(true);
-  if (!AttachLinks() || !Watch(m_iEpoll, EPOLL_CTL_ADD, m_stListener.FD(), TAG_LISTENER, EPOLLIN)) {
+  if (!m_stReceiver.Good() || !AttachLinks() ||
+      !Watch(m_iEpoll, EPOLL_CTL_ADD, m_stListener.FD(), TAG_LISTENER, EPOLLIN)) {
     g_pLog->Error("gateway: can not start: %s", strerror(errno));
     return false;
   }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "bounded_receiver.h"
 #include "gateway_statistics.h"
 #include "id_generator.h"
 #include "request_router.h"
@@ -41,6 +42,7 @@ class Gateway : public ReplyReceiver {
   size_t Workers() const { return m_vecLinks.size(); }
   WorkerLink& Link(int iWorker) { return *m_vecLinks[static_cast<size_t>(iWorker)]; }
   RequestRouter& Router() { return m_stRouter; }
+  BoundedReceiver& Receiver() { return m_stReceiver; }
   uint32_t NewMachineId();
   void Touch(Session& stSession);   // FinishTurn() is called at the end of the turn
   void Resume(Session& stSession);  // a paused session may go on
@@ -90,6 +92,7 @@ class Gateway : public ReplyReceiver {
   time_t m_iTellAgain = 0;
   int m_iEpoll = -1;
   TcpSocket m_stListener;
+  BoundedReceiver m_stReceiver;
   std::vector<std::unique_ptr<WorkerLink>> m_vecLinks;
   std::set<uint32_t> m_setSessions;  // machine ids
   std::vector<uint32_t> m_vecTouched;

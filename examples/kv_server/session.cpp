@@ -26,6 +26,11 @@ const unsigned int NEVER = 0x7fffffff;
 // Requests wait while more output than this does.
 const size_t OUTPUT_PAUSE = 1 << 20;
 
+// Received in one turn.
+const size_t RECEIVE_ENOUGH = 1 << 20;
+// At the server's end: whatever the kernel can have, and not what a client sends for ever.
+const size_t LAST_RECEIVE = 64 << 20;
+
 const unsigned int LINGER_SECONDS = 2;
 
 RequestParser::Limits_t ParserLimits(const Settings_t& stSettings) {
@@ -103,13 +108,13 @@ int Session::OnOpenEvent(StateMachine* pMachine, InternalHead_t* /*pHead*/, void
   auto* pSession = static_cast<Session*>(pMachine);
   switch (Event(pMessage).eType) {
     case GatewayEvent_t::READABLE:
-      pSession->Receive();
+      pSession->Receive(RECEIVE_ENOUGH);
       break;
     case GatewayEvent_t::RESUMED:
       pSession->RunRequests();
       break;
     case GatewayEvent_t::STOPPING:
-      pSession->Receive();
+      pSession->Receive(LAST_RECEIVE);
       pSession->m_bStopping = true;
       pSession->RunRequests();
       break;
@@ -132,7 +137,7 @@ int Session::OnClosingEvent(StateMachine* pMachine, InternalHead_t* /*pHead*/, v
 int Session::OnLingeringEvent(StateMachine* pMachine, InternalHead_t* /*pHead*/, void* pMessage) {
   auto* pSession = static_cast<Session*>(pMachine);
   pSession->m_bStopping |= Event(pMessage).eType == GatewayEvent_t::STOPPING;
-  if (pSession->m_pSocket->Recv() == -1) {
+  if (pSession->ReceiveSome(RECEIVE_ENOUGH) == -1) {
     pSession->m_iState = SESSION_DEAD;
   }
   pSession->m_iConsumed = pSession->m_pSocket->RecvBufferSize();
@@ -144,13 +149,17 @@ int Session::OnDeadEvent(StateMachine* /*pMachine*/, InternalHead_t* /*pHead*/,
   return 0;
 }
 
-void Session::Receive() {
+int Session::ReceiveSome(size_t iEnough) {
+  return m_stGateway.Receiver().Receive(*m_pSocket, iEnough, m_bMayHaveMore);
+}
+
+void Session::Receive(size_t iEnough) {
   if (m_bStopping) {
     return;  // what comes now was not received; large values still stand in the buffer
   }
   // A client that has closed its sending side may still wait for its answers.
   const unsigned int iBefore = m_pSocket->RecvBufferSize();
-  m_bPeerClosed = m_pSocket->Recv() == -1 || m_bPeerClosed;
+  m_bPeerClosed = ReceiveSome(iEnough) == -1 || m_bPeerClosed;
   m_stGateway.Statistics().m_iInputBytes += m_pSocket->RecvBufferSize() - iBefore;
   m_stRecord.iActive = m_stGateway.Now();
   m_iArrived = m_stGateway.TurnBegan();
@@ -425,8 +434,9 @@ void Session::UpdateInterest() {
                       (m_iState == SESSION_OPEN && !m_bPaused && !m_bPeerClosed && !m_bStopping);
   const bool bWrites = m_pSocket->SendBufferSize() > 0;
   const uint32_t iInterest = (bReads ? EPOLLIN : 0u) | (bWrites ? EPOLLOUT : 0u);
-  if (iInterest != m_iInterest) {
+  if (iInterest != m_iInterest || m_bMayHaveMore) {  // asked anew, epoll tells again
     m_iInterest = iInterest;
+    m_bMayHaveMore = false;
     m_stGateway.WatchSession(*this, m_pSocket->FD(), iInterest);
   }
 }

@@ -87,7 +87,8 @@ class Session : public StateMachine {
   static int OnLingeringEvent(StateMachine* pMachine, InternalHead_t* pHead, void* pMessage);
   static int OnDeadEvent(StateMachine* pMachine, InternalHead_t* pHead, void* pMessage);
 
-  void Receive();
+  int ReceiveSome(size_t iEnough);
+  void Receive(size_t iEnough);
   void RunRequests();
   bool MayRunMore() const;
   size_t HeldSize() const;
@@ -114,7 +115,8 @@ class Session : public StateMachine {
   bool m_bPeerClosed = false;
   bool m_bStopping = false;  // the server ends: no more is received
   bool m_bTouched = false;
-  uint32_t m_iInterest;  // epoll events asked for
+  uint32_t m_iInterest;         // epoll events asked for
+  bool m_bMayHaveMore = false;  // than was received, and epoll has told of it
   size_t m_iUnanswered = 0;
   size_t m_iHeld = 0;  // HeldSize() at the end of the latest turn
   uint32_t m_iFirstSlot = 0;
