@@ -43,7 +43,8 @@ const int MAX_EVENTS = 256;
 const int BLOCKED_WAIT_MS = 5;  // how soon a full queue is tried again without being woken
 const int IDLE_WAIT_MS = 1000;  // timeouts are in seconds
 const size_t SPARE_DESCRIPTORS = 64;
-const int TELL_AGAIN_SECONDS = 60;  // that there is none for a client
+const int64_t SECOND = 1000000;          // of MonotonicMicroseconds()
+const int64_t TELL_AGAIN = 60 * SECOND;  // that there is none for a client
 const uint32_t NO_ID = 0xffffffff;
 const uint32_t FIRST_ID = 100;
 const uint32_t END_OF_IDS = 1000000000;
@@ -185,7 +186,7 @@ void Gateway::Turn(int iTimeout) {
   DrainLinks();
   MachinePool::Instance().ProcessTimeout(m_iNow);
   FinishSessions();
-  if (m_iAcceptAgain != 0 && m_iNow >= m_iAcceptAgain) {
+  if (m_iAcceptAgain != 0 && m_iTurnBegan >= m_iAcceptAgain) {
     AcceptAgain();
   }
   const auto iInterval = static_cast<int64_t>(m_stSettings.iStatInterval) * 1000000;
@@ -216,18 +217,18 @@ void Gateway::AcceptClients() {
     KV_TRACK(pSocket.get(), sizeof(TcpSocket));
     AddClient(std::move(pSocket));
   }
-  if (errno == EMFILE || errno == ENFILE) {
+  if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
     DeferAccepting(errno);
   }
 }
 
 // The listener stays readable, so it is not looked at until a client goes or a second is over.
 void Gateway::DeferAccepting(int iError) {
-  if (m_iNow >= m_iTellAgain) {
+  if (m_iTurnBegan >= m_iTellAgain) {
     g_pLog->Warning("gateway: no descriptor for another client: %s", strerror(iError));
-    m_iTellAgain = m_iNow + TELL_AGAIN_SECONDS;
+    m_iTellAgain = m_iTurnBegan + TELL_AGAIN;
   }
-  m_iAcceptAgain = m_iNow + 1;
+  m_iAcceptAgain = m_iTurnBegan + SECOND;
   Watch(m_iEpoll, EPOLL_CTL_MOD, m_stListener.FD(), TAG_LISTENER, 0);
 }
 
@@ -380,7 +381,7 @@ void Gateway::RemoveSession(uint32_t iMachine) {
   MachinePool::Instance().RemoveMachine(iMachine);
   m_setSessions.erase(iMachine);
   if (m_iAcceptAgain != 0) {
-    m_iAcceptAgain = m_iNow;  // there is room for another one
+    m_iAcceptAgain = m_iTurnBegan;  // there is room for another one
   }
   g_pLog->Debug("gateway: client %llu is gone", pSession->LogNumber());
   delete pSession;

@@ -87,9 +87,9 @@ class Gateway : public ReplyReceiver {
   time_t m_iNow;
   time_t m_iStarted;
   int64_t m_iTurnBegan = 0;
-  int64_t m_iPeriodBegan;     // of the statistics
-  time_t m_iAcceptAgain = 0;  // when clients wait for a descriptor; 0: none does
-  time_t m_iTellAgain = 0;
+  int64_t m_iPeriodBegan;      // of the statistics
+  int64_t m_iAcceptAgain = 0;  // when clients wait for a descriptor; 0: none does
+  int64_t m_iTellAgain = 0;    // both of MonotonicMicroseconds()
   int m_iEpoll = -1;
   TcpSocket m_stListener;
   BoundedReceiver m_stReceiver;
