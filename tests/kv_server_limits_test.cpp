@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <cstdlib>
+
 #include "kv_server_fixture.h"
 
 namespace {
@@ -247,6 +249,58 @@ TEST(KvServerLimitsTest, LargeValuesBeforeOptionsFitTheQueue) {
     iBytes += pClient->Read().size();
   }
   EXPECT_EQ(11 * Bulk(std::string(1 << 20, 'a')).size() + Bulk("1").size(), iBytes);
+}
+
+// More than is received in a turn, and epoll tells of it only once.
+TEST(KvServerLimitsTest, AClientThatSendsOnAndOnIsAnsweredInTheEnd) {
+  ServerProcess stServer;
+  Client stClient(stServer);
+  const std::string strSet = Request({"SET", "a", std::string(1 << 20, 'v')});
+  const std::string strSets = Repeat(strSet, 4);
+  for (int i = 0; i < 10; ++i) {
+    size_t iSent = 0;
+    {
+      const StoppedProcess stStopped(stServer.Gateway());  // all is there when it goes on
+      iSent = stClient.SendSome(strSets);
+    }
+    stClient.Send(strSets.substr(iSent));
+    ASSERT_EQ(Repeat("+OK\r\n", 4), stClient.Read(4));
+  }
+}
+
+// What stands behind a text in a section of INFO that needs no worker.
+int Number(Client& stClient, const std::string& strSection, const std::string& strBefore) {
+  const std::string strInfo = stClient.Ask({"INFO", strSection});
+  const size_t iAt = strInfo.find(strBefore);
+  return iAt == std::string::npos ? -1 : atoi(&strInfo[iAt + strBefore.size()]);
+}
+
+// Their worker would make all of a quarter of a gigabyte of replies while its other clients wait.
+TEST(KvServerLimitsTest, LongRepliesAreAskedForBitByBit) {
+  ServerProcess stServer({"limits.unanswered=1024", "limits.output=1G"});
+  Client stOther(stServer);
+  Client stClient(stServer);
+  stOther.Ask({"SET", "a", std::string(1 << 18, 'v')});
+  const std::string strGets = Repeat(Request({"GET", "a"}), 1000);
+  ASSERT_EQ(strGets.size(), stClient.SendSome(strGets));
+  EXPECT_TRUE(WaitUntil([&] { return Number(stOther, "clients", "blocked_clients:") == 1; }));
+  const int iRun = Number(stOther, "commandstats", "cmdstat_get:calls=");
+  EXPECT_LT(iRun, 200);
+  stClient.Read(iRun + 10);  // it goes on as it reads
+  EXPECT_GE(Number(stOther, "commandstats", "cmdstat_get:calls="), iRun + 10);
+}
+
+TEST(KvServerLimitsTest, ManyShortRepliesAreAskedForAtOnce) {
+  ServerProcess stServer;
+  Client stClient(stServer);
+  stClient.Send(Repeat(Request({"INCR", "a"}), 2000));
+  stClient.Read(2000);
+  const StoppedProcess stStopped(stServer.Worker(0));
+  Client stOther(stServer);
+  stClient.Send(Repeat(Request({"GET", "a"}), 900));
+  EXPECT_TRUE(
+      WaitUntil([&] { return Number(stOther, "commandstats", "cmdstat_get:calls=") == 900; }));
+  EXPECT_EQ(0, Number(stOther, "clients", "blocked_clients:"));
 }
 
 TEST(KvServerLimitsTest, UnansweredCommandsAreLimitedAndAllAnswered) {

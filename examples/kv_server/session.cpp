@@ -26,6 +26,12 @@ const unsigned int NEVER = 0x7fffffff;
 // Requests wait while more output than this does.
 const size_t OUTPUT_PAUSE = 1 << 20;
 
+// Workers are not asked for more than about this at a time: they make all that they are asked for,
+// whether it is read or not, while others wait. How long the replies are is guessed from those
+// before them. At first the guess is high, so that a new client gets some dozens at once.
+const size_t EXPECTED_PAUSE = 4 << 20;
+const size_t FIRST_GUESS = 32 << 10;
+
 // Received in one turn.
 const size_t RECEIVE_ENOUGH = 1 << 20;
 // At the server's end: whatever the kernel can have, and not what a client sends for ever.
@@ -64,6 +70,7 @@ Session::Session(Gateway& stGateway, TcpSocket* pSocket, uint32_t iId)
     : m_stGateway(stGateway),
       m_pSocket(pSocket),
       m_stParser(ParserLimits(stGateway.Settings())),
+      m_iReplySize(FIRST_GUESS),
       m_iInterest(EPOLLIN) {
   SetId(iId);
   m_stRecord.iNumber = stGateway.NewClientNumber();
@@ -201,6 +208,7 @@ void Session::RunRequests() {
 bool Session::MayRunMore() const {
   const size_t iLatest = m_dqSlots.empty() ? 0 : m_dqSlots.back().strHeld.size();
   return m_iUnanswered < m_stGateway.Settings().iMaxUnanswered &&
+         m_iUnanswered * m_iReplySize < EXPECTED_PAUSE &&
          m_pSocket->SendBufferSize() + m_strOut.size() + m_iHeld + iLatest < OUTPUT_PAUSE;
 }
 
@@ -270,6 +278,7 @@ void Session::OnAnswer(const GatewayEvent_t& stEvent) {
   stSlot.iCommands -= iAnswered;
   stSlot.iReplies += iAnswered;
   m_iUnanswered -= iAnswered;
+  GuessReplySize(stPiece.strBytes.size(), iAnswered);
   stSlot.bTorn = stPiece.bTorn;
   if (!stPiece.bGoesOn) {
     FinishSlot(stSlot, strOut);
@@ -277,6 +286,15 @@ void Session::OnAnswer(const GatewayEvent_t& stEvent) {
   ReleaseSlots();
   if (m_bPaused) {
     m_stGateway.Resume(*this);
+  }
+}
+
+// Longer replies are believed at once, shorter ones little by little.
+void Session::GuessReplySize(size_t iBytes, uint32_t iReplies) {
+  m_iTornBytes += iBytes;
+  if (iReplies > 0) {
+    m_iReplySize = std::max(m_iTornBytes / iReplies, m_iReplySize / 2);
+    m_iTornBytes = 0;
   }
 }
 

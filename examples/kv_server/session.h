@@ -93,6 +93,7 @@ class Session : public StateMachine {
   bool MayRunMore() const;
   size_t HeldSize() const;
   void OnAnswer(const GatewayEvent_t& stEvent);
+  void GuessReplySize(size_t iBytes, uint32_t iReplies);
   void OnLost(Slot_t& stSlot, std::string& strOut);
   void FinishSlot(Slot_t& stSlot, std::string& strOut);
   void ReleaseSlots();
@@ -115,6 +116,8 @@ class Session : public StateMachine {
   bool m_bPeerClosed = false;
   bool m_bStopping = false;  // the server ends: no more is received
   bool m_bTouched = false;
+  size_t m_iReplySize;          // guessed, of one that is still to come
+  size_t m_iTornBytes = 0;      // of a reply that has not come whole
   uint32_t m_iInterest;         // epoll events asked for
   bool m_bMayHaveMore = false;  // than was received, and epoll has told of it
   size_t m_iUnanswered = 0;
