@@ -1,7 +1,11 @@
 #include "save_feed.h"
 
+#include <signal.h>
+#include <sys/resource.h>
+
 #include <cerrno>
 
+#include "dump_file.h"
 #include "kv_store_fixture.h"
 
 namespace {
@@ -73,6 +77,27 @@ TEST_F(KvSaveFeedTest, AnEmptyStoreHasAnEnd) {
   ForkedPeer stChild([&] { return Receive(stFeed, 0, ""); });
   stFeed.StartSending();
   EXPECT_EQ(100, stFeed.Turn(100));
+  EXPECT_EQ(0, stChild.Wait());
+}
+
+// Not what has become of errno while the rest came.
+TEST_F(KvSaveFeedTest, WhyTheFileCouldNotBeWrittenIsSaid) {
+  const PrivateDirectory stDirectory;
+  const std::string strValue(1000, 'v');
+  Fill(MANY, strValue);
+  SaveFeed stFeed(m_stStore);
+  ForkedPeer stChild([&] {
+    const rlimit stLittle{MANY * 500, MANY * 500};
+    signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &stLittle);
+    DumpStat_t stStat{};
+    const std::string strError =
+        WriteDump([&](const KeyStore::Visitor_t& fnVisit) { return stFeed.Receive(fnVisit); },
+                  {m_stTable.Name().stMark, NOW, 1}, stDirectory.Path() + "/dump", stStat);
+    return strError.find(strerror(EFBIG)) == std::string::npos ? 1 : 0;
+  });
+  stFeed.StartSending();
+  EXPECT_TRUE(AllSent(stFeed));
   EXPECT_EQ(0, stChild.Wait());
 }
 

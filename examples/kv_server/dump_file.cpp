@@ -75,15 +75,23 @@ bool WriteEntries(DumpStream& stFile, const KeySource_t& fnSource, const DumpOri
                     stOrigin.iGeneration};
   memcpy(stHead.szMagic, MAGIC, sizeof(MAGIC));
   bool bGood = stFile.Write(&stHead, sizeof(stHead));
+  int iError = errno;  // the source goes on after a failure, and may spoil errno
   const bool bWhole = fnSource([&](std::string_view strKey, const Value_t& stValue) {
     const DumpEntry_t stEntry = EntryOf(strKey, stValue);
-    bGood = bGood && stFile.Write(&stEntry, sizeof(stEntry)) &&
-            stFile.Write(strKey.data(), strKey.size()) &&
-            stFile.Write(stValue.strBytes.data(), stValue.strBytes.size());
+    if (bGood) {
+      bGood = stFile.Write(&stEntry, sizeof(stEntry)) &&
+              stFile.Write(strKey.data(), strKey.size()) &&
+              stFile.Write(stValue.strBytes.data(), stValue.strBytes.size());
+      iError = errno;
+    }
     ++stStat.iKeys;
   });
+  if (!bGood) {
+    errno = iError;
+    return false;
+  }
   const DumpEntry_t stEnd{DUMP_END, stFile.Checksum(), static_cast<int64_t>(stStat.iKeys)};
-  bGood = bGood && bWhole && stFile.Write(&stEnd, sizeof(stEnd)) && stFile.Sync();
+  bGood = bWhole && stFile.Write(&stEnd, sizeof(stEnd)) && stFile.Sync();
   stStat.iBytes = stFile.Bytes();
   return bGood;
 }
