@@ -44,6 +44,17 @@ TEST_F(KvCommandLineTest, ValuesMayHoldEqualsSigns) {
   EXPECT_EQ("a=b", ParseCommandLine({"--set", "server.run_dir=a=b"}).stSettings.strRunDir);
 }
 
+TEST_F(KvCommandLineTest, MetricsPortIsThatOfTheLoopbackAddress) {
+  EXPECT_EQ("", ParseCommandLine({}).stSettings.strMetricsListen);
+  const Settings_t stSettings = ParseCommandLine({"--metrics-port", "9100"}).stSettings;
+  EXPECT_EQ("127.0.0.1:9100", stSettings.strMetricsListen);
+  EXPECT_EQ(
+      "--metrics-port: metrics.listen = \"127.0.0.1:x\": must be an IPv4 address, \":\", a port",
+      ParseCommandLine({"--metrics-port", "x"}).strError);
+  EXPECT_EQ("unknown or incomplete option \"--metrics-port\", see --help",
+            ParseCommandLine({"--metrics-port"}).strError);
+}
+
 TEST_F(KvCommandLineTest, TheOperatorsFileIsReadLast) {
   const std::string strIni = Write("kv.ini", "save = 10:20\n[disable]\nflushall\n");
   const CommandLine_t stLine = ParseCommandLine({"--set", "server.ini=" + strIni});

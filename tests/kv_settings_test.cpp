@@ -106,6 +106,15 @@ TEST(KvSettingsTest, ListenIsAnAddressAndAPort) {
   }
 }
 
+TEST(KvSettingsTest, MetricsListenIsAnAddressAndAPortOrNothing) {
+  EXPECT_EQ("", CheckWith("metrics.listen", ""));
+  EXPECT_EQ("", CheckWith("metrics.listen", "0.0.0.0:9100"));
+  for (const std::string strValue : {":", "9100", "127.0.0.1:0", "localhost:9100"}) {
+    EXPECT_EQ("metrics.listen = \"" + strValue + "\": must be an IPv4 address, \":\", a port",
+              CheckWith("metrics.listen", strValue));
+  }
+}
+
 TEST(KvSettingsTest, LevelsAreNames) {
   EXPECT_EQ("", CheckWith("log.level", "debug"));
   EXPECT_EQ("", CheckWith("log.level", "NONE"));

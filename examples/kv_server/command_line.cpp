@@ -10,6 +10,7 @@ namespace {
 struct Wishes_t {
   std::string strFile;
   std::vector<std::string> vecSet;  // "key=value"
+  std::string strMetricsPort;
   bool bEphemeral = false;
 };
 
@@ -40,6 +41,8 @@ std::string ReadArguments(const std::vector<std::string>& vecArguments, Action_t
                stWishes.strFile + "\"";
       }
       stWishes.strFile = strArgument;
+    } else if (strArgument == "--metrics-port" && i + 1 < vecArguments.size()) {
+      stWishes.strMetricsPort = vecArguments[++i];
     } else if (strArgument == "--ephemeral") {
       stWishes.bEphemeral = true;
     } else if (!FindAction(strArgument, eAction)) {
@@ -64,6 +67,10 @@ std::string ReadSettings(const Wishes_t& stWishes, Settings_t& stSettings) {
       stWishes.strFile.empty() ? "" : LoadConfigFile(stSettings, stWishes.strFile);
   for (size_t i = 0; i < stWishes.vecSet.size() && strError.empty(); ++i) {
     strError = SetFromArgument(stSettings, stWishes.vecSet[i]);
+  }
+  if (strError.empty() && !stWishes.strMetricsPort.empty()) {
+    strError = SetSetting(stSettings, "metrics.listen", "127.0.0.1:" + stWishes.strMetricsPort,
+                          "--metrics-port: ");
   }
   if (strError.empty()) {
     strError = CheckSettings(stSettings);

@@ -19,6 +19,8 @@ int PrintHelp() {
       "  --ephemeral     remove the keys at the end; else they stay for the next start over the "
       "same\n"
       "                  server.run_dir, in shared memory\n"
+      "  --metrics-port PORT\n"
+      "                  metrics.listen on the loopback address\n"
       "  --check         look whether the settings are right, and end\n"
       "  --print-config  print the settings as they would hold, as a CONFIG.xml, and end\n"
       "  --help          this text\n"

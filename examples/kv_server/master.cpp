@@ -17,6 +17,7 @@
 #include "gateway.h"
 #include "log.h"
 #include "memory_tracking.h"
+#include "metrics_process.h"
 #include "process_signals.h"
 #include "process_title.h"
 #include "tcp_socket.h"
@@ -48,9 +49,12 @@ std::string DescribeEnd(int iStatus) {
 
 Master::Master(const Settings_t& stSettings)
     : m_stSettings(stSettings), m_stQueues(stSettings.strRunDir), m_stTables(stSettings.strRunDir) {
-  m_vecChildren.push_back({"gateway", -1, -1, 0, 0, 0});
+  m_vecChildren.push_back({"gateway", GATEWAY, -1, 0, 0, 0});
   for (int i = 0; i < static_cast<int>(stSettings.iWorkers); ++i) {
     m_vecChildren.push_back({"worker " + std::to_string(i), i, -1, 0, 0, 0});
+  }
+  if (!stSettings.strMetricsListen.empty()) {
+    m_vecChildren.push_back({"metrics", METRICS, -1, 0, 0, 0});
   }
 }
 
@@ -64,7 +68,7 @@ Master::~Master() {
 
 int Master::Run() {
   InstallSignals();
-  if (!TakeRunDirectory() || !CanListen()) {
+  if (!TakeRunDirectory() || !CanListen() || !CanServeMetrics()) {
     return 1;
   }
   Log stLog;
@@ -168,13 +172,27 @@ bool Master::TakeSavePath() {
 
 // Tried once here, so that a port in use is told at the start and not found in the log.
 bool Master::CanListen() const {
+  return CanListenOn("server.listen", m_stSettings.Host(), m_stSettings.Port()) &&
+         (m_stSettings.strMetricsListen.empty() ||
+          CanListenOn("metrics.listen", m_stSettings.MetricsHost(), m_stSettings.MetricsPort()));
+}
+
+bool Master::CanListenOn(const char* pKey, const std::string& strHost, unsigned short iPort) const {
   TcpSocket stProbe;
-  if (stProbe.Listen(m_stSettings.Host().c_str(), m_stSettings.Port()) == 0) {
+  if (stProbe.Listen(strHost.c_str(), iPort) == 0) {
     return true;
   }
-  fprintf(stderr, "kv_server: can not listen on server.listen = \"%s\": %s\n",
-          m_stSettings.strListen.c_str(), strerror(errno));
+  fprintf(stderr, "kv_server: can not listen on %s = \"%s:%d\": %s\n", pKey, strHost.c_str(), iPort,
+          strerror(errno));
   return false;
+}
+
+bool Master::CanServeMetrics() const {
+  const std::string strError = CheckMetrics(m_stSettings);
+  if (!strError.empty()) {
+    fprintf(stderr, "kv_server: %s\n", strError.c_str());
+  }
+  return strError.empty();
 }
 
 void Master::StartDue() {
@@ -211,6 +229,9 @@ void Master::StartChild(Child_t& stChild) {
 }
 
 int Master::RunChild(const Child_t& stChild, uint64_t iLife) const {
+  if (stChild.iWorker == METRICS) {
+    return RunMetrics(m_stSettings);
+  }
   const MemoryReport stReport(m_stSettings.LogPath(), stChild.strName);
   SetTitle(stChild.strName + (stChild.iWorker < 0 ? " " + m_stSettings.strListen : ""));
   if (stChild.iWorker < 0) {
@@ -263,15 +284,15 @@ int Master::WaitMilliseconds() const {
   return static_cast<int>(std::max<int64_t>(iWait, 0));
 }
 
-// The gateway first: it needs the workers for its last answers.
+// The gateway and its client first: it needs the workers for its last answers.
 void Master::StopChildren() {
-  StopGroup(true);
   StopGroup(false);
+  StopGroup(true);
 }
 
-void Master::StopGroup(bool bGateway) {
-  const auto IsAlive = [bGateway](const Child_t& stChild) {
-    return stChild.iPid != -1 && (stChild.iWorker < 0) == bGateway;
+void Master::StopGroup(bool bWorkers) {
+  const auto IsAlive = [bWorkers](const Child_t& stChild) {
+    return stChild.iPid != -1 && (stChild.iWorker >= 0) == bWorkers;
   };
   const auto Signal = [&](int iSignal) {
     for (const Child_t& stChild : m_vecChildren) {
@@ -281,7 +302,7 @@ void Master::StopGroup(bool bGateway) {
     }
   };
   const bool bSaves =
-      !bGateway && !(m_stSettings.vecSaveRules.empty() && m_stSettings.strMirrorHost.empty());
+      bWorkers && !(m_stSettings.vecSaveRules.empty() && m_stSettings.strMirrorHost.empty());
   const uint64_t iSeconds = m_stSettings.iStopTimeout + (bSaves ? m_stSettings.iSaveTimeout : 0);
   const int64_t iDeadline =
       NowMilliseconds() + static_cast<int64_t>(iSeconds) * 1000 + KILL_AFTER_MS;

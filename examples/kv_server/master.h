@@ -11,8 +11,9 @@
 #include "settings.h"
 #include "table_set.h"
 
-// The master process: makes the queues and the tables, starts gateway and workers, starts a dead
-// one again, and at the end stops them and removes what it made, but for the tables.
+// The master process: makes the queues and the tables, starts gateway, workers and the page of
+// figures, starts a dead one again, and at the end stops them and removes what it made, but for the
+// tables.
 class Master {
  public:
   explicit Master(const Settings_t& stSettings);
@@ -25,9 +26,10 @@ class Master {
   int Run();
 
  private:
+  enum { GATEWAY = -1, METRICS = -2 };
   struct Child_t {
     std::string strName;
-    int iWorker;  // -1: the gateway
+    int iWorker;  // or GATEWAY or METRICS
     pid_t iPid;   // -1: not running
     int64_t iStartedAt;
     int64_t iStartAt;  // when it is to be started, ms
@@ -37,6 +39,8 @@ class Master {
   bool TakeRunDirectory();
   bool TakeSavePath();
   bool CanListen() const;
+  bool CanListenOn(const char* pKey, const std::string& strHost, unsigned short iPort) const;
+  bool CanServeMetrics() const;
   bool PrepareMemory();
   void StartDue();
   void StartChild(Child_t& stChild);
@@ -45,7 +49,7 @@ class Master {
   void OnDeath(Child_t& stChild, int iStatus);
   int WaitMilliseconds() const;
   void StopChildren();
-  void StopGroup(bool bGateway);
+  void StopGroup(bool bWorkers);
 
   const Settings_t m_stSettings;
   QueueSet m_stQueues;

@@ -45,6 +45,8 @@ const TextSetting_t TEXT_SETTINGS[] = {
     {"log.path", &Settings_t::strLogPath, "directory of the log; \"log\" in the run directory"},
     {"log.level", &Settings_t::strLogLevel, "NET, DEBUG, INFORMATION, WARNING, ERROR or STAT"},
     {"debug.commands", &Settings_t::strDebugCommands, "yes or no: whether DEBUG may be used"},
+    {"metrics.listen", &Settings_t::strMetricsListen,
+     "address and port of a page for Prometheus; none"},
     {"mirror.mysql.host", &Settings_t::strMirrorHost,
      "database server for a copy of the keys; none"},
     {"mirror.mysql.user", &Settings_t::strMirrorUser, "its user; the one who runs the server"},
@@ -108,6 +110,34 @@ std::string SetNumber(Settings_t& stSettings, const NumberSetting_t& stRow,
   return "";
 }
 
+std::string HostOf(const std::string& strAddress) {
+  return strAddress.substr(0, strAddress.rfind(':'));
+}
+
+unsigned short PortOf(const std::string& strAddress) {
+  return static_cast<unsigned short>(atoi(strAddress.c_str() + strAddress.rfind(':') + 1));
+}
+
+bool IsAddress(const std::string& strText) {
+  const size_t iColon = strText.rfind(':');
+  in_addr stAddress{};
+  return iColon != std::string::npos &&
+         inet_pton(AF_INET, HostOf(strText).c_str(), &stAddress) == 1 && PortOf(strText) != 0 &&
+         std::to_string(PortOf(strText)) == strText.substr(iColon + 1);
+}
+
+std::string CheckAddresses(const Settings_t& stSettings) {
+  const std::string strWhat = "must be an IPv4 address, \":\", a port";
+  if (!IsAddress(stSettings.strListen)) {
+    return Wrong(stSettings, "server.listen", stSettings.strListen, strWhat);
+  }
+  const std::string& strMetrics = stSettings.strMetricsListen;
+  if (!strMetrics.empty() && !IsAddress(strMetrics)) {
+    return Wrong(stSettings, "metrics.listen", strMetrics, strWhat);
+  }
+  return "";
+}
+
 // An entry is one block of the heap, and ten blocks are made at a time.
 std::string CheckTable(const Settings_t& stSettings) {
   const uint64_t iNeeded = KeyTable::HeadSize(stSettings.iTableBuckets) + LEAST_TABLE_ROOM;
@@ -142,11 +172,13 @@ std::string CheckMirror(const Settings_t& stSettings) {
 
 }  // namespace
 
-std::string Settings_t::Host() const { return strListen.substr(0, strListen.rfind(':')); }
+std::string Settings_t::Host() const { return HostOf(strListen); }
 
-unsigned short Settings_t::Port() const {
-  return static_cast<unsigned short>(atoi(strListen.c_str() + strListen.rfind(':') + 1));
-}
+unsigned short Settings_t::Port() const { return PortOf(strListen); }
+
+std::string Settings_t::MetricsHost() const { return HostOf(strMetricsListen); }
+
+unsigned short Settings_t::MetricsPort() const { return PortOf(strMetricsListen); }
 
 std::string Settings_t::LogPath() const {
   return strLogPath.empty() ? strRunDir + "/log" : strLogPath;
@@ -172,13 +204,9 @@ std::string SetSetting(Settings_t& stSettings, const std::string& strKey,
 }
 
 std::string CheckSettings(const Settings_t& stSettings) {
-  const size_t iColon = stSettings.strListen.rfind(':');
-  in_addr stAddress{};
-  if (iColon == std::string::npos ||
-      inet_pton(AF_INET, stSettings.Host().c_str(), &stAddress) != 1 || stSettings.Port() == 0 ||
-      std::to_string(stSettings.Port()) != stSettings.strListen.substr(iColon + 1)) {
-    return Wrong(stSettings, "server.listen", stSettings.strListen,
-                 "must be an IPv4 address, \":\", a port");
+  std::string strError = CheckAddresses(stSettings);
+  if (!strError.empty()) {
+    return strError;
   }
   if (strcasecmp(stSettings.strLogLevel.c_str(), "NONE") != 0 &&
       Log::LogLevelConvert(stSettings.strLogLevel.c_str()) == Log::LL_NONE) {
@@ -203,7 +231,7 @@ std::string CheckSettings(const Settings_t& stSettings) {
     return Wrong(stSettings, "journal.sync", stSettings.strJournalSync,
                  "must be no, second or batch");
   }
-  std::string strError = CheckTable(stSettings);
+  strError = CheckTable(stSettings);
   if (strError.empty()) {
     strError = CheckMirror(stSettings);
   }

@@ -25,6 +25,7 @@ struct Settings_t {
   std::string strLogLevel = "INFORMATION";
   std::string strFollow = "yes";        // "yes": a single worker runs where the gateway runs
   std::string strDebugCommands = "no";  // "yes": DEBUG may be used
+  std::string strMetricsListen;         // empty: no page of figures
   std::string strMirrorHost;            // empty: no mirror
   std::string strMirrorUser;
   std::string strMirrorPassword;  // never shown
@@ -58,9 +59,11 @@ struct Settings_t {
   // Where a value that is no default comes from, by its key, as error texts begin with it.
   std::map<std::string, std::string> mapOrigins;
 
-  // Parts of strListen, valid after Check().
+  // Parts of strListen and strMetricsListen, valid after CheckSettings().
   std::string Host() const;
   unsigned short Port() const;
+  std::string MetricsHost() const;
+  unsigned short MetricsPort() const;
   std::string LogPath() const;
   std::string SavePath() const;
 };

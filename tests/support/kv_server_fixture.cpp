@@ -51,7 +51,7 @@ pid_t Spawn(const std::vector<std::string>& vecArguments) {
   return iPid;
 }
 
-const char* const CHILDREN[] = {"gateway", "worker 0", "worker 1", "worker 2"};
+const char* const CHILDREN[] = {"gateway", "worker 0", "worker 1", "worker 2", "metrics"};
 
 // "R", "S", "T" ...; "" when there is no such process.
 std::string StateOf(pid_t iPid) {

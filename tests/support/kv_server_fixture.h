@@ -29,6 +29,7 @@ class ServerProcess {
   // The living process of that role, as the log tells it; waits for one that is being started.
   pid_t Master() const { return m_iMaster; }
   pid_t Gateway() const { return Living("gateway"); }
+  pid_t Metrics() const { return Living("metrics"); }
   pid_t Worker(int iWorker) const { return Living("worker " + std::to_string(iWorker)); }
 
   // Waits for the end of the master: its exit code, or 1000 + the signal.
