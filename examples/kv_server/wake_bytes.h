@@ -17,13 +17,9 @@ class WakeBytes {
 
   // Whether messages wait. To be asked before each sleep: what is pushed after it wakes.
   bool HasMore() {
-    if (m_stQueue.CanReadSize() > 0) {
-      return true;
+    if (m_iPopped >= MANY) {
+      Clear();
     }
-    if (m_iPopped < MANY) {
-      return false;
-    }
-    Clear();
     return m_stQueue.CanReadSize() > 0;  // what came before the clearing is seen here
   }
 
