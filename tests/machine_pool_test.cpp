@@ -185,7 +185,7 @@ TEST_F(MachinePoolTest, MachinesAreFoundWhateverOthersCameAndWent) {
   std::map<unsigned int, TimedMachine*> mapMachines;
   std::mt19937 stRandom(5);
   for (int i = 0; i < 20000; ++i) {
-    const unsigned int iID = (stRandom() % 64 << 26) + stRandom() % 16;
+    const auto iID = static_cast<unsigned int>((stRandom() % 64 << 26) + stRandom() % 16);
     const auto [it, bNew] = mapMachines.emplace(iID, nullptr);
     if (bNew) {
       it->second = Add(iID);
@@ -194,7 +194,7 @@ TEST_F(MachinePoolTest, MachinesAreFoundWhateverOthersCameAndWent) {
       delete it->second;
       mapMachines.erase(it);
     }
-    const unsigned int iOther = (stRandom() % 64 << 26) + stRandom() % 16;
+    const auto iOther = static_cast<unsigned int>((stRandom() % 64 << 26) + stRandom() % 16);
     const auto itOther = mapMachines.find(iOther);
     ASSERT_EQ(itOther != mapMachines.end() ? itOther->second : nullptr,
               m_stPool.GetMachine(iOther));
