@@ -286,7 +286,7 @@ TEST(KvServerLimitsTest, LongRepliesAreAskedForBitByBit) {
   EXPECT_TRUE(WaitUntil([&] { return Number(stOther, "clients", "blocked_clients:") == 1; }));
   const int iRun = Number(stOther, "commandstats", "cmdstat_get:calls=");
   EXPECT_LT(iRun, 200);
-  stClient.Read(iRun + 10);  // it goes on as it reads
+  stClient.Read(static_cast<size_t>(iRun) + 10);  // it goes on as it reads
   EXPECT_GE(Number(stOther, "commandstats", "cmdstat_get:calls="), iRun + 10);
 }
 
