@@ -292,6 +292,15 @@ TEST_F(RingCheckTest, WhatIsTakenDuringTheWalkIsNotShown) {
   EXPECT_EQ(1, stRing.Walks());
 }
 
+TEST_F(RingCheckTest, WhatIsTakenDuringTheWalkTakesNoPlaceAmongThoseKept) {
+  PushTexts(m_stWriter, {"first", "second", "third"});
+  const MovingRing stRing(m_stKey.Key(), LENGTH_SIZE + 5);
+  const RingReport_t stReport = CheckRing(stRing, 1, 9);
+  EXPECT_TRUE(stReport.bStable);
+  EXPECT_EQ((Texts_t{"second"}), stReport.vecMessages);
+  EXPECT_EQ(2u, stReport.iMessages);
+}
+
 TEST_F(RingCheckTest, AReaderThatIsAlwaysFasterLeavesNoStableViewAndNoFault) {
   PushTexts(m_stWriter, {"first", "second", "third"});
   const MovingRing stBetween(m_stKey.Key(), 5);

@@ -90,7 +90,7 @@ bool RingWalk::WalkRecords(uint64_t iFrom, uint64_t iKeep, uint64_t iKeepBytes) 
   uint64_t iOffset = m_stReport.iRead;
   uint64_t iLeft = Used(iOffset);
   bool bFound = false;
-  for (uint64_t i = 0;; ++i) {
+  for (;;) {
     if (iOffset == iFrom) {
       StartAt(iFrom);
       bFound = true;
@@ -105,7 +105,7 @@ bool RingWalk::WalkRecords(uint64_t iFrom, uint64_t iKeep, uint64_t iKeepBytes) 
     }
     m_stReport.iMessages += 1;
     m_stReport.iLargest = std::max<uint64_t>(m_stReport.iLargest, iSize);
-    if (i < iKeep) {
+    if (m_stReport.vecMessages.size() < iKeep) {
       TakeMessage(iOffset + RING_LENGTH, std::min<uint64_t>(iSize, iKeepBytes));
     }
     iLeft -= RING_LENGTH + iSize;
