@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -290,6 +291,15 @@ TEST(InspectLogTest, LinesAreCountedByLevel) {
   EXPECT_EQ("0", Field(stRun.strOut, "    WARNING"));
   EXPECT_EQ("1", Field(stRun.strOut, "    other"));
   EXPECT_EQ(3, RunTool({"log", stDirectory.Path()}).iExit);
+}
+
+TEST(InspectLogTest, AFifoIsNotOpened) {
+  const PrivateDirectory stDirectory;
+  const std::string strPath = stDirectory.File("fifo");
+  ASSERT_EQ(0, mkfifo(strPath.c_str(), 0600));
+  const ToolRun_t stRun = RunTool({"log", strPath});
+  EXPECT_EQ(3, stRun.iExit);
+  EXPECT_EQ("zelk-inspect: " + strPath + ": not a file\n", stRun.strError);
 }
 
 }  // namespace

@@ -64,12 +64,16 @@ Lines_t CountLines(std::ifstream& stFile) {
 std::string DescribeLog(const std::string& strPath, const Options_t& /*stOptions*/,
                         Document& stDocument, Figures_t& mapFigures) {
   struct stat stStatus {};
-  std::ifstream stFile(strPath);
-  if (!stFile.is_open() || stat(strPath.c_str(), &stStatus) != 0) {
+  if (stat(strPath.c_str(), &stStatus) != 0) {
     return strPath + ": " + strerror(errno);
   }
+  // Before it is opened: that would wait for a FIFO's writer, or wake one that waits for a reader.
   if (!S_ISREG(stStatus.st_mode)) {
     return strPath + ": not a file";
+  }
+  std::ifstream stFile(strPath);
+  if (!stFile.is_open()) {
+    return strPath + ": " + strerror(errno);
   }
   const auto iSize = static_cast<uint64_t>(stStatus.st_size);
   const uint64_t iSkipped = iSize - std::min(iSize, TAIL);
