@@ -273,6 +273,19 @@ TEST(InspectPermissionTest, AHolderThatMayNotBeLookedAtIsSaidAndTheSegmentNotAtt
   EXPECT_EQ(strBefore, AttachmentTrace(stKey.Key()));
 }
 
+TEST(InspectHolderTest, ANameWithEscapeSequencesIsPrintable) {
+  const PrivateKey stKey;
+  const ForkedPeer stHolder([&] {
+    prctl(PR_SET_NAME, "\033[2Jme");
+    shmat(shmget(stKey.Key(), 100, IPC_CREAT | 0600), nullptr, 0);
+    pause();
+    return 0;
+  });
+  ASSERT_TRUE(WaitUntil([&] { return Attachments(stKey.Key()) == 1; }));
+  const ToolRun_t stRun = RunTool({"remove", KeyName(stKey.Key())});
+  EXPECT_NE(std::string::npos, stRun.strError.find(" (\\x1b[2Jme), kept\n")) << stRun.strError;
+}
+
 TEST(InspectLogTest, LinesAreCountedByLevel) {
   const PrivateDirectory stDirectory;
   const std::string strPath = stDirectory.File("server.log");

@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "document.h"
+
 namespace {
 
 std::string ProcFile(pid_t iPid, const char* pName) {
@@ -92,7 +94,7 @@ std::string CommandOf(pid_t iPid) {
   std::ifstream stFile(ProcFile(iPid, "comm"));
   std::string strName;
   std::getline(stFile, strName);
-  return strName;
+  return Printable(strName);
 }
 
 std::map<int, Holders_t> FindAllHolders() {

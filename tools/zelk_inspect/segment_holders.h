@@ -41,6 +41,7 @@ std::string HolderText(const Holders_t& stHolders, uint64_t iAttached);
 
 // All of /proc that are processes.
 std::vector<pid_t> ListProcesses();
+// Printable: a process may give itself any name, escape sequences of terminals among them.
 std::string CommandOf(pid_t iPid);
 
 #endif
