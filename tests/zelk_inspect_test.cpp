@@ -174,6 +174,17 @@ TEST_F(InspectQueueTest, WhatNobodyUsesIsRemovedAfterAYes) {
   EXPECT_NE(0, access(m_strFifo.c_str(), F_OK));
 }
 
+TEST_F(InspectQueueTest, TheEndOfALongAnswerIsNoAnswerToTheNextQuestion) {
+  LetGo();
+  for (const size_t iBefore : {1u, 15u, 31u, 63u, 1000u}) {
+    const std::string strLong = std::string(iBefore, 'n') + "y\n";
+    EXPECT_EQ(3, RunTool({"remove", Name(), m_strFifo}, strLong).iExit) << iBefore;
+    EXPECT_EQ(3, RunTool({"remove", Name(), m_strFifo}, "y").iExit);
+    ASSERT_EQ(0, Attachments(m_stKey.Key())) << iBefore;
+    ASSERT_EQ(0, access(m_strFifo.c_str(), F_OK)) << iBefore;
+  }
+}
+
 TEST_F(InspectQueueTest, OnlyFifosAreRemovedByTheirPath) {
   const std::string strFile = m_stDirectory.File("precious");
   WriteFile(strFile, "kept");

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iostream>
 #include <string>
 
 #include "open_files.h"
@@ -23,9 +24,10 @@ bool IsAgreed(const Options_t& stOptions, const std::string& strWhat) {
   }
   printf("remove %s? [y/N] ", strWhat.c_str());
   fflush(stdout);
-  char szAnswer[16] = "";
-  const bool bRead = fgets(szAnswer, sizeof(szAnswer), stdin) != nullptr;
-  return bRead && (strcmp(szAnswer, "y\n") == 0 || strcmp(szAnswer, "yes\n") == 0);
+  // The whole line: its end is no answer to the next question.
+  std::string strAnswer;
+  return std::getline(std::cin, strAnswer) && !std::cin.eof() &&
+         (strAnswer == "y" || strAnswer == "yes");
 }
 
 // What would be lost.
