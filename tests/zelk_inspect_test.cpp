@@ -1,16 +1,19 @@
 // The tool on segments that other processes hold, as an operator calls it.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "hash_map.h"
 #include "heap_image.h"
 #include "inspect_fixture.h"
+#include "look.h"
 #include "queue_fixture.h"
 #include "test_support.h"
 #include "verify.h"
@@ -221,6 +224,39 @@ TEST(InspectErrorTest, WhatIsNotThereIsSaid) {
     EXPECT_EQ(3, stRun.iExit) << pNonsense;
     EXPECT_NE("", stRun.strError) << pNonsense;
   }
+}
+
+// What a watcher that finds nothing writes to a terminal.
+std::string WatchInTerminal(const std::string& strName) {
+  const int iMaster = posix_openpt(O_RDWR | O_NOCTTY);
+  char szText[256] = "";
+  if (iMaster != -1 && grantpt(iMaster) == 0 && unlockpt(iMaster) == 0) {
+    const ForkedPeer stWatcher([&] {
+      const int iTerminal = open(ptsname(iMaster), O_RDWR | O_NOCTTY);
+      dup2(iTerminal, STDOUT_FILENO);
+      dup2(iTerminal, STDERR_FILENO);
+      Options_t stOptions;
+      stOptions.strCommand = "queue";
+      stOptions.vecNames = {strName};
+      stOptions.fWatch = 1;
+      return RunLook(stOptions);
+    });
+    size_t iSize = 0;
+    ssize_t iRead = 0;
+    while (iSize < sizeof(szText) - 1 && strchr(szText, '\n') == nullptr &&
+           (iRead = read(iMaster, szText + iSize, sizeof(szText) - 1 - iSize)) > 0) {
+      iSize += static_cast<size_t>(iRead);
+    }
+  }
+  close(iMaster);
+  return szText;
+}
+
+TEST(InspectErrorTest, ATerminalIsClearedBeforeTheErrorIsShown) {
+  const PrivateKey stKey;
+  const std::string strKey = KeyName(stKey.Key());
+  EXPECT_EQ("\033[H\033[2Jzelk-inspect: " + strKey + ": no segment has the key " + strKey + "\r\n",
+            WatchInTerminal(strKey));
 }
 
 TEST(InspectErrorTest, ForeignSegmentsAreNotOurs) {

@@ -195,11 +195,12 @@ void Wait(const Subjects_t& vecSubjects, double fSeconds) {
 int PrintLook(const Options_t& stOptions, const Subjects_t& vecSubjects) {
   int iResult = EXIT_FINE;
   std::string strText;
+  std::string strErrors;  // shown last: a terminal is cleared first
   for (const auto& pSubject : vecSubjects) {
     Document stDocument;
     const std::string strError = pSubject->Look(stDocument);
     if (!strError.empty()) {
-      fprintf(stderr, "zelk-inspect: %s\n", strError.c_str());
+      strErrors += "zelk-inspect: " + strError + "\n";
       iResult = EXIT_NOT_READABLE;
       continue;
     }
@@ -211,6 +212,7 @@ int PrintLook(const Options_t& stOptions, const Subjects_t& vecSubjects) {
   }
   fputs(strText.c_str(), stdout);
   fflush(stdout);
+  fputs(strErrors.c_str(), stderr);
   return iResult;
 }
 
