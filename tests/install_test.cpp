@@ -90,6 +90,16 @@ TEST_F(InstallTest, TheRuntimeComponentIsTheLibraryWithoutTheLinkersName) {
   EXPECT_FALSE(std::filesystem::exists(strPrefix + "/include"));
 }
 
+// gdb looks for them below its own directory under the library's whole path.
+TEST_F(InstallTest, GdbsPrintersStandUnderThePathThatTheLibraryHasBelowThisPrefix) {
+  const std::string strText = Shell(
+      "cmake --install '" BUILD_DIRECTORY "/gdb' --component Runtime --prefix '" + Prefix() + "'");
+  EXPECT_TRUE(EndsWith(strText, "exit 0\n")) << strText;
+  EXPECT_TRUE(std::filesystem::exists(Prefix() + "/share/gdb/auto-load" + Prefix() +
+                                      "/" LIBRARY_DIRECTORY "/libzelk_common.so.1.0.0-gdb.py"))
+      << strText;
+}
+
 TEST_F(InstallTest, AHostThatFindsThePackageWithCMakeIsBuiltAndRuns) {
   ExpectHost(Configure("find_package", "-DCMAKE_PREFIX_PATH='" + Prefix() + "'") +
              " && cmake --build '" + Work() + "'");
