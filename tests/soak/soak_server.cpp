@@ -33,6 +33,7 @@ SoakServer::~SoakServer() {
   if (m_iMaster != -1) {
     KillAll();
   }
+  RemoveTables();  // which outlive the server, deliberately
 }
 
 void SoakServer::Start() {
