@@ -22,6 +22,7 @@
 
 #include <functional>
 
+#include "processor.h"
 #include "queue_channels.h"
 #include "ratio_reporter.h"
 
@@ -34,15 +35,6 @@ double Nanoseconds(clockid_t iClock) {
 }
 double CpuNanoseconds() { return Nanoseconds(CLOCK_PROCESS_CPUTIME_ID); }
 double Now() { return Nanoseconds(CLOCK_MONOTONIC); }
-
-void PinTo(int iProcessor) {
-  cpu_set_t stSet;
-  CPU_ZERO(&stSet);
-  CPU_SET(iProcessor, &stSet);
-  sched_setaffinity(0, sizeof(stSet), &stSet);
-}
-
-int LastProcessor() { return static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)) - 1; }
 
 // The other side: a child on the last processor, which is running when the constructor returns.
 class Peer {

@@ -39,6 +39,7 @@
 #include <string>
 #include <vector>
 
+#include "processor.h"
 #include "ratio_reporter.h"
 #include "tcp_socket.h"
 
@@ -54,16 +55,6 @@ typedef void (*Serve_t)(int iListener);
   perror(pWhat);
   _exit(1);
 }
-
-// Keeps this process on one processor.
-void PinTo(int iProcessor) {
-  cpu_set_t stSet;
-  CPU_ZERO(&stSet);
-  CPU_SET(iProcessor, &stSet);
-  sched_setaffinity(0, sizeof(stSet), &stSet);
-}
-
-int LastProcessor() { return static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)) - 1; }
 
 void SetNoDelay(int iFD) {
   const int iOn = 1;
