@@ -422,6 +422,30 @@ TEST_F(KvServerJournalRefusedTest, AFileThatIsMissingEndsTheStart) {
                                   ": what goes before it is missing;"));
 }
 
+// The large value came first, and the small ones got what was left. From a dump the small ones come
+// first, ten blocks at a time, and leave less than the large one needs.
+TEST_F(KvServerJournalTest, KeysThatDoNotFitInAnotherOrderGetALargerTable) {
+  ServerProcess stServer({"journal.sync=second", "table.bytes=9M", "table.buckets=16"});
+  {
+    Client stClient(stServer);
+    ASSERT_EQ("+OK\r\n", stClient.Ask({"SET", "large", std::string(600000, 'l')}));
+    for (int i = 0; i < 6; ++i) {
+      ASSERT_EQ("+OK\r\n", stClient.Ask({"SET", std::to_string(i), std::string(50000, 's')}));
+    }
+    ASSERT_EQ("", stClient.Ask({"SHUTDOWN", "SAVE"}));
+  }
+  EXPECT_EQ(0, stServer.Wait());
+  RemoveTables(stServer);
+  stServer.Start();
+  Client stClient(stServer);
+  EXPECT_EQ(":7\r\n", stClient.Ask({"DBSIZE"}));
+  EXPECT_EQ(Bulk(std::string(600000, 'l')), stClient.Ask({"GET", "large"}));
+  EXPECT_TRUE(LogTells(stServer, "is made anew with 18874368 bytes, since its keys did not fit"));
+  KillAll(stServer, 1);
+  stServer.Start();
+  EXPECT_EQ(":7\r\n", Client(stServer).Ask({"DBSIZE"}));
+}
+
 // A half-filled table is filled again from the start by the next worker.
 TEST_F(KvServerJournalTest, AWorkerKilledWhileItReplaysReplaysAgain) {
   ServerProcess stServer({"journal.sync=second", "table.bytes=128M"});

@@ -41,6 +41,14 @@ class KvServerMirrorTest : public MysqlTest {
   static bool LogTells(const ServerProcess& stServer, const std::string& strText) {
     return WaitUntil([&] { return stServer.Log().find(strText) != std::string::npos; });
   }
+  static size_t CountOf(const ServerProcess& stServer, const std::string& strText) {
+    const std::string strLog = stServer.Log();
+    size_t iCount = 0;
+    for (size_t i = 0; (i = strLog.find(strText, i)) != std::string::npos; i += strText.size()) {
+      ++iCount;
+    }
+    return iCount;
+  }
   // A save with all that follows it.
   static void Save(Client& stClient) {
     ASSERT_EQ(STARTED, stClient.Ask({"BGSAVE"}));
@@ -531,7 +539,7 @@ TEST_F(KvServerMirrorTest, RowsThatCanNotBeKeysRefuseTheStart) {
   EXPECT_NE(std::string::npos, stResult.strError.find("a row has an impossible key or size"));
 }
 
-TEST_F(KvServerMirrorTest, KeysThatDoNotFitRefuseTheStart) {
+TEST_F(KvServerMirrorTest, KeysThatFitIntoNoTableRefuseTheStart) {
   ServerProcess stServer(With());
   {
     Client stClient(stServer);
@@ -541,11 +549,14 @@ TEST_F(KvServerMirrorTest, KeysThatDoNotFitRefuseTheStart) {
     Save(stClient);
   }
   LoseDirectory(stServer);
-  const RunResult_t stResult = Refused(stServer, With({"table.bytes=32M"}));
+  const RunResult_t stResult = Refused(stServer, With({"table.bytes=9M", "table.buckets=16"}));
   EXPECT_EQ(2, stResult.iExit);
-  EXPECT_NE(std::string::npos,
-            stResult.strError.find(Place() + ": its keys do not fit into the table (table.bytes)"))
-      << stResult.strError;
+  EXPECT_EQ(
+      "kv_server: the keys of worker 0 do not fit into its table (table.bytes); the log tells "
+      "more\n",
+      stResult.strError);
+  EXPECT_EQ(2u, CountOf(stServer, "is made anew with"));
+  EXPECT_EQ(3u, CountOf(stServer, Place() + ": its keys do not fit into the table (table.bytes)"));
 }
 
 }  // namespace

@@ -17,6 +17,11 @@ namespace {
 
 bool SegmentExists(key_t iKey) { return shmget(iKey, 0, 0) != -1; }
 
+size_t SegmentSize(key_t iKey) {
+  shmid_ds stStatus{};
+  return shmctl(shmget(iKey, 0, 0), IPC_STAT, &stStatus) == 0 ? stStatus.shm_segsz : 0;
+}
+
 // Masters of one run directory, one after the other.
 class KvTableSetTest : public ::testing::Test {
  protected:
@@ -71,6 +76,25 @@ TEST_F(KvTableSetTest, EachWorkerHasItsOwnTable) {
   EXPECT_EQ(ftok(m_stDirectory.File("run").c_str(), 1), Key(0));
   EXPECT_EQ(std::to_string(Key(0)) + " 0\n" + std::to_string(Key(1)) + " 1\n",
             ReadFile(m_stDirectory.File("tables")));
+}
+
+TEST_F(KvTableSetTest, ATableThatIsTooSmallIsMadeAnewWithTwiceTheBytesTwice) {
+  ASSERT_EQ("", Prepare());
+  Put(0, "kept");
+  Put(1, "given up");
+  const key_t iKey = Key(1);
+  EXPECT_TRUE(m_pSet->Enlarge(1));
+  EXPECT_EQ("(none)", Value(1));
+  EXPECT_EQ(2 * m_stSettings.iTableBytes, SegmentSize(iKey));
+  EXPECT_TRUE(m_pSet->Enlarge(1));
+  EXPECT_EQ(4 * m_stSettings.iTableBytes, SegmentSize(iKey));
+  EXPECT_TRUE(Put(1, "new"));
+  EXPECT_FALSE(m_pSet->Enlarge(1));
+  EXPECT_EQ("new", Value(1));
+  ASSERT_EQ("", Prepare());
+  EXPECT_EQ(iKey, Key(1));
+  EXPECT_EQ("kept", Value(0));
+  EXPECT_EQ("new", Value(1));
 }
 
 TEST_F(KvTableSetTest, LaterMastersFindThem) {

@@ -162,7 +162,10 @@ std::string KeyStore::CountEntries() {
 
 bool KeyStore::IsLoaded() { return m_stTable.Get(LOADED_KEY).pKey != nullptr; }
 
-bool KeyStore::SetLoaded() { return m_stTable.Set(LOADED_KEY, uint64_t{1}); }
+bool KeyStore::SetLoaded() {
+  m_bWasFull = !m_stTable.Set(LOADED_KEY, uint64_t{1});
+  return !m_bWasFull;
+}
 
 uint64_t KeyStore::Mark() {
   const HashItem_t stItem = m_stTable.Get(JOURNAL_KEY);
@@ -289,6 +292,7 @@ bool KeyStore::Write(std::string_view strKey, const Found_t* pOld, std::string_v
     if (iMark != 0) {
       StoreMark(iMark);
     }
+    m_bWasFull = true;
     return false;
   }
   if (pOld != nullptr) {

@@ -80,6 +80,9 @@ class KeyStore {
   uint64_t Reclaimed() const { return m_iReclaimed; }
   bool Replayed() const { return m_bReplayed; }
 
+  // Whether this process has been refused room for a value.
+  bool WasFull() const { return m_bWasFull; }
+
   void SetTime(int64_t iMilliseconds) { m_iNow = iMilliseconds; }
   int64_t Now() const { return m_iNow; }
 
@@ -182,6 +185,7 @@ class KeyStore {
   double m_fExpireSum = 0;  // of the expiry times
   uint64_t m_iReclaimed = 0;
   bool m_bReplayed = false;
+  bool m_bWasFull = false;
   uint64_t m_iSweepBucket = 0;
   int64_t m_iSweepAt = 0;
   std::minstd_rand m_stRandom{std::random_device()()};

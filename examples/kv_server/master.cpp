@@ -259,7 +259,18 @@ void Master::OnDeath(Child_t& stChild, int iStatus) {
   const bool bStable = iNow - stChild.iStartedAt >= STABLE_MS;
   stChild.iStartAt = iNow + (bStable ? 0 : stChild.iDelay);
   stChild.iDelay = bStable ? 0 : std::clamp(stChild.iDelay * 2, FIRST_DELAY_MS, MAX_DELAY_MS);
-  if (WIFEXITED(iStatus) && WEXITSTATUS(iStatus) == EXIT_TABLE) {
+  const int iExit = WIFEXITED(iStatus) ? WEXITSTATUS(iStatus) : 0;
+  if (iExit == EXIT_TABLE_FULL && m_stTables.Enlarge(static_cast<size_t>(stChild.iWorker))) {
+    stChild.iStartAt = iNow;
+    return;
+  }
+  if (iExit == EXIT_TABLE_FULL) {
+    fprintf(
+        stderr,
+        "kv_server: the keys of %s do not fit into its table (table.bytes); the log tells more\n",
+        stChild.strName.c_str());
+  }
+  if (iExit == EXIT_TABLE || iExit == EXIT_TABLE_FULL) {
     // Starting it again would not help, and without its keys the others' answers would be half.
     m_iExit = EXIT_TABLE;
     g_pLog->Error("master: %s refuses its table, the server ends", stChild.strName.c_str());

@@ -24,6 +24,7 @@ namespace {
 
 const int MAX_PROJECT = 255;  // ftok() looks at 8 bits
 const char NEW_MARK[] = "new";
+const uint64_t MOST_GROWTH = 4;  // of a table, for keys that do not fit
 
 bool SegmentExists(key_t iKey) { return shmget(iKey, 0, 0) != -1 || errno != ENOENT; }
 
@@ -32,6 +33,12 @@ void RemoveSegment(key_t iKey) {
   if (iShmID != -1) {
     shmctl(iShmID, IPC_RMID, nullptr);
   }
+}
+
+// 0 without a segment.
+uint64_t SegmentBytes(key_t iKey) {
+  shmid_ds stStatus{};
+  return shmctl(shmget(iKey, 0, 0), IPC_STAT, &stStatus) == 0 ? stStatus.shm_segsz : 0;
 }
 
 // Writes a file in whole or not at all.
@@ -197,12 +204,38 @@ std::string TableSet::PrepareTable(size_t iWorker) {
     const std::string strFault = KeyStore::Inspect(stName);
     return strFault.empty() ? "" : Describe(stName) + " " + strFault + Advice(strFault);
   }
-  const std::string strError = KeyStore::Create(stName, m_stRun.iBytes);
+  return MakeTable(iWorker, m_stRun.iBytes);
+}
+
+std::string TableSet::MakeTable(size_t iWorker, uint64_t iBytes) {
+  const TableName_t& stName = m_vecNames[iWorker];
+  const std::string strError = KeyStore::Create(stName, iBytes);
   if (!strError.empty()) {
     return Describe(stName) + " " + strError + " (table.bytes)";
   }
   m_vecNew[iWorker] = false;
   return SaveList() ? "" : "can not write " + ListFile() + ": " + strerror(errno);
+}
+
+bool TableSet::Enlarge(size_t iWorker) {
+  const TableName_t& stName = m_vecNames[iWorker];
+  const uint64_t iBytes = SegmentBytes(stName.iKey) * 2;
+  if (iBytes == 0 || iBytes > m_stRun.iBytes * MOST_GROWTH) {
+    return false;
+  }
+  m_vecNew[iWorker] = true;
+  if (!SaveList()) {
+    return false;
+  }
+  RemoveSegment(stName.iKey);
+  const std::string strError = MakeTable(iWorker, iBytes);
+  if (!strError.empty()) {
+    g_pLog->Error("master: %s", strError.c_str());
+    return false;
+  }
+  g_pLog->Warning("master: %s is made anew with %llu bytes, since its keys did not fit",
+                  Describe(stName).c_str(), static_cast<unsigned long long>(iBytes));
+  return true;
 }
 
 void TableSet::Remove() {

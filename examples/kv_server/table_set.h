@@ -23,6 +23,12 @@ class TableSet {
   // is as it was then. Log lines tell what was made anew.
   std::string Prepare(const Settings_t& stSettings);
 
+  // Makes a table anew with twice its bytes, for a worker that could not load its keys into it: a
+  // table that was filled over months has its blocks cut to other sizes than one that is filled at
+  // a start, so the same keys may need more. False when it has four times the usual bytes already,
+  // or can not be made; then there may be none, and the next Prepare() makes one.
+  bool Enlarge(size_t iWorker);
+
   // Removes tables and files, and with them all keys.
   void Remove();
 
@@ -49,6 +55,7 @@ class TableSet {
   bool SaveList() const;
   std::string ChooseKeys();
   std::string PrepareTable(size_t iWorker);
+  std::string MakeTable(size_t iWorker, uint64_t iBytes);
   std::string Advice(const std::string& strFault) const;
 
   std::string m_strDirectory;

@@ -41,8 +41,9 @@ Worker::Worker(const Settings_t& stSettings, const QueueNames_t& stNames,
       m_stOutbox(m_stOut, stSettings.iQueueBytes, static_cast<int>(stSettings.iStopTimeout)) {}
 
 int Worker::Run() {
-  if (!AttachTable()) {
-    return EXIT_TABLE;
+  const int iExit = AttachTable();
+  if (iExit != 0) {
+    return iExit;
   }
   if (!Start()) {
     g_pLog->Error("worker %d: can not attach its queues: %s", m_iIndex, strerror(errno));
@@ -93,14 +94,14 @@ void Worker::CommitOrEnd() {
   }
 }
 
-bool Worker::AttachTable() {
+int Worker::AttachTable() {
   m_stStore.SetTime(WallMilliseconds());
   const std::string strError = m_stStore.Attach(m_stTable);
   if (!strError.empty()) {
     const std::string strTable = TableSet::Describe(m_stTable);
     fprintf(stderr, "kv_server: %s %s\n", strTable.c_str(), strError.c_str());
     g_pLog->Error("worker %d: %s %s", m_iIndex, strTable.c_str(), strError.c_str());
-    return false;
+    return EXIT_TABLE;
   }
   g_pLog->Info("worker %d: %zu keys, %llu lost blocks given back, %s", m_iIndex, m_stStore.Count(),
                static_cast<unsigned long long>(m_stStore.Reclaimed()),
@@ -108,14 +109,18 @@ bool Worker::AttachTable() {
   return LoadTable();
 }
 
-bool Worker::LoadTable() {
+// Of a table without room the master may make a larger one, and says so if it does not.
+int Worker::LoadTable() {
   const std::string strError = m_stSaver.Load();
   if (strError.empty()) {
-    return true;
+    return 0;
+  }
+  g_pLog->Error("worker %d: %s", m_iIndex, strError.c_str());
+  if (m_stStore.WasFull()) {
+    return EXIT_TABLE_FULL;
   }
   fprintf(stderr, "kv_server: %s\n", strError.c_str());
-  g_pLog->Error("worker %d: %s", m_iIndex, strError.c_str());
-  return false;
+  return EXIT_TABLE;
 }
 
 // Runs everything that is in the queue and answers it. Keys expire by the time at its start.

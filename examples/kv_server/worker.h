@@ -17,6 +17,7 @@
 
 const int EXIT_TABLE = 2;
 const int EXIT_JOURNAL = 3;
+const int EXIT_TABLE_FULL = 4;
 
 // A worker process: sleeps on its inbound queue, runs what comes, answers once per turn.
 class Worker {
@@ -24,7 +25,8 @@ class Worker {
   Worker(const Settings_t& stSettings, const QueueNames_t& stNames, const TableName_t& stTable);
 
   // Serves until SIGTERM, then finishes what is in its queue. Returns the exit code: EXIT_TABLE
-  // when the table is not what it should be.
+  // when the table is not what it should be, EXIT_TABLE_FULL when it is new and has no room for the
+  // keys that it is to start with.
   int Run();
 
  private:
@@ -34,8 +36,8 @@ class Worker {
     uint32_t iSize;
   };
 
-  bool AttachTable();
-  bool LoadTable();
+  int AttachTable();
+  int LoadTable();
   bool Start();
   void CommitOrEnd();
   void Turn();
