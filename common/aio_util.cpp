@@ -34,7 +34,7 @@ AIOUtil& AIOUtil::Instance() {
 }
 
 // Not blocking: a look at it without need shall not stop the event loop.
-AIOUtil::AIOUtil() : m_iEventFD(eventfd(0, EFD_NONBLOCK)) {}
+AIOUtil::AIOUtil() : m_iEventFD(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
 
 AIOUtil::~AIOUtil() {
   if (m_pContext != nullptr) {

@@ -93,7 +93,7 @@ Buffer ReadWhole(const char* pPath, size_t& iSize) {
   if (stat(pPath, &stStat) != 0 || stStat.st_size == 0) {
     return nullptr;
   }
-  const std::unique_ptr<FILE, CloseFile> pFile(fopen(pPath, "r"));
+  const std::unique_ptr<FILE, CloseFile> pFile(fopen(pPath, "re"));
   if (pFile == nullptr) {
     return nullptr;
   }

@@ -8,8 +8,9 @@
 // A long action that runs a command line by the shell; for LongActionUtil::Perform(). ClassFactory
 // does not know it: see ExecuteShell2 for one that a request can name.
 //
-// The command gets this process's environment and, apart from those marked close-on-exec, all its
-// descriptors; in a child of LongActionUtil its output is what the host reads.
+// The command gets this process's environment and, apart from those marked close-on-exec, as this
+// library's sockets and files are, all its descriptors; in a child of LongActionUtil its output is
+// what the host reads.
 class ExecuteShell : public LongActionMethod {
  public:
   // The command line, up to its first NUL.

@@ -39,7 +39,7 @@ int MakeLevel(const std::string& strLevel, unsigned int iMode) {
 }  // namespace
 
 int SaveFile(const char* pPath, const char* pBuffer, unsigned int iLength) {
-  const std::unique_ptr<FILE, Closer> pFile(fopen(pPath, "w"));
+  const std::unique_ptr<FILE, Closer> pFile(fopen(pPath, "we"));
   if (pFile == nullptr) {
     return -1;
   }

@@ -65,7 +65,8 @@ PendingResponse_t MakeResponse(unsigned int iMachineID, unsigned int iFlowno) {
   PendingResponse_t pResponse(new long_action_response_t);
   pResponse->iMachineID = static_cast<int>(iMachineID);
   pResponse->iFlowno = iFlowno;
-  if (pipe(pResponse->fd_stdout) == -1 || pipe(pResponse->fd_stderr) == -1) {
+  if (pipe2(pResponse->fd_stdout, O_CLOEXEC) == -1 ||
+      pipe2(pResponse->fd_stderr, O_CLOEXEC) == -1) {
     return nullptr;
   }
   return pResponse;
@@ -78,13 +79,22 @@ bool Watch(int iEpollFD, int iFD) {
   return epoll_ctl(iEpollFD, EPOLL_CTL_ADD, iFD, &stEvent) == 0;
 }
 
+// A command that the child runs has the standard descriptors only. A pipe's end that is one of them
+// already, since the host has closed its own, is left alone by dup2() and must lose its mark.
+void Redirect(int iFD, int iStandardFD) {
+  dup2(iFD, iStandardFD);
+  if (iFD == iStandardFD) {
+    fcntl(iFD, F_SETFD, 0);
+  }
+}
+
 // noexcept: what Do() throws must end the child, not unwind it into the host's loop.
 [[noreturn]] void RunChild(LongActionMethod* pMethod,
                            const long_action_response_t& stResponse) noexcept {
   signal(SIGCHLD, SIG_DFL);  // the host's handler would reap what Do() waits for
   usleep(CHILD_DELAY);
-  dup2(stResponse.fd_stdout[1], STDOUT_FILENO);
-  dup2(stResponse.fd_stderr[1], STDERR_FILENO);
+  Redirect(stResponse.fd_stdout[1], STDOUT_FILENO);
+  Redirect(stResponse.fd_stderr[1], STDERR_FILENO);
   exit(pMethod->Do());
 }
 

@@ -178,8 +178,9 @@ struct pid_retcode_t {
 // sweep learns nothing: the host finds out by itself who has ended, and calls ChildExit().
 //
 // The child is a copy of the host. It gets standard output and error, SIGCHLD's default and nothing
-// else: every other descriptor stays open in it, connections, queues and the epoll set included,
-// none of which this library marks close-on-exec. So the host
+// else: every other descriptor stays open in it, connections, queues and the epoll set included. A
+// command that it runs (exec) has of them what is not marked close-on-exec: of this library's own
+// descriptors the FIFOs of queues. So the host
 // - flushes stdio before it starts a child: what is buffered is printed once more by the child;
 // - takes a descriptor out of the epoll set before it closes it, for a child may still hold it, and
 //   expects a peer to see the end of a connection only when the child has ended too;

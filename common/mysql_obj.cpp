@@ -1,5 +1,6 @@
 #include "mysql_obj.h"
 
+#include <fcntl.h>
 #include <stdio.h>
 
 #include <algorithm>
@@ -19,6 +20,10 @@ const char* TextOf(const char* pText) { return pText == nullptr ? "" : pText; }
 const char* NullIfEmpty(const std::string& strText) {
   return strText.empty() ? nullptr : strText.c_str();
 }
+
+// A command that the host runs, and that outlives it, shall not keep the session with its
+// transactions and locks. The client library does not see to it.
+void CloseByExec(const MYSQL* pMysql) { fcntl(pMysql->net.fd, F_SETFD, FD_CLOEXEC); }
 
 // Doubles at least, so that results which are appended one by one stay cheap.
 void MakeRoom(size_t iRows, std::vector<std::vector<std::string>>& vecRows) {
@@ -60,6 +65,7 @@ bool MysqlObj::Connect(const char* pHost, const char* pUser, const char* pPasswo
     Close();
     return false;
   }
+  CloseByExec(m_pMysql);
   m_strHost = TextOf(pHost);
   m_strUser = TextOf(pUser);
   m_strPassword = TextOf(pPassword);
@@ -82,6 +88,7 @@ bool MysqlObj::Reconnect() {
     Close();
     return false;
   }
+  CloseByExec(m_pMysql);
   return true;
 }
 

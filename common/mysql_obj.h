@@ -13,7 +13,9 @@
 //
 // Every call blocks until the server has answered. One thread at a time. Not across fork(): in a
 // child, the destructor or Close() of a connection made before would end it for the parent too; a
-// child makes its own. A process that dies leaves nothing: the server rolls back what was open.
+// child makes its own. No command that the host runs keeps the session open: the connection is
+// close-on-exec, but for one that the client library has made by itself (see below). A process that
+// dies leaves nothing: the server rolls back what was open.
 //
 // Two ways to connect, which differ deliberately:
 // - Connect(): one statement per text; the client library connects again by itself when it finds,

@@ -94,7 +94,7 @@ unsigned int HostAddress(const char* pName) {
 }
 
 unsigned int InterfaceAddress(const char* pName) {
-  const int iFD = socket(AF_INET, SOCK_DGRAM, 0);
+  const int iFD = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (iFD == -1) {
     return INADDR_NONE;
   }
@@ -129,7 +129,7 @@ unsigned int TcpSocket::TranslateAddress(const char* pText) {
 
 int TcpSocket::Listen(const char* pAddr, unsigned short iPort) {
   Close();
-  m_iFD = socket(AF_INET, SOCK_STREAM, 0);
+  m_iFD = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (m_iFD == -1) {
     return -1;
   }
@@ -148,7 +148,7 @@ TcpSocket* TcpSocket::Accept() {
   if (m_iFD == -1) {
     return nullptr;
   }
-  const int iFD = accept(m_iFD, nullptr, nullptr);
+  const int iFD = accept4(m_iFD, nullptr, nullptr, SOCK_CLOEXEC);
   if (iFD == -1) {
     return nullptr;
   }
@@ -168,7 +168,7 @@ int TcpSocket::Connect(const char* pHost, unsigned short iPort) {
 
 int TcpSocket::Connect(unsigned int iAddr, unsigned short iPort) {
   Close();
-  m_iFD = socket(AF_INET, SOCK_STREAM, 0);
+  m_iFD = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (m_iFD == -1) {
     return -1;
   }

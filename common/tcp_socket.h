@@ -28,6 +28,9 @@ typedef void StreamCallback_t(TcpSocket* pSocket, const char* pData, unsigned in
 // Close() keeps the queue, the received bytes and the address fields, so that a reconnected socket
 // goes on with what was left.
 //
+// Descriptors are close-on-exec, except one that was adopted as it is: a command that the host runs
+// keeps no port and no connection open. Forked children share them until they close them.
+//
 // Addresses are IPv4 in network byte order, ports in host byte order. Failures leave errno.
 class TcpSocket : public Object {
  public:

@@ -116,6 +116,10 @@ TEST(AIOUtilInstanceTest, InstanceIsOneObject) {
   EXPECT_NE(-1, fcntl(AIOUtil::Instance().GetEventFD(), F_GETFD));
 }
 
+TEST(AIOUtilInstanceTest, EventDescriptorIsClosedByExec) {
+  EXPECT_EQ(FD_CLOEXEC, fcntl(AIOUtil::Instance().GetEventFD(), F_GETFD));
+}
+
 TEST_F(AIOUtilTest, WrittenBytesAreInTheFileAndReported) {
   ASSERT_EQ(0, m_pAIO->SubmitWriteRequest(m_iFD, m_szText, 3, 7, 4711));
   const Done vecDone = Collect(1);

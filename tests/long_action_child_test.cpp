@@ -164,6 +164,33 @@ TEST_F(LongActionChildTest, ShellCommandsPrintIntoTheResponse) {
   EXPECT_EQ(3, pResponse->iRetcode);
 }
 
+TEST_F(LongActionChildTest, ShellCommandsHaveItsPipesAsStandardDescriptorsOnly) {
+  ExecuteShell stShell;
+  stShell.Command(
+      "out=$(stat -Lc %i /proc/$$/fd/1);"
+      "err=$(stat -Lc %i /proc/$$/fd/2);"
+      "for fd in /proc/$$/fd/*; do case $(stat -Lc %i $fd) in $out|$err) echo ${fd##*/};; esac; "
+      "done");
+  ASSERT_EQ(0, m_stUtil.Perform(&stShell, 0, 0));
+  EXPECT_EQ("1\n2\n", Finish(m_stUtil.EnumAllChildren().at(0))->strStdOut);
+}
+
+// Its first pipe gets the numbers 0 and 1.
+TEST_F(LongActionChildTest, ShellCommandsPrintAlsoForAHostThatHasClosedItsOwnOutput) {
+  ForkedPeer stPeer([this] {
+    ExecuteShell stShell;
+    stShell.Command("echo out; echo err >&2");
+    close(0);
+    close(1);
+    if (m_stUtil.Perform(&stShell, 0, 0) != 0) {
+      return 1;
+    }
+    const Response_t pResponse = Finish(m_stUtil.EnumAllChildren().at(0));
+    return pResponse->strStdOut == "out\n" && pResponse->strStdError == "err\n" ? 0 : 2;
+  });
+  EXPECT_EQ(0, stPeer.Wait());
+}
+
 TEST_F(LongActionChildTest, ShellCommandIsWaitedForInAHostThatIgnoresSigchld) {
   int arrGo[2];
   ASSERT_EQ(0, pipe2(arrGo, O_CLOEXEC));

@@ -1,5 +1,6 @@
 #include "mysql_obj.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -138,6 +139,13 @@ TEST_F(MysqlObjTest, ConnectOnAnOpenObjectEndsTheOldSession) {
   EXPECT_NE(strOld, Session(m_stMysql));
   EXPECT_EQ(iDescriptors, OpenDescriptors());
   EXPECT_TRUE(WaitUntil([&] { return !IsAlive(strOld); }));
+}
+
+// Else a command that outlives its host keeps the session's locks.
+TEST_F(MysqlObjTest, ConnectionIsClosedByExec) {
+  EXPECT_EQ(FD_CLOEXEC, fcntl(mysql_get_socket(m_stMysql.get()), F_GETFD));
+  ASSERT_TRUE(m_stMysql.Reconnect());
+  EXPECT_EQ(FD_CLOEXEC, fcntl(mysql_get_socket(m_stMysql.get()), F_GETFD));
 }
 
 TEST_F(MysqlObjTest, ReconnectOnAnOpenObjectEndsTheOldSession) {

@@ -509,6 +509,14 @@ TEST_F(TcpSocketTest, CanWriteIsFalseOnAHangUpAlone) {
   EXPECT_FALSE(stReadEnd.CanWrite(10));
 }
 
+// Else a command that the host runs keeps the port, or a client's connection, after the host's end.
+TEST_F(TcpSocketTest, DescriptorsAreClosedByExec) {
+  const auto pAccepted = Establish();
+  for (const TcpSocket* pSocket : {&m_stListener, &m_stSocket, pAccepted.get()}) {
+    EXPECT_EQ(FD_CLOEXEC, fcntl(pSocket->FD(), F_GETFD, 0L));
+  }
+}
+
 TEST_F(TcpSocketTest, CanWriteOfAClosedSocketIsFalse) { EXPECT_FALSE(m_stSocket.CanWrite(0)); }
 
 TEST_F(TcpSocketTest, CloseKeepsTheAddressesAndMayBeRepeated) {
