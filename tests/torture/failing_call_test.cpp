@@ -1,0 +1,106 @@
+// The tool that makes system calls fail: that it does, and notices what an operation then leaves.
+
+#include "failing_call.h"
+
+#include <fcntl.h>
+#include <gtest/gtest-spi.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <set>
+#include <sstream>
+
+#include "test_support.h"
+
+namespace {
+
+typedef std::set<std::string> Texts_t;
+
+std::string Described(const Attempt& stAttempt) {
+  std::ostringstream stText;
+  if (stAttempt.Fails()) {
+    stText << stAttempt.Failure();
+  }
+  return stText.str();
+}
+
+// By way of the C library: the program's own calls would not count.
+ssize_t ReadZeros(char (&szBytes)[8]) {
+  const int iFD = open("/dev/zero", O_RDONLY | O_CLOEXEC);
+  const ssize_t iCount = read(iFD, szBytes, sizeof(szBytes));
+  const int iErrno = errno;
+  close(iFD);
+  errno = iErrno;
+  return iCount;
+}
+
+TEST(FailingCallTest, EachFailureOfACallIsTriedOnce) {
+  Texts_t setTried;
+  const int iTried = FailEachCall([&](Attempt& stAttempt) {
+    char szBytes[8];
+    const ssize_t iCount = stAttempt.Run([&] { return ReadZeros(szBytes); });
+    if (stAttempt.FailsIn({{"read"}})) {
+      setTried.insert(Described(stAttempt));
+      const failure_t& stFailure = stAttempt.Failure();
+      EXPECT_EQ(stFailure.iErrno != 0 ? -1 : stFailure.iShorter, iCount);
+      EXPECT_EQ(stFailure.iErrno, stAttempt.Errno());
+    }
+  });
+  EXPECT_EQ((Texts_t{"read() number 1 fails with EAGAIN", "read() number 1 fails with EINTR",
+                     "read() number 1 fails with EIO", "read() number 1 moves 0 bytes",
+                     "read() number 1 moves 1 bytes", "read() number 1 moves 4 bytes"}),
+            setTried);
+  EXPECT_EQ(6 + 14 + 4, iTried);  // and the errors of openat() and close()
+}
+
+TEST(FailingCallTest, CallsOfTheSameNameFailOneAfterTheOther) {
+  Texts_t setTried;
+  FailEachCall([&](Attempt& stAttempt) {
+    const int iSum = stAttempt.Run([] { return access("/", F_OK) + 2 * access("/", R_OK); });
+    EXPECT_EQ(stAttempt.Fails() ? -stAttempt.Failure().iNumber : 0, iSum);
+    if (stAttempt.FailsIn({{"access", EIO}})) {
+      setTried.insert(Described(stAttempt));
+    }
+  });
+  EXPECT_EQ((Texts_t{"access() number 1 fails with EIO", "access() number 2 fails with EIO"}),
+            setTried);
+}
+
+TEST(FailingCallTest, CallThatFailsAlthoughItIsDoneIsDone) {
+  FailEachCall([](Attempt& stAttempt) {
+    const int iFD = dup(0);
+    EXPECT_EQ(stAttempt.Fails() ? -1 : 0, stAttempt.Run([=] { return close(iFD); }));
+    EXPECT_EQ(-1, fcntl(iFD, F_GETFD));
+  });
+}
+
+TEST(FailingCallTest, ForkedChildFailsUntilItRunsAnotherProgram) {
+  Texts_t setTried;
+  FailEachCall([&](Attempt& stAttempt) {
+    const int iStatus = stAttempt.Run([] { return system("cat /dev/null"); });
+    const bool bFails =
+        stAttempt.InChild() ||
+        stAttempt.FailsIn({{"clone3", EAGAIN}, {"clone3", ENOMEM}, {"wait4", ECHILD}});
+    EXPECT_EQ(bFails, iStatus != 0);
+    if (stAttempt.InChild()) {
+      setTried.insert(stAttempt.Failure().strCall);
+    }
+  });
+  EXPECT_EQ(Texts_t{"execve"}, setTried);
+}
+
+TEST(FailingCallTest, DescriptorThatIsLeftIsNoticed) {
+  EXPECT_NONFATAL_FAILURE(Attempt stAttempt(nullptr);
+                          FailEachCall([](Attempt& stLeaking) {
+                            static int iLeft = -1;
+                            close(iLeft);
+                            iLeft = stLeaking.FailsIn({{"access", EIO}}) ? dup(0) : -1;
+                            stLeaking.Run([] { return access("/", F_OK); });
+                          }),
+                          "descriptors");
+}
+
+}  // namespace
