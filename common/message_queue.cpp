@@ -69,6 +69,15 @@ bool MakeFifo(const char* pPath) {
          (mkfifo(pPath, FIFO_MODE) == 0 || errno == EEXIST);
 }
 
+// Ends a creation that failed: a segment without Init would be of no use to whoever comes next, and
+// be so for ever.
+void DropNew(int iShmID, bool bCreated) {
+  const ErrnoKeeper stKeeper;
+  if (bCreated) {
+    shmctl(iShmID, IPC_RMID, nullptr);
+  }
+}
+
 uint32_t Used(uint32_t iRing, uint32_t iRead, uint32_t iWrite) {
   return iWrite >= iRead ? iWrite - iRead : iRing + iWrite - iRead;
 }
@@ -202,11 +211,13 @@ int MessageQueue::AttachWithKey(const char* pPath, key_t iKey, unsigned int iSiz
     return -1;  // deliberately with the FIFO open
   }
   if (!HasFreeAttachment()) {
+    DropNew(m_iShmID, bCreated);
     Detach();
     return -1;
   }
   m_pAddress = shmat(m_iShmID, nullptr, 0);
   if (m_pAddress == DETACHED) {
+    DropNew(m_iShmID, bCreated);
     return -1;
   }
   m_pShmHead = static_cast<ShmHead*>(m_pAddress);

@@ -68,7 +68,8 @@ class MessageQueue : public Object {
   //
   // An attached queue is detached first. Returns 0, or -1 with errno: of the call that failed, or
   // EBUSY when three are attached already. After EBUSY the FIFO is closed again; when the segment
-  // could not be had (EINVAL: it is smaller than iSize) it stays open until Detach.
+  // could not be had (EINVAL: it is smaller than iSize) it stays open until Detach. A segment that
+  // the call made and can not map is removed again, so that it can be repeated.
   int AttachWithKey(const char* pPath, key_t iKey, unsigned int iSize);
 
   // Writes the header of an empty ring; called by the attach that created the segment. Returns 0.
