@@ -22,6 +22,8 @@
 
 namespace {
 
+const int REPETITIONS = 20;  // of an attempt after which there was more memory than before
+
 enum Kind {
   PLAIN,     // a failure means that nothing was done
   EXECUTED,  // it is done also when it reports a failure
@@ -297,9 +299,9 @@ class Sweep {
   void TryFailure(const failure_t& stFailure) {
     SCOPED_TRACE(Described(stFailure));
     size_t iGrown = Try(&stFailure);
-    // What it has allocated once and for all it does not allocate again; a check that failed has
-    // allocated its message.
-    for (int i = 0; i < 3 && iGrown != 0 && !::testing::Test::HasFailure(); ++i) {
+    // What it has allocated once and for all it does not allocate again, and the C library's caches
+    // of freed memory are full at last. A check that failed has allocated its message.
+    for (int i = 0; i < REPETITIONS && iGrown != 0 && !::testing::Test::HasFailure(); ++i) {
       iGrown = Try(&stFailure);
     }
     EXPECT_TRUE(iGrown == 0 || ::testing::Test::HasFailure()) << iGrown << " bytes lost each time";

@@ -5,13 +5,16 @@
 #include <fcntl.h>
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <memory>
 #include <set>
 #include <sstream>
+#include <vector>
 
 #include "test_support.h"
 
@@ -101,6 +104,21 @@ TEST(FailingCallTest, DescriptorThatIsLeftIsNoticed) {
                             stLeaking.Run([] { return access("/", F_OK); });
                           }),
                           "descriptors");
+}
+
+TEST(FailingCallTest, MemoryThatIsLeftIsNoticed) {
+  if (mallinfo2().uordblks == 0) {
+    GTEST_SKIP() << "a sanitizer's allocator, which looks for leaks by itself";
+  }
+  std::vector<std::unique_ptr<char[]>> vecLeft;
+  vecLeft.reserve(1000);
+  EXPECT_NONFATAL_FAILURE(FailEachCall([&](Attempt& stLeaking) {
+                            if (stLeaking.FailsIn({{"access", EIO}})) {
+                              vecLeft.push_back(std::make_unique<char[]>(1000));
+                            }
+                            stLeaking.Run([] { return access("/", F_OK); });
+                          }),
+                          "bytes lost each time");
 }
 
 }  // namespace
