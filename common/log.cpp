@@ -65,6 +65,20 @@ std::string Today() {
   return std::string(szDay, strftime(szDay, sizeof(szDay), "%Y%m%d", &stLocal));
 }
 
+// One write(), and more only when that is interrupted or a part is taken.
+bool WriteAll(int iFD, const char* pData, size_t iSize) {
+  while (iSize != 0) {
+    const ssize_t iWritten = write(iFD, pData, iSize);
+    if (iWritten > 0) {
+      pData += iWritten;
+      iSize -= static_cast<size_t>(iWritten);
+    } else if (iWritten == 0 || errno != EINTR) {
+      return iWritten == 0;
+    }
+  }
+  return true;
+}
+
 // Copies what fits before pLast; returns the end of it.
 char* Append(char* pTo, const char* pLast, const char* pText) {
   return std::copy_n(pText, std::min(strlen(pText), static_cast<size_t>(pLast - pTo)), pTo);
@@ -240,12 +254,12 @@ void Log::CloseFile() {
 // Writes the first iLength bytes of the buffer, which has room for one more, and a newline.
 void Log::WriteLine(size_t iLength) {
   m_pBuffer[iLength] = '\n';
-  if (write(m_iFD, m_pBuffer.get(), iLength + 1) != -1 || errno != EBADF) {
+  if (WriteAll(m_iFD, m_pBuffer.get(), iLength + 1) || errno != EBADF) {
     return;
   }
   m_iFD = -1;  // not ours any more, so not closed
   CheckFileHandle();
-  static_cast<void>(!write(m_iFD, m_pBuffer.get(), iLength + 1));  // failed again: it is dropped
+  WriteAll(m_iFD, m_pBuffer.get(), iLength + 1);  // failed again: it is dropped
 }
 
 void Log::WriteText(LOG_LEVEL eLevel, int iError, const char* pFormat, va_list sAp) {
