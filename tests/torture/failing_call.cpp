@@ -243,7 +243,8 @@ Attempt::Armed::~Armed() {
 
 class Sweep {
  public:
-  explicit Sweep(const std::function<void(Attempt&)>& fnAttempt) : m_fnAttempt(fnAttempt) {}
+  Sweep(const std::function<void(Attempt&)>& fnAttempt, int iNumbers)
+      : m_fnAttempt(fnAttempt), m_iNumbers(iNumbers) {}
 
   int Run() {
     Try(nullptr);  // what is allocated only once is so now
@@ -267,7 +268,7 @@ class Sweep {
     for (size_t i = 0; i < stTrace.iCalls; ++i) {
       const auto& stCall = stTrace.aCalls[i];
       const int iNumber = ++mapNumbers[{stCall.iProcess, stCall.iCall}];
-      if (CallNumbered(stCall.iCall) != nullptr) {
+      if (iNumber <= m_iNumbers && CallNumbered(stCall.iCall) != nullptr) {
         m_mapCounts[{stCall.iProcess, stCall.iCall, iNumber}] = stCall.iThird;
       }
     }
@@ -326,8 +327,11 @@ class Sweep {
   }
 
   const std::function<void(Attempt&)>& m_fnAttempt;
+  const int m_iNumbers;
   std::map<std::tuple<int, long, int>, uint64_t> m_mapCounts;  // by process, call and number
   int m_iFailures = 0;
 };
 
-int FailEachCall(const std::function<void(Attempt&)>& fnAttempt) { return Sweep(fnAttempt).Run(); }
+int FailEachCall(const std::function<void(Attempt&)>& fnAttempt, int iNumbers) {
+  return Sweep(fnAttempt, iNumbers).Run();
+}

@@ -85,6 +85,9 @@ class Attempt {
 // heap memory more than before. A hanging one ends the program. Whatever the system calls of the
 // operation are, there must be at least one. Returns the number of failures; the program prints
 // the sum of all at its end.
-int FailEachCall(const std::function<void(Attempt&)>& fnAttempt);
+//
+// iNumbers: an operation that does the same again and again, for as many things as the system
+// happens to have, fails in so many of the calls of a name.
+int FailEachCall(const std::function<void(Attempt&)>& fnAttempt, int iNumbers = 1000);
 
 #endif

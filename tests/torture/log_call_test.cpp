@@ -41,7 +41,6 @@ void WriteOne(Attempt& stAttempt, Log& stLog) {
     stAttempt.Run([&] {
       errno = EDOM;
       stLog.Info("%s", LINE);
-      return 0;
     });
   });
   EXPECT_EQ(EDOM, stAttempt.Errno());
@@ -117,10 +116,8 @@ TEST_F(LogCallTest, DumpLosesAtMostTheLineThatFails) {
     Place stPlace;
     stPlace.TheLog().Info("first");
     const std::string strData(40, 'x');
-    stAttempt.Run([&] {
-      stPlace.TheLog().BinaryLog(Log::LL_INFO, strData.data(), 40, "%s", LINE);
-      return 0;
-    });
+    stAttempt.Run(
+        [&] { stPlace.TheLog().BinaryLog(Log::LL_INFO, strData.data(), 40, "%s", LINE); });
     stPlace.TheLog().Info("next");
     const Lines_t vecLines = LinesOf(Numbered(stPlace.Path(), "000"));
     ASSERT_EQ(IsLost(stAttempt) ? 6u : 7u, vecLines.size());  // line, header and three rows
@@ -131,12 +128,8 @@ TEST_F(LogCallTest, DumpLosesAtMostTheLineThatFails) {
 TEST_F(LogCallTest, DumpOfTheMembersLosesAtMostTheLineThatFails) {
   FailEachCall([](Attempt& stAttempt) {
     Log stLog;
-    const std::string strText = CaptureDescriptor([&](int iFD) {
-      stAttempt.Run([&] {
-        stLog.Dump(iFD);
-        return 0;
-      });
-    });
+    const std::string strText =
+        CaptureDescriptor([&](int iFD) { stAttempt.Run([&] { stLog.Dump(iFD); }); });
     const bool bLost = stAttempt.FailsIn({{"write"}}) && stAttempt.Failure().iErrno != 0;
     EXPECT_EQ(bLost ? 5 : 6, std::count(strText.begin(), strText.end(), '\n'));
   });

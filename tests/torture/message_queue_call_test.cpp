@@ -125,10 +125,7 @@ TEST(MessageQueueCallTest, FailedDrainLeavesTheMessagesAndAWakeForThem) {
     MessageQueue stQueue;
     ASSERT_EQ(0, AttachWithKey(stQueue, stPlace.strFifo, stPlace.stKey.Key()));
     ASSERT_EQ(1, PushText(stQueue, "text"));
-    stAttempt.Run([&] {
-      stQueue.ClearFifo();
-      return 0;
-    });
+    stAttempt.Run([&] { stQueue.ClearFifo(); });
     char cByte = 0;
     EXPECT_EQ(stAttempt.Fails() && stAttempt.Failure().iShorter == 0 ? 1 : -1,
               read(stQueue.FifoFD(), &cByte, 1));
@@ -164,12 +161,8 @@ TEST(MessageQueueCallTest, DumpWritesTheOtherLinesWhenOneFails) {
     const place_t stPlace;
     MessageQueue stQueue;
     ASSERT_EQ(0, AttachWithKey(stQueue, stPlace.strFifo, stPlace.stKey.Key()));
-    const std::string strText = CaptureDescriptor([&](int iFD) {
-      stAttempt.Run([&] {
-        stQueue.Dump(iFD);
-        return 0;
-      });
-    });
+    const std::string strText =
+        CaptureDescriptor([&](int iFD) { stAttempt.Run([&] { stQueue.Dump(iFD); }); });
     const bool bLost = stAttempt.FailsIn({{"write"}}) && stAttempt.Failure().iErrno != 0;
     EXPECT_EQ(bLost ? 8 : 9, std::count(strText.begin(), strText.end(), '\n'));
     ExpectUsable(stQueue);

@@ -99,10 +99,7 @@ TEST(ShmAllocatorCallTest, DetachForgetsTheSegment) {
     const PrivateKey stKey;
     Heap stHeap;
     ASSERT_TRUE(stHeap.Attach(stKey.Key(), HEAP_SIZE, 0, false));
-    stAttempt.Run([&] {
-      stHeap.Detach();
-      return 0;
-    });
+    stAttempt.Run([&] { stHeap.Detach(); });
     EXPECT_EQ(nullptr, stHeap.m_pAddress);
     EXPECT_TRUE(stHeap.Attach(stKey.Key(), HEAP_SIZE, 0, false));
   });
