@@ -39,7 +39,9 @@ const char FIFO_DATA = '1';
 //
 // Segment and FIFO outlive every process and are taken up again with the messages in them; the wake
 // bytes last only while some process has the FIFO open, so a reader pops once before it first
-// waits. Delete() removes the segment; nothing here removes the FIFO. Bytes: docs/formats.md.
+// waits. A writer that died may have left messages without their wake byte, and a Push that they
+// leave no room for wakes nobody: its successor begins with an empty Push. Delete() removes the
+// segment; nothing here removes the FIFO. Bytes: docs/formats.md.
 class MessageQueue : public Object {
  public:
   // The first bytes of the segment; the ring follows. Offsets count from the ring's first byte,
