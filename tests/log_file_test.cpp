@@ -397,10 +397,7 @@ class LogFixedNameTest : public LogTest {
       GTEST_SKIP() << "neither root nor allowed to make a user namespace";
     }
   }
-  bool EnterRoot() const {
-    return (geteuid() == 0 || unshare(CLONE_NEWUSER) == 0) && chroot(m_strRoot.c_str()) == 0 &&
-           chdir("/") == 0;
-  }
+  bool EnterRoot() const { return ::EnterRoot(m_strRoot); }
   // Runs checks in a child below the private root, with a log of the default path.
   void Below(const std::function<void(Log&)>& fnRun) const {
     ForkedPeer stPeer([&] {

@@ -2,6 +2,8 @@
 #define ZELK_TESTS_LOG_TEST_SUPPORT_H
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -62,6 +64,13 @@ inline Lines_t MessagesOf(const std::string& strFile) {
     }
   }
   return vecMessages;
+}
+
+// Has the calling child see a directory as its root, for the logs with a fixed name: the machine's
+// own are never touched. False where neither root nor a user namespace can be had.
+inline bool EnterRoot(const std::string& strRoot) {
+  return (geteuid() == 0 || unshare(CLONE_NEWUSER) == 0) && chroot(strRoot.c_str()) == 0 &&
+         chdir("/") == 0;
 }
 
 // A log of numbered files in a directory that does not exist yet, at noon.
