@@ -1,0 +1,271 @@
+"""Changes the library in small ways, one at a time, and counts what the tests notice.
+
+  tools/mutate [--seed TEXT] [--survivors] [COUNT | SOURCE...]
+
+COUNT       so many mutants, spread over all sources in proportion to their code; default: all
+SOURCE      all mutants of these sources
+--seed      another choice of COUNT mutants
+--survivors only those that the last run in this build tree left alive
+
+survivors.tsv beside this file lists the mutants that may live, each with the reason. The check
+fails when another one lives, when a listed one is noticed or gone, or when fewer than 95 of 100
+mutants are noticed. What the tests cannot tell because the compiler makes the same of it does not
+count, nor does what it refuses. build/mutate has results.tsv and report.md afterwards.
+"""
+
+import argparse
+import collections
+import concurrent.futures
+import pathlib
+import re
+import sys
+import threading
+import time
+
+from mutants import choose, mutants_of, name_of
+from workshop import (BUILD, ROOT, SCRATCH, Bench, CannotCompile, Commands, Failed, Suite,
+                      all_programs, configure_and_build, namespaces)
+
+SURVIVORS = pathlib.Path(__file__).parent / "survivors.tsv"
+RESULTS = BUILD / "results.tsv"
+REPORT = BUILD / "report.md"
+JOBS = 2
+ENOUGH = 95  # of 100
+
+# A source's own tests are those named for it: log.cpp has log_test and log_file_test. Here are
+# those with other names.
+OWN = {
+    "execute_shell2": ["execute_shell_test"],
+    "filesystem_util": ["log_file_test"],
+    "hash_map": ["segment_check_test"],
+    "long_action_util": ["long_action_codec_test", "long_action_method_test",
+                         "long_action_child_test", "long_action_fault_test"],
+    "process_util": ["process_signal_test", "process_title_test"],
+    "reference_scanner": ["config_translate_test", "ini_config_include_test"],
+    "scaled_number": ["config_test", "ini_config_lookup_test"],
+    "shared_word": ["hash_map_test", "shm_allocator_test", "heap_crash_test"],
+    "zelk_variable": ["log_test"],
+}
+# Who else uses it: asked about those that its own tests let live.
+OTHERS = {
+    "config": ["config_generator_test", "reference_scanner_test"],
+    "connection_pool": ["db_connection_pool_test"],
+    "delay_stat": ["hash_map_test"],
+    "filesystem_util": ["message_queue_test"],
+    "hash_map": ["golden_image_test", "heap_crash_test", "zelk_inspect_test"],
+    "ini_config": ["reference_scanner_test"],
+    "long_action_util": ["long_action_load_test", "execute_shell_test"],
+    "message_queue": ["queue_crash_test", "mq_pool_test", "golden_image_test", "segment_check_test"],
+    "mysql_obj": ["db_connection_pool_test"],
+    "regex_util": ["simple_filter_test"],
+    "shm_allocator": ["hash_map_test", "heap_crash_test", "golden_image_test", "segment_check_test"],
+    "state_machine": ["machine_pool_test", "long_action_util_test"],
+    "machine_pool": ["state_machine_test", "long_action_util_test"],
+    "string_util": ["long_action_codec_test"],
+}
+
+
+def stem_of(file):
+    return pathlib.Path(file).stem
+
+
+def own_tests(file, programs, stems):
+    stem = stem_of(file)
+    named = [p for p in programs if p == f"{stem}_test"]
+    for program in sorted(programs):
+        longer = any(len(s) > len(stem) and program.startswith(s + "_") for s in stems)
+        if program.startswith(stem + "_") and program not in named and not longer and \
+                not program.endswith("_crash_test"):
+            named.append(program)
+    return [p for p in named + OWN.get(stem, []) if p in programs]
+
+
+def other_tests(file, programs, own):
+    return [p for p in OTHERS.get(stem_of(file), []) if p in programs and p not in own]
+
+
+def read_sources():
+    files = [*ROOT.glob("common/*.cpp"), *ROOT.glob("common/*.h"), *ROOT.glob("common/internal/*")]
+    names = sorted(str(f.relative_to(ROOT)) for f in files)
+    found = {name: mutants_of(name, (ROOT / name).read_text()) for name in names}
+    return {name: mutants for name, mutants in found.items() if mutants}
+
+
+def read_table(path):
+    if not path.exists():
+        return []
+    return [line.split("\t") for line in path.read_text().splitlines()
+            if line and not line.startswith("# ")]
+
+
+class Check:
+    def __init__(self, chosen, unshare):
+        self.chosen = chosen
+        self.commands = Commands()
+        self.suite = Suite(self.commands)
+        self.benches = [Bench(i, self.commands, unshare) for i in range(JOBS)]
+        self.free = list(self.benches)
+        self.lock = threading.Lock()
+        self.results = {}
+        stems = {stem_of(f) for f in read_sources()}
+        self.own = {m.file: own_tests(m.file, self.suite.programs, stems) for m in chosen}
+        self.others = {f: other_tests(f, self.suite.programs, own) for f, own in self.own.items()}
+
+    def prove(self):
+        """Nothing is said about a mutant by a test that would fail or pass anyway."""
+        names = sorted({p for f in self.own for p in self.own[f] + self.others[f]})
+        for file in self.own:
+            if not self.own[file]:
+                raise Failed(f"no test is named for {file}")
+            if not any(file in inputs for inputs in self.commands.inputs.values()):
+                raise Failed(f"nothing is built from {file}")
+        with concurrent.futures.ThreadPoolExecutor(JOBS) as pool:
+            list(pool.map(lambda i: self.suite.prove(self.benches[i], names[i::JOBS]), range(JOBS)))
+
+    def run(self):
+        with concurrent.futures.ThreadPoolExecutor(JOBS) as pool:
+            list(pool.map(self._try, self.chosen))
+
+    def _try(self, mutant):
+        with self.lock:
+            bench = self.free.pop()
+        try:
+            result, by = self._result(bench, mutant)
+        finally:
+            bench.restore(mutant.file)
+            with self.lock:
+                self.free.append(bench)
+        with self.lock:
+            self.results[mutant] = result, by
+            print(f"[{len(self.results)}/{len(self.chosen)}] {result:10} {mutant.file}:{mutant.line} "
+                  f"{mutant.change} {by and '(' + by + ')'}", flush=True)
+
+    def _result(self, bench, mutant):
+        text = (ROOT / mutant.file).read_text()
+        bench.put(mutant.file, text[:mutant.begin] + mutant.new + text[mutant.end:])
+        uses = [o for o, inputs in self.commands.inputs.items() if mutant.file in inputs]
+        in_library = [o for o in uses if o in self.commands.library_objects]
+        in_tests = [o for name in self.own[mutant.file] for o in self.commands.objects_of_test(name)
+                    if o in uses]
+        try:
+            changed = bench.compile_changed(in_library + in_tests)
+        except CannotCompile:
+            return "refused", ""
+        if not changed:
+            return "same", ""
+        if not bench.link_library(changed):
+            return "refused", ""
+        noticed = self._ask_tests(bench, mutant, changed)
+        if noticed is not None:
+            return "noticed", noticed
+        if bench.same_as_original(mutant.file, list(changed), ["-O2"]):
+            return "same", ""
+        return "alive", ""
+
+    def _ask_tests(self, bench, mutant, changed):
+        linked = {}
+        for name, arguments, limit in self.suite.rounds(self.own[mutant.file],
+                                                        self.others[mutant.file]):
+            if name not in linked:
+                linked[name] = self._program(bench, name, changed)
+            trial = bench.run(linked[name], ["--gtest_fail_fast", "--gtest_color=no", *arguments],
+                              limit)
+            if not trial.passed:
+                failed = re.search(r"^\[  FAILED  \] (\S+?)[, ]", trial.output, re.M)
+                running = re.findall(r"^\[ RUN      \] (\S+)", trial.output, re.M)
+                how = "too slow" if trial.timed_out else "failed" if failed else "crashed"
+                return f"{failed.group(1) if failed else (running or [name])[-1]} {how}"
+        return None
+
+    def _program(self, bench, name, changed):
+        """The test program, linked anew when what it includes has changed."""
+        if not any(o in changed for o in self.commands.objects_of_test(name)):
+            return self.suite.programs[name]
+        path = self.suite.programs[name].relative_to(BUILD)
+        output = bench.path / "programs" / name
+        if not bench.link(str(path), output, changed):
+            raise Failed(f"{name} can not be linked")
+        return output
+
+
+def write_report(results, listed, seconds, arguments):
+    rows = collections.OrderedDict()
+    for mutant, (result, _) in sorted(results.items()):
+        rows.setdefault(mutant.file, collections.Counter())[result] += 1
+        if result == "alive" and name_of(mutant) in listed:
+            rows[mutant.file]["listed"] += 1
+    total = sum(rows.values(), collections.Counter())
+    lines = ["| source | mutants | noticed | alive, with a reason | alive | same code | refused |",
+             "|---|---|---|---|---|---|---|"]
+    for name, row in [*rows.items(), ("**all**", total)]:
+        lines.append(f"| {name} | {row['noticed'] + row['alive']} | {row['noticed']} | {row['listed']} | "
+                     f"{row['alive'] - row['listed']} | {row['same']} | {row['refused']} |")
+    count = total["noticed"] + total["alive"]
+    share = 100 * total["noticed"] / max(1, count)
+    lines += ["", f"{count} mutants, {total['noticed']} noticed ({share:.1f} %), {total['alive']} alive, "
+              f"of them {total['listed']} with a reason; {total['same']} more are the same code. "
+              f"`script/mutate {' '.join(arguments)}`, {seconds / 60:.0f} minutes."]
+    REPORT.write_text("\n".join(lines) + "\n")
+    print("\n".join(lines))
+    return share
+
+
+def judge(results, listed, everything, share):
+    """What is wrong, one line each."""
+    wrong = []
+    for mutant, (result, by) in results.items():
+        name = name_of(mutant)
+        if result == "alive" and name not in listed:
+            wrong.append(f"alive: {mutant.file}:{mutant.line}: {mutant.text}\n       {mutant.change}")
+        if result == "noticed" and name in listed:
+            wrong.append(f"listed, but noticed by {by}: {mutant.file}:{mutant.line} {mutant.change}")
+    known = {name_of(m) for found in everything.values() for m in found}
+    wrong += [f"listed, but gone: {' | '.join(name)}" for name in listed if name not in known]
+    if share < ENOUGH:
+        wrong.append(f"{share:.1f} % noticed, {ENOUGH} % are wanted")
+    return wrong
+
+
+def select(arguments, everything):
+    if arguments.survivors:
+        alive = {tuple(row[1:]) for row in read_table(RESULTS) if row[0] == "alive"}
+        return [m for found in everything.values() for m in found if name_of(m) in alive]
+    if len(arguments.what) == 1 and arguments.what[0].isdigit():
+        return choose(everything, int(arguments.what[0]), arguments.seed)
+    unknown = [what for what in arguments.what if what not in everything]
+    if unknown:
+        sys.exit(f"mutate: no code to change in {unknown[0]}")
+    return [m for file in arguments.what or everything for m in everything[file]]
+
+
+def main():
+    parser = argparse.ArgumentParser(usage=__doc__)
+    parser.add_argument("--seed", default="1")
+    parser.add_argument("--survivors", action="store_true")
+    parser.add_argument("what", nargs="*")
+    arguments = parser.parse_args()
+    everything = read_sources()
+    chosen = select(arguments, everything)
+    unshare = namespaces()
+    if unshare is None:
+        sys.exit("mutate: needs root or user namespaces: mutants run in namespaces of their own")
+    begin = time.monotonic()
+    configure_and_build()
+    check = Check(chosen, unshare)
+    try:
+        check.prove()
+        print(f"mutate: {len(chosen)} mutants; the tests pass without one and notice a broken library",
+              flush=True)
+        check.run()
+    except Failed as failure:
+        sys.exit(f"mutate: {failure}")
+    RESULTS.write_text("".join("\t".join((result, *name_of(m))) + "\n"
+                               for m, (result, _) in check.results.items()))
+    listed = {tuple(row[:4]): row[4] for row in read_table(SURVIVORS)}
+    share = write_report(check.results, listed, time.monotonic() - begin, sys.argv[1:])
+    wrong = judge(check.results, listed, everything, share)
+    print("\n".join(wrong))
+    sys.exit(1 if wrong else 0)
+
+
+main()

@@ -1,0 +1,266 @@
+"""Builds mutated libraries and runs tests against them, each run shut up in namespaces of its own."""
+
+import collections
+import filecmp
+import json
+import os
+import pathlib
+import re
+import shlex
+import shutil
+import signal
+import subprocess
+import threading
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILD = ROOT / "build" / "mutate"
+SCRATCH = BUILD / "scratch"
+LIBRARY = "common/libzelk_common.so"
+SLOW_CASE = 0.3  # seconds; such a case runs in the second round
+
+# A mutant may do anything. It sees no processes, segments, queues and networks but its own, may
+# write only below its own directory, and all that it has started ends with it.
+NAMESPACES = ["unshare", "--mount", "--pid", "--fork", "--mount-proc", "--ipc", "--net", "--kill-child"]
+INSIDE = r"""
+set -e
+ip link set lo up
+mount -t tmpfs -o size=1g none "$PLACE"
+if [ "$SHUT" = 1 ]; then
+  mount --rbind "$ROOT" "$ROOT"
+  mount -o remount,bind,ro "$ROOT"
+  case $ROOT in
+    /tmp/*) ;;
+    *) mount --bind "$PLACE" /tmp && mount -o remount,bind,ro / ;;
+  esac
+fi
+cd "$PLACE"
+export TMPDIR=$PLACE HOME=$PLACE
+ulimit -c 0
+ulimit -v 16000000
+set +e
+"$@"
+exit $?
+"""
+
+Trial = collections.namedtuple("Trial", "passed timed_out output")
+Case = collections.namedtuple("Case", "name seconds")
+
+
+class CannotCompile(Exception):
+    pass
+
+
+class Failed(Exception):
+    """Of the check itself, not of a mutant."""
+
+
+def namespaces():
+    """The command that shuts a test program up; None when this user may not."""
+    for command in (NAMESPACES, [*NAMESPACES[:1], "--user", "--map-root-user", *NAMESPACES[1:]]):
+        tried = subprocess.run([*command, "ip", "link", "set", "lo", "up"], capture_output=True)
+        if tried.returncode == 0:
+            return command
+    return None
+
+
+def configure_and_build():
+    """The library and its tests, without the example server's and without anything slow."""
+    subprocess.run(
+        ["cmake", "-G", "Ninja", "-S", ROOT, "-B", BUILD, "-DCMAKE_BUILD_TYPE=Release",
+         "-DCMAKE_CXX_FLAGS_RELEASE=-O1 -DNDEBUG", "-DZELK_BUILD_EXAMPLES=OFF",
+         "-DZELK_BUILD_BENCH=OFF", "-DZELK_INSTALL=OFF"],
+        check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--build", BUILD, "--", "--quiet"], check=True)
+
+
+class Commands:
+    """How the build compiles and links, and which object has been made from which files."""
+
+    def __init__(self):
+        entries = json.loads((BUILD / "compile_commands.json").read_text())
+        self.compile = {}
+        for entry in entries:
+            output = re.search(r" -o (\S+)", entry["command"]).group(1)
+            self.compile[output] = entry["command"]
+        self.inputs = self._inputs()
+        self.library_objects = [o for o in self.compile if o.startswith("common/")]
+        self.link_cache = {}
+
+    @staticmethod
+    def _inputs():
+        inputs, current = {}, None
+        text = subprocess.run(["ninja", "-C", BUILD, "-t", "deps"], check=True, capture_output=True,
+                              text=True).stdout
+        for line in text.splitlines():
+            if line and not line[0].isspace():
+                current = inputs.setdefault(line.split(":")[0], set())
+            elif line.strip():
+                path = os.path.normpath(BUILD / line.strip())
+                if path.startswith(f"{ROOT}/"):
+                    current.add(os.path.relpath(path, ROOT))
+        return inputs
+
+    def link(self, target):
+        if target not in self.link_cache:
+            text = subprocess.run(["ninja", "-C", BUILD, "-t", "commands", target], check=True,
+                                  capture_output=True, text=True).stdout
+            output = "libzelk_common.so.1.0.0" if target == LIBRARY else target
+            linked = [line for line in text.splitlines() if re.search(rf"-o \S*{output} ", line)][-1]
+            self.link_cache[target] = linked.removeprefix(": && ").split(" && ")[0]
+        return self.link_cache[target]
+
+    def objects_of_test(self, program):
+        return [o for o in self.compile if o.startswith(f"tests/CMakeFiles/{program}.dir/") or
+                o.startswith(f"tests/crash/CMakeFiles/{program}.dir/")]
+
+
+def all_programs():
+    found = [*(BUILD / "tests").glob("*_test"), *(BUILD / "tests" / "crash").glob("*_test")]
+    return {path.name: path for path in found}
+
+
+class Bench:
+    """A place where one mutant at a time is built and tried."""
+
+    def __init__(self, number, commands, unshare):
+        self.path = SCRATCH / str(number)
+        self.commands, self.unshare = commands, unshare
+        shutil.rmtree(self.path, ignore_errors=True)
+        self.sources = self.path / "source"
+        self.objects = self.path / "objects"
+        self.library = self.path / "library"
+        self.place = self.path / "place"
+        for directory in (self.objects, self.library, self.place, self.path / "programs"):
+            directory.mkdir(parents=True)
+        shutil.copytree(ROOT / "common", self.sources / "common")
+
+    def put(self, file, text):
+        (self.sources / file).write_text(text)
+
+    def restore(self, file):
+        self.put(file, (ROOT / file).read_text())
+
+    def compile(self, name, options=()):
+        """Compiles an object of the build from this place's sources; returns its path."""
+        output = self.objects / name.replace("/", "_")
+        command = self.commands.compile[name].replace(f"{ROOT}/common", f"{self.sources}/common")
+        words = shlex.split(command)
+        words[words.index("-o") + 1] = str(output)
+        words += ["-w", f"-ffile-prefix-map={self.sources}/=", *options]
+        if subprocess.run(words, cwd=BUILD, capture_output=True).returncode != 0:
+            raise CannotCompile
+        return output
+
+    def compile_changed(self, names):
+        """Compiles and returns those of the objects that are not as the build made them."""
+        changed = {}
+        for name in names:
+            output = self.compile(name)
+            if not filecmp.cmp(output, BUILD / name, shallow=False):
+                changed[name] = output
+        return changed
+
+    def same_as_original(self, file, names, options=()):
+        """The objects do not tell the mutant, which is in place now, from the original."""
+        mutated = (self.sources / file).read_text()
+        for name in names:
+            changed = self.compile(name, options)
+            kept = changed.rename(str(changed) + ".mutated")
+            self.restore(file)
+            same = filecmp.cmp(kept, self.compile(name, options), shallow=False)
+            self.put(file, mutated)
+            if not same:
+                return False
+        return True
+
+    def link(self, target, output, objects):
+        """Links a target of the build with some of its objects replaced; returns success."""
+        words = shlex.split(self.commands.link(target))
+        words = [str(objects.get(word, word)) for word in words]
+        words[words.index("-o") + 1] = str(output)
+        return subprocess.run(words, cwd=BUILD, capture_output=True).returncode == 0
+
+    def link_library(self, objects):
+        return self.link(LIBRARY, self.library / "libzelk_common.so.1", objects)
+
+    def run(self, program, arguments, limit, shut=True):
+        environment = {k: v for k, v in os.environ.items() if not k.startswith("GTEST_")}
+        environment.update(ROOT=str(ROOT), PLACE=str(self.place), SHUT="1" if shut else "0",
+                           LD_LIBRARY_PATH=str(self.library))
+        with open(self.path / "output", "w+b") as output:
+            child = subprocess.Popen(
+                [*self.unshare, "bash", "-c", INSIDE, "bash", str(program), *arguments],
+                stdin=subprocess.DEVNULL, stdout=output, stderr=output, env=environment,
+                start_new_session=True)
+            timed_out = False
+            try:
+                child.wait(limit)
+            except subprocess.TimeoutExpired:
+                timed_out = True
+                os.killpg(child.pid, signal.SIGKILL)
+                child.wait()
+            output.seek(max(0, os.fstat(output.fileno()).st_size - 4000000))
+            text = output.read().decode(errors="replace")
+        return Trial(child.returncode == 0, timed_out, text)
+
+
+class Suite:
+    """The test programs, what each case of them takes, and the proof that they are fit."""
+
+    def __init__(self, commands):
+        self.programs = all_programs()
+        self.commands = commands
+        self.cases = {}
+        self.lock = threading.Lock()
+
+    def prove(self, bench, names):
+        """Each program passes with the library as it is, and fails with one that ends at once."""
+        bench.link_library({})
+        for name in names:
+            if name in self.cases:
+                continue
+            trial = bench.run(self.programs[name], ["--gtest_color=no"], 600)
+            if not trial.passed:  # some make a file in the build tree the first time
+                bench.run(self.programs[name], ["--gtest_color=no"], 600, shut=False)
+                trial = bench.run(self.programs[name], ["--gtest_color=no"], 600)
+            if not trial.passed:
+                raise Failed(f"{name} fails without any mutant:\n{trial.output[-3000:]}")
+            self.cases[name] = [Case(*m) for m in self._times(trial.output)]
+        self._prove_that_the_library_counts(bench, names)
+
+    @staticmethod
+    def _times(output):
+        for match in re.finditer(r"^\[       OK \] (\S+?)(?:, where .*)? \((\d+) ms\)", output, re.M):
+            yield match.group(1), int(match.group(2)) / 1000
+
+    def _prove_that_the_library_counts(self, bench, names):
+        source, broken = bench.objects / "broken.cpp", bench.objects / "broken.o"
+        source.write_text("#include <unistd.h>\n__attribute__((constructor)) void Break() { _exit(3); }\n")
+        subprocess.run(["c++", "-fPIC", "-c", source, "-o", broken], check=True)
+        first = self.commands.library_objects[0]
+        original = BUILD / first
+        merged = bench.objects / "merged.o"
+        subprocess.run(["ld", "-r", original, broken, "-o", merged], check=True)
+        if not bench.link_library({first: merged}):
+            raise Failed("the library that is broken on purpose can not be linked")
+        for name in names:
+            if bench.run(self.programs[name], ["--gtest_color=no"], 60).passed:
+                raise Failed(f"{name} passes with a broken library: it loads another one")
+
+    def rounds(self, own, others):
+        """Program and arguments: the quick cases of the source's own tests, then the slow ones, then
+        the others' tests."""
+        for name in own:
+            slow = [c.name for c in self.cases[name] if c.seconds >= SLOW_CASE]
+            if len(slow) < len(self.cases[name]):
+                yield name, ["--gtest_filter=*" + ("-" + ":".join(slow) if slow else "")], self._limit(name, False)
+        for name in own:
+            slow = [c.name for c in self.cases[name] if c.seconds >= SLOW_CASE]
+            if slow:
+                yield name, ["--gtest_filter=" + ":".join(slow)], self._limit(name, True)
+        for name in others:
+            yield name, [], self._limit(name, True)
+
+    def _limit(self, name, slow):
+        seconds = sum(c.seconds for c in self.cases[name] if slow or c.seconds < SLOW_CASE)
+        return 6 + 5 * seconds
