@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <new>
 #include <string>
 
@@ -31,6 +32,10 @@
 //
 // The header is packed, which rules out std::atomic and the __atomic built-ins on its fields: a
 // fence and a plain access instead. On x86-64 both compilers make one move of it.
+//
+// Nor is the header trusted. Whoever may attach may write anything there, at any moment: a call
+// copies it once, and touches the ring only when the copy's offsets lie in the ring and the ring in
+// the segment, whose size the kernel tells. A record's length is copied and compared likewise.
 
 namespace {
 
@@ -78,8 +83,42 @@ void DropNew(int iShmID, bool bCreated) {
   }
 }
 
-uint32_t Used(uint32_t iRing, uint32_t iRead, uint32_t iWrite) {
-  return iWrite >= iRead ? iWrite - iRead : iRing + iWrite - iRead;
+// What a call goes by: a copy of the header, which volatile keeps the compiler from reading again.
+struct Header_t {
+  explicit Header_t(const volatile MessageQueue::ShmHead* pHead)
+      : iRing(pHead->iSize), iRead(pHead->iReadOffset), iWrite(pHead->iWriteOffset) {}
+
+  uint32_t Used() const { return iWrite >= iRead ? iWrite - iRead : iRing + iWrite - iRead; }
+  uint32_t Free() const { return iRing - Used() - 1; }
+
+  const uint32_t iRing;
+  const uint32_t iRead;
+  const uint32_t iWrite;
+};
+
+// The true sizes of the segments that are larger than their attach was told, by address. They stand
+// here because the objects' layout is fixed: hosts were compiled with it.
+std::map<const void*, size_t> g_mapLargeSegments;
+
+// When the kernel does not tell, what was asked for stays the limit.
+void NoteSize(int iShmID, const void* pSegment, uint32_t iAttached) {
+  shmid_ds stStatus;
+  if (shmctl(iShmID, IPC_STAT, &stStatus) == 0 && stStatus.shm_segsz > iAttached) {
+    g_mapLargeSegments[pSegment] = stStatus.shm_segsz;
+  }
+}
+
+bool IsInLargeSegment(uint32_t iRing, const void* pSegment) {
+  const auto it = g_mapLargeSegments.find(pSegment);
+  return it != g_mapLargeSegments.end() && uint64_t{iRing} + HEAD_SIZE <= it->second;
+}
+
+// Whether the offsets lie in the ring and the ring in the segment. The segment has at least the
+// iAttached bytes that were asked for: the kernel gives no smaller one.
+bool IsSound(const Header_t& stHeader, const void* pSegment, uint32_t iAttached) {
+  return std::max(stHeader.iRead, stHeader.iWrite) < stHeader.iRing &&
+         (uint64_t{stHeader.iRing} + HEAD_SIZE <= iAttached ||
+          IsInLargeSegment(stHeader.iRing, pSegment));
 }
 
 // 64 bits: in a ring above 2 GiB the sum of an offset and a size may need them.
@@ -154,10 +193,36 @@ class Cursor {
     }
   }
 
+  void WriteLength(uint32_t iLength) {
+    if (LENGTH_SIZE < Tail()) {
+      memcpy(m_pPlace, &iLength, LENGTH_SIZE);
+      m_pPlace += LENGTH_SIZE;
+    } else {
+      WriteLengthOverEnd(*this, iLength);
+      m_pPlace = m_pRing + (LENGTH_SIZE - Tail());
+    }
+  }
+
+  uint32_t ReadLength() {
+    uint32_t iLength = 0;
+    if (LENGTH_SIZE < Tail()) {
+      memcpy(&iLength, m_pPlace, LENGTH_SIZE);
+      m_pPlace += LENGTH_SIZE;
+    } else {
+      iLength = ReadLengthOverEnd(*this);
+      m_pPlace = m_pRing + (LENGTH_SIZE - Tail());
+    }
+    asm("" : "+r"(iLength));  // else the compiler might read it again once it is checked
+    return iLength;
+  }
+
  private:
   size_t Tail() const { return static_cast<size_t>(m_pRingEnd - m_pPlace); }
   void WriteOverEnd(const char* pFrom, uint32_t iSize);
   void ReadOverEnd(char* pTo, uint32_t iSize);
+  // Out of line and by value: else every Push and Pop pays for a local whose address is taken.
+  static void WriteLengthOverEnd(Cursor stCursor, uint32_t iLength);
+  static uint32_t ReadLengthOverEnd(Cursor stCursor);
 
   char* const m_pRing;
   char* const m_pRingEnd;
@@ -179,6 +244,16 @@ void Cursor::ReadOverEnd(char* pTo, uint32_t iSize) {
   CopyPieces(pTo, m_pPlace, iTail);
   CopyPieces(pTo + iTail, m_pRing, iSize - iTail);
   m_pPlace = m_pRing + (iSize - iTail);
+}
+
+[[gnu::noinline]] void Cursor::WriteLengthOverEnd(Cursor stCursor, uint32_t iLength) {
+  stCursor.WriteOverEnd(reinterpret_cast<const char*>(&iLength), LENGTH_SIZE);
+}
+
+[[gnu::noinline]] uint32_t Cursor::ReadLengthOverEnd(Cursor stCursor) {
+  uint32_t iLength = 0;
+  stCursor.ReadOverEnd(reinterpret_cast<char*>(&iLength), LENGTH_SIZE);
+  return iLength;
 }
 
 }  // namespace
@@ -225,6 +300,8 @@ int MessageQueue::AttachWithKey(const char* pPath, key_t iKey, unsigned int iSiz
   m_iSize = iSize;
   if (bCreated) {
     Init();
+  } else {
+    NoteSize(m_iShmID, m_pAddress, iSize);
   }
   m_bReadyFlag = true;
   return 0;
@@ -262,11 +339,10 @@ int MessageQueue::Init() {
 }
 
 int MessageQueue::Push(const BufferVec_t* pVec, unsigned int iCount) {
-  const uint32_t iRing = m_pShmHead->iSize;
-  const uint32_t iWrite = m_pShmHead->iWriteOffset;
+  const Header_t stHeader(m_pShmHead);
   if (iCount == 0) {
     // Deliberately not nothing: it wakes the reader and brings a stray offset back into the ring.
-    m_pShmHead->iWriteOffset = Wrapped(iWrite, iRing);
+    m_pShmHead->iWriteOffset = Wrapped(stHeader.iWrite, stHeader.iRing);
     Wake();
     return 0;
   }
@@ -274,65 +350,68 @@ int MessageQueue::Push(const BufferVec_t* pVec, unsigned int iCount) {
   for (unsigned int i = 0; i < iCount; ++i) {
     iTotal += pVec[i].iSize + LENGTH_SIZE;
   }
-  const uint32_t iRead = m_pShmHead->iReadOffset;
-  if (iRing - Used(iRing, iRead, iWrite) - 1 < iTotal) {
+  if (stHeader.Free() < iTotal) {
+    return 0;
+  }
+  if (!IsSound(stHeader, m_pAddress, m_iSize)) {
+    // Deliberately fatal in a ring of size 0, which its creator has not yet, or never, initialised.
+    const char* const pBegin = m_pBegin;
+    const char* const pEnd = m_pBegin + stHeader.iRing;
+    assert(pEnd > pBegin);
     return 0;
   }
   // Pairs with the release in Pop: the bytes that are overwritten have been copied out.
   std::atomic_thread_fence(std::memory_order_acquire);
-  Cursor stCursor(m_pBegin, iRing, iWrite);
+  const uint32_t iWrite = Wrapped(uint64_t{stHeader.iWrite} + iTotal, stHeader.iRing);
+  Cursor stCursor(m_pBegin, stHeader.iRing, stHeader.iWrite);
   for (unsigned int i = 0; i < iCount; ++i) {
-    char szLength[LENGTH_SIZE];
-    memcpy(szLength, &pVec[i].iSize, LENGTH_SIZE);
-    stCursor.Write(szLength, LENGTH_SIZE);
+    stCursor.WriteLength(pVec[i].iSize);
     stCursor.Write(pVec[i].pData, pVec[i].iSize);
   }
   // Pairs with the acquire in Pop: the records are in place.
   std::atomic_thread_fence(std::memory_order_release);
-  m_pShmHead->iWriteOffset = Wrapped(uint64_t{iWrite} + iTotal, iRing);
+  m_pShmHead->iWriteOffset = iWrite;
   Wake();
   return static_cast<int>(iCount);
 }
 
 int MessageQueue::Pop(BufferVec_t* pVec, unsigned int iCount) {
-  const uint32_t iRing = m_pShmHead->iSize;
-  const uint32_t iRead = m_pShmHead->iReadOffset;
-  uint32_t iAvailable = Used(iRing, iRead, m_pShmHead->iWriteOffset);
+  const Header_t stHeader(m_pShmHead);
+  uint32_t iUsed = stHeader.Used();
+  if (iUsed >= LENGTH_SIZE && !IsSound(stHeader, m_pAddress, m_iSize)) {
+    iUsed = 0;  // takes nothing, but brings a stray read offset back into the ring
+  }
   // Pairs with the release in Push: the records up to the write offset are in place.
   std::atomic_thread_fence(std::memory_order_acquire);
-  Cursor stCursor(m_pBegin, iRing, iRead);
-  uint32_t iConsumed = 0;
+  Cursor stCursor(m_pBegin, stHeader.iRing, stHeader.iRead);
+  uint32_t iLeft = iUsed;
   unsigned int n = 0;
-  for (; n < iCount && iAvailable >= LENGTH_SIZE; ++n) {
-    BufferVec_t stMessage;
-    stCursor.Read(reinterpret_cast<char*>(&stMessage.iSize), LENGTH_SIZE);
-    iAvailable -= LENGTH_SIZE;
-    if (iAvailable < stMessage.iSize) {
+  for (; n < iCount && iLeft >= LENGTH_SIZE; ++n) {
+    const uint32_t iSize = stCursor.ReadLength();
+    if (iLeft - LENGTH_SIZE < iSize) {
       break;  // not a whole record; no sound writer publishes one
     }
-    stMessage.pData = new (std::nothrow) char[stMessage.iSize];
-    if (stMessage.pData == nullptr) {
+    char* const pData = new (std::nothrow) char[iSize];
+    if (pData == nullptr) {
       break;
     }
-    stCursor.Read(stMessage.pData, stMessage.iSize);
-    pVec[n] = stMessage;
-    iAvailable -= stMessage.iSize;
-    iConsumed += LENGTH_SIZE + stMessage.iSize;
+    stCursor.Read(pData, iSize);
+    pVec[n].pData = pData;
+    pVec[n].iSize = iSize;
+    iLeft -= LENGTH_SIZE + iSize;
   }
   // Pairs with the acquire in Push: the bytes given up have been copied out.
   std::atomic_thread_fence(std::memory_order_release);
-  const uint32_t iReadNow = Wrapped(uint64_t{iRead} + iConsumed, iRing);
-  if (iReadNow != iRead) {  // an empty Pop leaves the header's cache line with the writer
-    m_pShmHead->iReadOffset = iReadNow;
+  const uint32_t iRead = Wrapped(uint64_t{stHeader.iRead} + iUsed - iLeft, stHeader.iRing);
+  if (iRead != stHeader.iRead) {  // an empty Pop leaves the header's cache line with the writer
+    m_pShmHead->iReadOffset = iRead;
   }
   return static_cast<int>(n);
 }
 
-unsigned int MessageQueue::CanReadSize() {
-  return Used(m_pShmHead->iSize, m_pShmHead->iReadOffset, m_pShmHead->iWriteOffset);
-}
+unsigned int MessageQueue::CanReadSize() { return Header_t(m_pShmHead).Used(); }
 
-unsigned int MessageQueue::CanWriteSize() { return m_pShmHead->iSize - CanReadSize() - 1; }
+unsigned int MessageQueue::CanWriteSize() { return Header_t(m_pShmHead).Free(); }
 
 void MessageQueue::Wake() const {
   const ssize_t iIgnored = write(m_iFifoFD, &FIFO_DATA, sizeof(FIFO_DATA));
@@ -352,6 +431,7 @@ bool MessageQueue::Ready() { return m_bReadyFlag; }
 int MessageQueue::Detach() {
   const ErrnoKeeper stKeeper;
   if (m_pAddress != DETACHED) {
+    g_mapLargeSegments.erase(m_pAddress);
     shmdt(m_pAddress);
     m_pAddress = DETACHED;
   }

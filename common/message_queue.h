@@ -37,6 +37,14 @@ const char FIFO_DATA = '1';
 // in it, but a Push ends the process by an assertion: let the first attach of a new queue return
 // before another process begins to write.
 //
+// Hostile bytes: nothing in the segment is trusted. Whatever stands there, and whoever changes it
+// during a call, no operation reads or writes outside of the segment or runs without end, and Pop
+// allocates no message larger than the segment. While the header makes no sense (an offset outside
+// of the ring, a ring beyond the segment's end) Push returns 0 and Pop gives nothing; both go on
+// when it makes sense again. Not promised against one who may write there: what messages say, that
+// none is lost or made up, that a Push ever finds room, what the sizes and Dump tell, an end to
+// ClearFifo while he fills the FIFO, and that he can not end a writer by the ring size 0 above.
+//
 // Segment and FIFO outlive every process and are taken up again with the messages in them; the wake
 // bytes last only while some process has the FIFO open, so a reader pops once before it first
 // waits. A writer that died may have left messages without their wake byte, and a Push that they
@@ -79,11 +87,12 @@ class MessageQueue : public Object {
 
   // Appends iCount messages in order and wakes the reader once. pVec is only read.
   //
-  // Returns iCount, or 0 when the ring lacks room for all of them (payload plus 4 bytes each):
-  // then nothing was written and nobody woken. The reader sees all messages of a call or none.
-  // iCount 0 wakes the reader and returns 0. A FIFO that is full stays so: its reader has wake
-  // bytes enough. The sizes of one call must add up to less than 4 GiB. Writer only. Never blocks,
-  // never allocates; one copy of each byte and one write(2) a call, so batches pay.
+  // Returns iCount, or 0 when the ring lacks room for all of them (payload plus 4 bytes each) or
+  // the header makes no sense: then nothing was written and nobody woken. The reader sees all
+  // messages of a call or none. iCount 0 wakes the reader and returns 0. A FIFO that is full stays
+  // so: its reader has wake bytes enough. The sizes of one call must add up to less than 4 GiB.
+  // Writer only. Never blocks, never allocates; one copy of each byte and one write(2) a call, so
+  // batches pay.
   int Push(const BufferVec_t* pVec, unsigned int iCount);
 
   // Takes up to iCount messages into pVec, returns how many. Each pData is a new array of iSize
