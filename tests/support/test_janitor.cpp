@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -22,6 +23,7 @@ const int SERVER_TRIES = 300;
 const int SERVER_PAUSE_MS = 100;
 
 std::string g_strDirectory;
+int g_iLifeFD = -1;  // the pipe's end that is open as long as the program runs
 
 std::string KeyFile() { return g_strDirectory + "/keys"; }
 
@@ -67,7 +69,20 @@ void CleanUp() {
   std::filesystem::remove_all(g_strDirectory, stIgnored);
 }
 
+// Readable when the program has ended. valgrind has no pidfd_open(): a pipe does, which waits for
+// the program's forked children too.
+int WatchProgram() {
+  const auto iProgramFD = static_cast<int>(syscall(SYS_pidfd_open, getpid(), 0));
+  int arrPipe[2];
+  if (iProgramFD != -1 || errno != ENOSYS || pipe2(arrPipe, O_CLOEXEC) != 0) {
+    return iProgramFD;
+  }
+  g_iLifeFD = arrPipe[1];
+  return arrPipe[0];
+}
+
 [[noreturn]] void RunJanitor(int iProgramFD) {
+  close(g_iLifeFD);
   setsid();  // a signal to the test program's group spares us
   signal(SIGINT, SIG_IGN);
   signal(SIGTERM, SIG_IGN);
@@ -87,7 +102,7 @@ void CleanUp() {
 void StartJanitor() {
   const char* pTmp = getenv("TMPDIR");
   g_strDirectory = std::string(pTmp != nullptr ? pTmp : "/tmp") + "/zelk_test_XXXXXX";
-  const auto iProgramFD = static_cast<int>(syscall(SYS_pidfd_open, getpid(), 0));
+  const auto iProgramFD = WatchProgram();
   if (mkdtemp(g_strDirectory.data()) == nullptr || iProgramFD == -1) {
     perror("janitor");
     _exit(1);
