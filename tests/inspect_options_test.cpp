@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 #include <string>
@@ -52,6 +53,41 @@ TEST(InspectOptionsTest, WrongUsageIsSaid) {
   }
 }
 
+TEST(InspectOptionsTest, OptionThatTheCommandDoesNotTakeIsNotIgnored) {
+  EXPECT_EQ("queue takes no --keys", ErrorOf({"queue", "1", "--keys=*"}));
+  EXPECT_EQ("verify takes no --watch", ErrorOf({"--watch", "verify", "1"}));
+  EXPECT_EQ("remove takes no --json", ErrorOf({"remove", "1", "--yes", "--json"}));
+  EXPECT_EQ("list takes no --yes", ErrorOf({"list", "--all", "--yes"}));
+  EXPECT_EQ("log takes no --limit", ErrorOf({"log", "file", "--limit=1"}));
+  EXPECT_EQ("heap takes no --bytes", ErrorOf({"heap", "1", "--limit=1", "--bytes=1"}));
+  EXPECT_EQ("table takes no --foreign", ErrorOf({"table", "1", "--bytes=1", "--foreign"}));
+}
+
+TEST(InspectOptionsTest, EveryCommandTakesItsOptions) {
+  const std::vector<std::string> vecLook = {"--json", "--watch", "--count=1", "--rate=1"};
+  std::map<std::string, std::vector<std::string>> mapTaken = {
+      {"queue", vecLook}, {"heap", vecLook}, {"table", vecLook}, {"log", vecLook}};
+  for (const auto& [strCommand, strOption] :
+       std::multimap<std::string, std::string>{{"queue", "--messages=1"},
+                                               {"queue", "--bytes=1"},
+                                               {"heap", "--limit=1"},
+                                               {"table", "--limit=1"},
+                                               {"table", "--keys=*"},
+                                               {"table", "--values"},
+                                               {"table", "--bytes=1"},
+                                               {"verify", "--json"},
+                                               {"verify", "--limit=1"},
+                                               {"remove", "--yes"},
+                                               {"remove", "--foreign"}}) {
+    mapTaken[strCommand].push_back(strOption);
+  }
+  for (auto& [strCommand, vecArguments] : mapTaken) {
+    vecArguments.insert(vecArguments.begin(), {strCommand, "1"});
+    EXPECT_EQ("", ErrorOf(vecArguments));
+  }
+  EXPECT_EQ("", ErrorOf({"list", "--all", "--json"}));
+}
+
 // Words of a text that begin with two dashes, without a value behind "=".
 std::set<std::string> OptionsOf(std::string strText) {
   for (char& c : strText) {
@@ -72,7 +108,7 @@ TEST(InspectOptionsTest, TheManualKnowsEveryOptionOfTheHelp) {
   std::ifstream stFile(MANUAL_PAGE);
   std::string strManual((std::istreambuf_iterator<char>(stFile)), {});
   const std::set<std::string> setOptions = OptionsOf(HELP_TEXT);
-  EXPECT_EQ(13u, setOptions.size());
+  EXPECT_EQ(14u, setOptions.size());
   for (const std::string& strOption : setOptions) {
     EXPECT_NE(std::string::npos, strManual.find("Fl Fl " + strOption.substr(2))) << strOption;
     const std::string strError = ErrorOf({strOption + "=1", "list"});

@@ -100,9 +100,9 @@ TEST_F(InspectQueueTest, JsonHasTheSame) {
 // Whoever attached was the last to do so; a trace that is the same saw nobody, however shortly.
 TEST_F(InspectQueueTest, NothingIsAttachedToAQueueInUse) {
   const std::string strBefore = AttachmentTrace(m_stKey.Key());
-  for (const char* pCommand : {"queue", "verify", "remove"}) {
-    RunTool({pCommand, Name(), "--rate=0.01", "--yes"});
-  }
+  RunTool({"queue", Name(), "--rate=0.01"});
+  RunTool({"verify", Name()});
+  RunTool({"remove", Name(), "--yes"});
   RunTool({"list", "--all"});
   EXPECT_EQ(0, RunTool({"queue", Name(), "--watch=0.01", "--count=5"}).iExit);
   EXPECT_EQ(strBefore, AttachmentTrace(m_stKey.Key()));
@@ -186,6 +186,44 @@ TEST_F(InspectQueueTest, TheEndOfALongAnswerIsNoAnswerToTheNextQuestion) {
     ASSERT_EQ(0, Attachments(m_stKey.Key())) << iBefore;
     ASSERT_EQ(0, access(m_strFifo.c_str(), F_OK)) << iBefore;
   }
+}
+
+TEST(InspectRemoveTest, WhatIsNotOursIsRemovedWithoutAQuestionOnlyWhenToldSo) {
+  const PrivateKey stKey;
+  const std::string strName = KeyName(stKey.Key());
+  ASSERT_NE(-1, shmget(stKey.Key(), 100, IPC_CREAT | 0600));
+  const ToolRun_t stRun = RunTool({"remove", "--yes", strName});
+  EXPECT_EQ(3, stRun.iExit);
+  EXPECT_EQ("zelk-inspect: " + strName + ": not one of our formats, kept; --foreign removes it\n",
+            stRun.strError);
+  ASSERT_EQ(0, Attachments(stKey.Key()));
+  EXPECT_EQ(0, RunTool({"remove", "--yes", "--foreign", strName}).iExit);
+  EXPECT_EQ(-1, Attachments(stKey.Key()));
+}
+
+TEST(InspectRemoveTest, AfterAYesToTheQuestionWhatIsNotOursIsRemovedToo) {
+  const PrivateKey stKey;
+  ASSERT_NE(-1, shmget(stKey.Key(), 100, IPC_CREAT | 0600));
+  const ToolRun_t stRun = RunTool({"remove", KeyName(stKey.Key())}, "y\n");
+  EXPECT_EQ(0, stRun.iExit);
+  EXPECT_NE(std::string::npos, stRun.strOut.find("100 bytes, not one of our formats)? [y/N]"));
+  EXPECT_EQ(-1, Attachments(stKey.Key()));
+}
+
+TEST_F(InspectQueueTest, OutputThatCanNotBeWrittenIsAnError) {
+  LetGo();
+  const std::string strFull = "zelk-inspect: standard output: No space left on device\n";
+  for (const std::vector<std::string>& vecArguments : {std::vector<std::string>{"--help"},
+                                                       {"list"},
+                                                       {"queue", Name()},
+                                                       {"verify", Name()},
+                                                       {"queue", Name(), "--watch=0.01"}}) {
+    const ToolRun_t stRun = RunToolOnFullDisk(vecArguments);
+    EXPECT_EQ(4, stRun.iExit) << vecArguments[0];
+    EXPECT_EQ(strFull, stRun.strError) << vecArguments[0];
+  }
+  EXPECT_EQ(4, RunToolOnFullDisk({"remove", Name()}, "y\n").iExit);
+  EXPECT_EQ(0, Attachments(m_stKey.Key()));
 }
 
 TEST_F(InspectQueueTest, OnlyFifosAreRemovedByTheirPath) {

@@ -41,6 +41,16 @@ ToolRun_t RunTool(const std::vector<std::string>& vecArguments, const std::strin
   return RunPeer([&] { return Exec(vecArguments, stDirectory.File("input")); });
 }
 
+ToolRun_t RunToolOnFullDisk(const std::vector<std::string>& vecArguments,
+                            const std::string& strInput) {
+  const PrivateDirectory stDirectory;
+  WriteFile(stDirectory.File("input"), strInput);
+  return RunPeer([&] {
+    dup2(open("/dev/full", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+    return Exec(vecArguments, stDirectory.File("input"));
+  });
+}
+
 ToolRun_t RunAsNobody(int (*fnRun)(key_t), key_t iKey) {
   return RunPeer([&] {
     if (geteuid() == 0 && setresuid(NOBODY, NOBODY, NOBODY) != 0) {

@@ -14,6 +14,9 @@ struct ToolRun_t {
   std::string strError;
 };
 ToolRun_t RunTool(const std::vector<std::string>& vecArguments, const std::string& strInput = "");
+// With a standard output that takes nothing.
+ToolRun_t RunToolOnFullDisk(const std::vector<std::string>& vecArguments,
+                            const std::string& strInput = "");
 
 // A function run by an ordinary user (by this one, if it is one already); what it returned.
 ToolRun_t RunAsNobody(int (*fnRun)(key_t), key_t iKey);

@@ -211,7 +211,9 @@ int PrintLook(const Options_t& stOptions, const Subjects_t& vecSubjects) {
     fputs(CLEAR_SCREEN, stdout);
   }
   fputs(strText.c_str(), stdout);
-  fflush(stdout);
+  if (fflush(stdout) != 0) {
+    iResult = EXIT_NOT_WRITTEN;  // whoever watches has gone
+  }
   fputs(strErrors.c_str(), stderr);
   return iResult;
 }

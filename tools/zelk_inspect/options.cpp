@@ -29,10 +29,11 @@ const char HELP_TEXT[] =
     "  --limit=N           rows of a list (10)\n"
     "  --all               list: other segments, too\n"
     "  --yes               remove: do not ask\n"
+    "  --foreign           remove: with --yes, also what is not of our formats\n"
     "  --help, --version\n\n"
     "Exit code: 0; 1 verify: not sound; 2 wrong usage; 3 no such segment, not readable, not of "
     "our\n"
-    "formats, or not removed.\n";
+    "formats, or not removed; 4 the output could not be written.\n";
 
 namespace {
 
@@ -71,7 +72,10 @@ typedef std::function<bool(Options_t&, const std::string&)> Setter_t;
 
 enum Argument_t { NO_ARGUMENT, MAY_HAVE_ARGUMENT, NEEDS_ARGUMENT };
 
+const char LOOKS[] = " queue heap table log ";
+
 struct Option_t {
+  const char* pCommands;  // that take it, between blanks
   Argument_t eArgument;
   Setter_t fnSet;
 };
@@ -80,28 +84,41 @@ const std::map<std::string, Option_t>& KnownOptions() {
   typedef Options_t O;
   typedef const std::string& Text;
   static const std::map<std::string, Option_t> mapOptions = {
-      {"json", {NO_ARGUMENT, [](O& st, Text) { return SetFlag(st.bJson); }}},
-      {"values", {NO_ARGUMENT, [](O& st, Text) { return SetFlag(st.bValues); }}},
-      {"all", {NO_ARGUMENT, [](O& st, Text) { return SetFlag(st.bAll); }}},
-      {"yes", {NO_ARGUMENT, [](O& st, Text) { return SetFlag(st.bYes); }}},
-      {"help", {NO_ARGUMENT, [](O& st, Text) { return SetFlag(st.bHelp); }}},
-      {"version", {NO_ARGUMENT, [](O& st, Text) { return SetFlag(st.bVersion); }}},
-      {"watch", {MAY_HAVE_ARGUMENT, [](O& st, Text str) { return TakeWatch(st, str); }}},
-      {"rate", {NEEDS_ARGUMENT, [](O& st, Text str) { return TakeSeconds(str, st.fRate); }}},
-      {"count", {NEEDS_ARGUMENT, [](O& st, Text str) { return TakeNumber(str, st.iCount); }}},
-      {"limit", {NEEDS_ARGUMENT, [](O& st, Text str) { return TakeNumber(str, st.iLimit); }}},
-      {"bytes", {NEEDS_ARGUMENT, [](O& st, Text str) { return TakeNumber(str, st.iBytes); }}},
-      {"messages", {NEEDS_ARGUMENT, [](O& st, Text str) { return TakeNumber(str, st.iMessages); }}},
-      {"keys", {NEEDS_ARGUMENT, [](O& st, Text str) { return st.strKeys = str, true; }}},
+      {"json",
+       {" list queue heap table log verify ", NO_ARGUMENT,
+        [](O& st, Text) { return SetFlag(st.bJson); }}},
+      {"values", {" table ", NO_ARGUMENT, [](O& st, Text) { return SetFlag(st.bValues); }}},
+      {"all", {" list ", NO_ARGUMENT, [](O& st, Text) { return SetFlag(st.bAll); }}},
+      {"yes", {" remove ", NO_ARGUMENT, [](O& st, Text) { return SetFlag(st.bYes); }}},
+      {"foreign", {" remove ", NO_ARGUMENT, [](O& st, Text) { return SetFlag(st.bForeign); }}},
+      {"help", {"", NO_ARGUMENT, [](O& st, Text) { return SetFlag(st.bHelp); }}},
+      {"version", {"", NO_ARGUMENT, [](O& st, Text) { return SetFlag(st.bVersion); }}},
+      {"watch", {LOOKS, MAY_HAVE_ARGUMENT, [](O& st, Text str) { return TakeWatch(st, str); }}},
+      {"rate", {LOOKS, NEEDS_ARGUMENT, [](O& st, Text str) { return TakeSeconds(str, st.fRate); }}},
+      {"count",
+       {LOOKS, NEEDS_ARGUMENT, [](O& st, Text str) { return TakeNumber(str, st.iCount); }}},
+      {"limit",
+       {" heap table verify ", NEEDS_ARGUMENT,
+        [](O& st, Text str) { return TakeNumber(str, st.iLimit); }}},
+      {"bytes",
+       {" queue table ", NEEDS_ARGUMENT,
+        [](O& st, Text str) { return TakeNumber(str, st.iBytes); }}},
+      {"messages",
+       {" queue ", NEEDS_ARGUMENT, [](O& st, Text str) { return TakeNumber(str, st.iMessages); }}},
+      {"keys", {" table ", NEEDS_ARGUMENT, [](O& st, Text str) { return st.strKeys = str, true; }}},
   };
   return mapOptions;
+}
+
+// Of "--limit=5" it is "limit".
+std::string NameOf(const std::string& strArgument) {
+  return strArgument.substr(2, strArgument.find('=') - 2);
 }
 
 std::string TakeOption(Options_t& stOptions, const std::string& strArgument) {
   const size_t iEqual = strArgument.find('=');
   const bool bHas = iEqual != std::string::npos;
-  const std::string strName = strArgument.substr(2, bHas ? iEqual - 2 : std::string::npos);
-  const auto it = KnownOptions().find(strName);
+  const auto it = KnownOptions().find(NameOf(strArgument));
   if (it == KnownOptions().end()) {
     return "unknown option " + strArgument;
   }
@@ -113,7 +130,8 @@ std::string TakeOption(Options_t& stOptions, const std::string& strArgument) {
   return {};
 }
 
-std::string CheckCommand(const Options_t& stOptions) {
+// The command may stand behind its options, so that they are checked when all is read.
+std::string CheckCommand(const Options_t& stOptions, const std::vector<std::string>& vecGiven) {
   static const std::map<std::string, bool> mapNeedsNames = {
       {"list", false}, {"queue", true},  {"heap", true},  {"table", true},
       {"log", true},   {"verify", true}, {"remove", true}};
@@ -124,6 +142,12 @@ std::string CheckCommand(const Options_t& stOptions) {
   if (it->second == stOptions.vecNames.empty()) {
     return stOptions.strCommand + (it->second ? " of what?" : " takes no names");
   }
+  for (const std::string& strName : vecGiven) {
+    const std::string strCommands = KnownOptions().at(strName).pCommands;
+    if (strCommands.find(" " + stOptions.strCommand + " ") == std::string::npos) {
+      return stOptions.strCommand + " takes no --" + strName;
+    }
+  }
   return {};
 }
 
@@ -131,12 +155,14 @@ std::string CheckCommand(const Options_t& stOptions) {
 
 Options_t ParseOptions(const std::vector<std::string>& vecArguments) {
   Options_t stOptions;
+  std::vector<std::string> vecGiven;
   bool bNamesOnly = false;
   for (const std::string& strArgument : vecArguments) {
     if (!bNamesOnly && strArgument == "--") {
       bNamesOnly = true;
     } else if (!bNamesOnly && strArgument.compare(0, 2, "--") == 0) {
       stOptions.strError = TakeOption(stOptions, strArgument);
+      vecGiven.push_back(NameOf(strArgument));
     } else if (stOptions.strCommand.empty()) {
       stOptions.strCommand = strArgument;
     } else {
@@ -147,7 +173,7 @@ Options_t ParseOptions(const std::vector<std::string>& vecArguments) {
     }
   }
   if (!stOptions.bHelp && !stOptions.bVersion) {
-    stOptions.strError = CheckCommand(stOptions);
+    stOptions.strError = CheckCommand(stOptions, vecGiven);
   }
   return stOptions;
 }

@@ -11,6 +11,7 @@ enum ExitCode_t {
   EXIT_NOT_SOUND = 1,
   EXIT_USAGE = 2,
   EXIT_NOT_READABLE = 3,  // or, for remove, not removed
+  EXIT_NOT_WRITTEN = 4,   // to standard output
 };
 
 // The command line.
@@ -29,6 +30,7 @@ struct Options_t {
   bool bValues = false;
   bool bAll = false;
   bool bYes = false;
+  bool bForeign = false;
   bool bHelp = false;
   bool bVersion = false;
 

@@ -23,21 +23,25 @@ bool IsAgreed(const Options_t& stOptions, const std::string& strWhat) {
     return true;
   }
   printf("remove %s? [y/N] ", strWhat.c_str());
-  fflush(stdout);
+  if (fflush(stdout) != 0) {
+    return false;  // nobody has seen the question
+  }
   // The whole line: its end is no answer to the next question.
   std::string strAnswer;
   return std::getline(std::cin, strAnswer) && !std::cin.eof() &&
          (strAnswer == "y" || strAnswer == "yes");
 }
 
-// What would be lost.
-std::string Content(const SegmentStatus_t& stStatus) {
+// What would be lost; bForeign when that is not known to be ours.
+std::string Content(const SegmentStatus_t& stStatus, bool& bForeign) {
   std::string strError;
+  bForeign = true;
   const auto pView = OpenSegment(stStatus, &strError);
   if (pView == nullptr) {
     return "unknown content";
   }
   const Format_t eFormat = FormatOf(*pView, true);
+  bForeign = eFormat == FORMAT_NONE;
   if (eFormat == FORMAT_RING) {
     return "a ring with " + std::to_string(CheckRing(*pView).iMessages) + " pending messages";
   }
@@ -58,9 +62,15 @@ std::string RemoveSegment(const Options_t& stOptions, const std::string& strName
   if (!strError.empty()) {
     return strError;
   }
+  bool bForeign = false;
+  const std::string strContent = Content(stStatus, bForeign);
   const std::string strWhat = "segment " + std::to_string(stStatus.iId) + " (key " +
                               KeyText(stStatus.iKey) + ", " + std::to_string(stStatus.iSize) +
-                              " bytes, " + Content(stStatus) + ")";
+                              " bytes, " + strContent + ")";
+  // A job that removes by number shall not hit a segment that got the number meanwhile.
+  if (stOptions.bYes && bForeign && !stOptions.bForeign && stStatus.iAttached == 0) {
+    return strName + ": " + strContent + ", kept; --foreign removes it";
+  }
   if (stStatus.iAttached == 0 && !IsAgreed(stOptions, strWhat)) {
     return strName + ": kept";
   }
