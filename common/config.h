@@ -12,7 +12,7 @@
 
 #include "object.h"
 
-struct _xmlNode;  // libxml2's xmlNode
+struct _xmlNode;  // NOLINT(bugprone-reserved-identifier): libxml2's xmlNode
 
 // The XML configuration of a process: a document flattened to dotted keys with text values.
 //

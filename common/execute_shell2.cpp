@@ -13,6 +13,7 @@ Object* Create() {
   return pMethod;
 }
 
+// NOLINTNEXTLINE(cert-err58-cpp): without memory here the library does not load
 [[maybe_unused]] const bool _bUnused = ClassFactory::Instance().AddObject(NAME, Create);
 
 }  // namespace

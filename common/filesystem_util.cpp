@@ -31,6 +31,7 @@ int MakeLevel(const std::string& strLevel, unsigned int iMode) {
   if (iError == EEXIST && Exists(strLevel)) {
     return 0;
   }
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): safe in glibc, whose texts do not change
   printf("mkdir %s err, %s\n", strWithSlash.c_str(), strerror(iError));
   errno = iError;
   return -1;
@@ -78,6 +79,7 @@ int Ls(const char* pDirectory, const char* pFilter, std::vector<std::string>& ve
   }
   SimpleFilter stFilter;
   stFilter.SetRegular(pFilter);
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads from this stream
   while (const dirent* pEntry = readdir(pDir.get())) {
     if (stFilter.DoFilter(pEntry->d_name)) {
       vecNames.emplace_back(pEntry->d_name);

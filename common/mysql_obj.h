@@ -84,7 +84,7 @@ class MysqlObj : public Object {
 
  protected:
   // Copies the handle's error text, "" when there is none, to ErrorMessage() and returns it.
-  const char* _ErrorMessage();
+  const char* _ErrorMessage();  // NOLINT(bugprone-reserved-identifier): what hosts call
 
  private:
   int AppendRows(std::vector<std::vector<std::string>>& vecRows);

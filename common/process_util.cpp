@@ -146,6 +146,7 @@ int vExecuteCommand(int& iError, std::vector<std::string>& vecLines, const char*
                     va_list sAp) {
   char szCommand[COMMAND_SIZE];
   vsnprintf(szCommand, sizeof(szCommand), pFormat, sAp);
+  // NOLINTNEXTLINE(cert-env33-c): what this function is for
   FILE* pStream = popen(szCommand, "r");
   if (pStream == nullptr) {
     iError = errno;

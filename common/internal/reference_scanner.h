@@ -40,6 +40,7 @@ class __attribute__((visibility("hidden"))) ReferenceScanner {
       const std::string strName = stFound.Name(strText);
       const size_t iLength = stFound.iEnd - stFound.iBegin;
       if (stFound.IsEnvironment(strText)) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): an environment that others change is the host's
         const char* pValue = getenv(strName.c_str());
         strText.replace(stFound.iBegin, iLength, pValue != nullptr ? pValue : "");
       } else {
