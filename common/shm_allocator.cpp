@@ -53,6 +53,7 @@ bool ShmAllocator::Attach(key_t iKey, uint64_t iSize, uint64_t iReservedSize, bo
   }
   if (m_iShmID == -1) {
     const int iError = errno;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): safe in glibc, whose texts do not change
     dprintf(STDERR_FILENO, "shmget error, %s\n", strerror(iError));
     errno = iError;
     return false;
