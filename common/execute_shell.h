@@ -17,8 +17,9 @@ class ExecuteShell : public LongActionMethod {
   void Command(const std::string& strCommand) { m_strCommand = strCommand; }
   const std::string& Command() const { return m_strCommand; }
 
-  // Runs the command and waits for its end: the exit code. Deliberately 0 when a signal ended the
-  // shell, and 255 when none could be run, which includes a process that ignores SIGCHLD.
+  // Runs the command and waits for its end: the exit code. 127 also when no shell could be started;
+  // deliberately 0 when a signal ended it, and 255 when system() fails, for instance because the
+  // process ignores SIGCHLD.
   int Do() override;
 
  protected:
