@@ -75,6 +75,7 @@ class Tracer {
     bool bDetached = false;
     bool bChange = false;   // the call that it is in gets a result
     bool bRestore = false;  // or has another count for the while
+    size_t iRecord = 0;     // its place in aCalls
     uint64_t iThird = 0;
   };
 
@@ -130,11 +131,14 @@ class Tracer {
   void HandleCall(pid_t iPid, process_t& stProcess) {
     __ptrace_syscall_info stInfo{};
     ptrace(PTRACE_GET_SYSCALL_INFO, iPid, sizeof(stInfo), &stInfo);
-    if (stInfo.op == PTRACE_SYSCALL_INFO_EXIT) {
+    if (stInfo.op == PTRACE_SYSCALL_INFO_EXIT && IsRestarted(stInfo.exit.rval)) {
+      Forget(stProcess);
+    } else if (stInfo.op == PTRACE_SYSCALL_INFO_EXIT) {
       HandleExit(iPid, stProcess);
     } else if (stInfo.op == PTRACE_SYSCALL_INFO_ENTRY && g_pTrace->bArmed &&
                !IsNobodys(stInfo.instruction_pointer)) {
       const auto iCall = static_cast<long>(stInfo.entry.nr);
+      stProcess.iRecord = g_pTrace->iCalls;
       stProcess.iThird = stInfo.entry.args[2];
       if (g_pTrace->iCalls < call_trace_t::MAX_CALLS) {
         g_pTrace->aCalls[g_pTrace->iCalls++] = {iCall, stProcess.iProcess, stProcess.iThird};
@@ -158,6 +162,18 @@ class Tracer {
       SetRegister(iPid, offsetof(user, regs.orig_rax), UINT64_MAX);  // no call at all
     }
     stProcess.bChange = true;
+  }
+
+  // A signal, be it an ignored one, makes the kernel do the same call again: it has not come yet.
+  static bool IsRestarted(int64_t iResult) { return iResult <= -512 && iResult >= -516; }
+
+  void Forget(process_t& stProcess) {
+    if (stProcess.iRecord < g_pTrace->iCalls) {
+      call_trace_t::call_t& stCall = g_pTrace->aCalls[stProcess.iRecord];
+      --m_mapCounts[{stCall.iProcess, stCall.iCall}];
+      stCall.iCall = -1;
+    }
+    stProcess.bChange = false;
   }
 
   static void HandleExit(pid_t iPid, process_t& stProcess) {

@@ -199,13 +199,15 @@ std::ostream& operator<<(std::ostream& stOut, const failure_t& stFailure) {
   return stOut << " moves " << stFailure.iShorter << " bytes";
 }
 
+bool operator==(const failure_t& stFailure, const kind_t& stKind) {
+  return stFailure.iProcess == 0 && stFailure.strCall == stKind.pCall &&
+         (stKind.iErrno == -1 || stKind.iErrno == stFailure.iErrno) &&
+         (stKind.iNumber == 0 || stKind.iNumber == stFailure.iNumber);
+}
+
 bool Attempt::FailsIn(std::initializer_list<kind_t> listKinds) const {
-  return Fails() && m_pFailure->iProcess == 0 &&
-         std::any_of(listKinds.begin(), listKinds.end(), [this](const kind_t& stKind) {
-           return m_pFailure->strCall == stKind.pCall &&
-                  (stKind.iErrno == -1 || stKind.iErrno == m_pFailure->iErrno) &&
-                  (stKind.iNumber == 0 || stKind.iNumber == m_pFailure->iNumber);
-         });
+  return Fails() && std::any_of(listKinds.begin(), listKinds.end(),
+                                [this](const kind_t& stKind) { return *m_pFailure == stKind; });
 }
 
 Attempt::Armed::Armed(Attempt& stAttempt) : m_stAttempt(stAttempt) {
@@ -243,8 +245,9 @@ Attempt::Armed::~Armed() {
 
 class Sweep {
  public:
-  Sweep(const std::function<void(Attempt&)>& fnAttempt, int iNumbers)
-      : m_fnAttempt(fnAttempt), m_iNumbers(iNumbers) {}
+  Sweep(const std::function<void(Attempt&)>& fnAttempt, int iNumbers,
+        const std::vector<kind_t>& vecImpossible)
+      : m_fnAttempt(fnAttempt), m_iNumbers(iNumbers), m_vecImpossible(vecImpossible) {}
 
   int Run() {
     Try(nullptr);  // what is allocated only once is so now
@@ -298,6 +301,10 @@ class Sweep {
   }
 
   void TryFailure(const failure_t& stFailure) {
+    if (std::any_of(m_vecImpossible.begin(), m_vecImpossible.end(),
+                    [&](const kind_t& stKind) { return stFailure == stKind; })) {
+      return;
+    }
     SCOPED_TRACE(Described(stFailure));
     size_t iGrown = Try(&stFailure);
     // What it has allocated once and for all it does not allocate again, and the C library's caches
@@ -328,10 +335,12 @@ class Sweep {
 
   const std::function<void(Attempt&)>& m_fnAttempt;
   const int m_iNumbers;
+  const std::vector<kind_t>& m_vecImpossible;
   std::map<std::tuple<int, long, int>, uint64_t> m_mapCounts;  // by process, call and number
   int m_iFailures = 0;
 };
 
-int FailEachCall(const std::function<void(Attempt&)>& fnAttempt, int iNumbers) {
-  return Sweep(fnAttempt, iNumbers).Run();
+int FailEachCall(const std::function<void(Attempt&)>& fnAttempt, int iNumbers,
+                 const std::vector<kind_t>& vecImpossible) {
+  return Sweep(fnAttempt, iNumbers, vecImpossible).Run();
 }

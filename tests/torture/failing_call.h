@@ -8,7 +8,7 @@
 #include <initializer_list>
 #include <ostream>
 #include <string>
-#include <utility>
+#include <vector>
 
 // System calls that fail when told, one at a time: the first of a kind in an operation, the second
 // and so on, with each error that the system documents for it and that can happen.
@@ -27,6 +27,15 @@ struct failure_t {
 };
 
 std::ostream& operator<<(std::ostream& stOut, const failure_t& stFailure);
+
+// Some of the failures of a call.
+struct kind_t {
+  const char* pCall;
+  int iErrno = -1;  // any
+  int iNumber = 0;  // any
+};
+
+bool operator==(const failure_t& stFailure, const kind_t& stKind);
 
 // One life of the operation. FailEachCall() makes them, the test's function runs in it.
 class Attempt {
@@ -47,12 +56,7 @@ class Attempt {
 
   // Whether a call fails at all: in the first attempt none does.
   bool Fails() const { return m_pFailure != nullptr; }
-  // Whether one of these fails, in the process 0; with the errno named, if any.
-  struct kind_t {
-    const char* pCall;
-    int iErrno = -1;  // any
-    int iNumber = 0;  // any
-  };
+  // Whether one of these fails in the test program itself.
   bool FailsIn(std::initializer_list<kind_t> listKinds) const;
   const failure_t& Failure() const { return *m_pFailure; }
   bool InChild() const { return Fails() && m_pFailure->iProcess != 0; }
@@ -87,7 +91,9 @@ class Attempt {
 // the sum of all at its end.
 //
 // iNumbers: an operation that does the same again and again, for as many things as the system
-// happens to have, fails in so many of the calls of a name.
-int FailEachCall(const std::function<void(Attempt&)>& fnAttempt, int iNumbers = 1000);
+// happens to have, fails in so many of the calls of a name. vecImpossible: failures that are not
+// tried, since the system has none on what the calls are about, a pipe for instance.
+int FailEachCall(const std::function<void(Attempt&)>& fnAttempt, int iNumbers = 1000,
+                 const std::vector<kind_t>& vecImpossible = {});
 
 #endif
