@@ -323,7 +323,8 @@ class Sweep {
     {
       Attempt stAttempt(pFailure);
       m_fnAttempt(stAttempt);
-      EXPECT_TRUE(pFailure == nullptr || stAttempt.m_bReached) << "the call is not reached";
+      EXPECT_TRUE(pFailure == nullptr || stAttempt.m_bReached)
+          << "the call is not reached; the operation may go on in a child";
     }
     const belongings_t stAfter = Belongings();
     EXPECT_LE(stAfter.iDescriptors, stBefore.iDescriptors) << "descriptors";
