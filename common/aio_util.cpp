@@ -97,6 +97,9 @@ int AIOUtil::SomethingDone(std::vector<aio_param_t>& vecDone) {
     const auto iMax = static_cast<long>(std::min<uint64_t>(iLeft, MAX_EVENTS));
     timespec stNoWait{};
     const int iCount = io_getevents(m_pContext, 0, iMax, aEvents, &stNoWait);
+    if (iCount == -EINTR) {
+      continue;  // the counter is read already: what is left now, nobody would ask for again
+    }
     if (iCount <= 0) {
       break;
     }

@@ -68,7 +68,7 @@ const call_t CALLS[] = {
     {SYS_getrandom, "getrandom", PLAIN, {EAGAIN, EINTR, ENOSYS}},
     {SYS_getsockname, "getsockname", PLAIN, {ENOBUFS}},
     {SYS_io_destroy, "io_destroy", EXECUTED, {EINVAL, ENOSYS}},
-    {SYS_io_getevents, "io_getevents", PLAIN, {EINTR, EINVAL}},
+    {SYS_io_getevents, "io_getevents", PLAIN, {EINTR}},
     {SYS_io_setup, "io_setup", PLAIN, {EAGAIN, ENOMEM, ENOSYS}},
     {SYS_io_submit, "io_submit", PLAIN, {EAGAIN, EBADF, EINVAL, ENOSYS}},
     {SYS_ioctl, "ioctl", PLAIN, {EINVAL, ENODEV, ENOTTY, EPERM}},
