@@ -54,8 +54,8 @@ class Attempt {
   // errno as the operation has left it; it was 0 before.
   int Errno() const { return m_iErrno; }
 
-  // Whether a call fails at all: in the first attempt none does.
-  bool Fails() const { return m_pFailure != nullptr; }
+  // Whether a call has failed: in the first attempt none does, nor when there was no such call.
+  bool Fails() const { return m_bReached; }
   // Whether one of these fails in the test program itself.
   bool FailsIn(std::initializer_list<kind_t> listKinds) const;
   const failure_t& Failure() const { return *m_pFailure; }
@@ -86,9 +86,11 @@ class Attempt {
 // and checks what has become of it; all that it makes must be gone when it returns.
 //
 // After each attempt there must be no descriptor, no mapped segment, no segment, no child and no
-// heap memory more than before. A hanging one ends the program. Whatever the system calls of the
-// operation are, there must be at least one. Returns the number of failures; the program prints
-// the sum of all at its end.
+// heap memory more than before. A hanging one ends the program. Returns the number of failures, of
+// which there must be some; the program prints the sum of all at its end.
+//
+// When the number of calls depends on how another process comes along, the last ones are tried as
+// far as they come again.
 //
 // iNumbers: an operation that does the same again and again, for as many things as the system
 // happens to have, fails in so many of the calls of a name. vecImpossible: failures that are not

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <stdlib.h>
+#include <sys/shm.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -95,30 +96,50 @@ TEST(FailingCallTest, ForkedChildFailsUntilItRunsAnotherProgram) {
   EXPECT_EQ(Texts_t{"execve"}, setTried);
 }
 
+// An operation that leaves something when access() fails with EIO.
+int FailLeaving(const std::function<void()>& fnLeave) {
+  return FailEachCall([&](Attempt& stAttempt) {
+    stAttempt.Run([] { return access("/", F_OK); });
+    if (stAttempt.FailsIn({{"access", EIO}})) {
+      fnLeave();
+    }
+  });
+}
+
 TEST(FailingCallTest, DescriptorThatIsLeftIsNoticed) {
-  EXPECT_NONFATAL_FAILURE(Attempt stAttempt(nullptr);
-                          FailEachCall([](Attempt& stLeaking) {
-                            static int iLeft = -1;
-                            close(iLeft);
-                            iLeft = stLeaking.FailsIn({{"access", EIO}}) ? dup(0) : -1;
-                            stLeaking.Run([] { return access("/", F_OK); });
+  static int iLeft = -1;
+  EXPECT_NONFATAL_FAILURE(FailLeaving([] { iLeft = dup(0); }), "descriptors");
+  EXPECT_EQ(0, close(iLeft));
+}
+
+TEST(FailingCallTest, ChildThatIsLeftIsNoticed) {
+  static pid_t iLeft = -1;
+  EXPECT_NONFATAL_FAILURE(FailLeaving([] {
+                            iLeft = fork();
+                            if (iLeft == 0) {
+                              _exit(0);
+                            }
                           }),
-                          "descriptors");
+                          "children");
+  EXPECT_EQ(iLeft, waitpid(iLeft, nullptr, 0));
+}
+
+TEST(FailingCallTest, SegmentThatIsLeftIsNoticed) {
+  static const PrivateKey stKey;
+  EXPECT_NONFATAL_FAILURE(FailLeaving([] { shmget(stKey.Key(), 1, IPC_CREAT | 0600); }),
+                          "segments");
+  shmctl(shmget(stKey.Key(), 0, 0), IPC_RMID, nullptr);
 }
 
 TEST(FailingCallTest, MemoryThatIsLeftIsNoticed) {
   if (mallinfo2().uordblks == 0) {
     GTEST_SKIP() << "a sanitizer's allocator, which looks for leaks by itself";
   }
-  std::vector<std::unique_ptr<char[]>> vecLeft;
+  static std::vector<std::unique_ptr<char[]>> vecLeft;
   vecLeft.reserve(1000);
-  EXPECT_NONFATAL_FAILURE(FailEachCall([&](Attempt& stLeaking) {
-                            if (stLeaking.FailsIn({{"access", EIO}})) {
-                              vecLeft.push_back(std::make_unique<char[]>(1000));
-                            }
-                            stLeaking.Run([] { return access("/", F_OK); });
-                          }),
+  EXPECT_NONFATAL_FAILURE(FailLeaving([] { vecLeft.push_back(std::make_unique<char[]>(1000)); }),
                           "bytes lost each time");
+  vecLeft.clear();
 }
 
 }  // namespace
