@@ -1,16 +1,19 @@
 """Changes the library in small ways, one at a time, and counts what the tests notice.
 
-  tools/mutate [--seed TEXT] [--survivors] [COUNT | SOURCE...]
+  tools/mutate [--seed TEXT] [--quick] [--survivors | --continue] [COUNT | SOURCE...]
 
 COUNT       so many mutants, spread over all sources in proportion to their code; default: all
 SOURCE      all mutants of these sources
 --seed      another choice of COUNT mutants
+--quick     asks only the quick cases of a source's own tests; --survivors may follow
 --survivors only those that the last run in this build tree left alive
+--continue  goes on with a run that was ended: what it found stands
 
-survivors.tsv beside this file lists the mutants that may live, each with the reason. The check
-fails when another one lives, when a listed one is noticed or gone, or when fewer than 95 of 100
-mutants are noticed. What the tests cannot tell because the compiler makes the same of it does not
-count, nor does what it refuses. build/mutate has results.tsv and report.md afterwards.
+survivors.tsv beside this file lists the mutants that may live: source, function, line, change and
+the reason. The check fails when another one lives, when a listed one is noticed or gone, or when
+fewer than 95 of 100 mutants are noticed. What does not count: what the compiler refuses or makes
+the same code of, and what is listed as "equivalent", the same behaviour by other code.
+build/mutate has results.tsv and report.md afterwards.
 """
 
 import argparse
@@ -22,7 +25,7 @@ import sys
 import threading
 import time
 
-from mutants import choose, mutants_of, name_of
+from mutants import choose, in_any_order, mutants_of, name_of
 from workshop import (BUILD, ROOT, SCRATCH, Bench, CannotCompile, Commands, Failed, Suite,
                       all_programs, configure_and_build, namespaces)
 
@@ -48,20 +51,16 @@ OWN = {
 }
 # Who else uses it: asked about those that its own tests let live.
 OTHERS = {
-    "config": ["config_generator_test", "reference_scanner_test"],
     "connection_pool": ["db_connection_pool_test"],
     "delay_stat": ["hash_map_test"],
     "filesystem_util": ["message_queue_test"],
     "hash_map": ["golden_image_test", "heap_crash_test", "zelk_inspect_test"],
-    "ini_config": ["reference_scanner_test"],
-    "long_action_util": ["long_action_load_test", "execute_shell_test"],
-    "message_queue": ["queue_crash_test", "mq_pool_test", "golden_image_test", "segment_check_test"],
+    "machine_pool": ["state_machine_test", "long_action_util_test"],
+    "message_queue": ["mq_pool_test", "golden_image_test", "segment_check_test", "queue_crash_test"],
     "mysql_obj": ["db_connection_pool_test"],
     "regex_util": ["simple_filter_test"],
-    "shm_allocator": ["hash_map_test", "heap_crash_test", "golden_image_test", "segment_check_test"],
+    "shm_allocator": ["hash_map_test", "golden_image_test", "segment_check_test", "heap_crash_test"],
     "state_machine": ["machine_pool_test", "long_action_util_test"],
-    "machine_pool": ["state_machine_test", "long_action_util_test"],
-    "string_util": ["long_action_codec_test"],
 }
 
 
@@ -99,8 +98,8 @@ def read_table(path):
 
 
 class Check:
-    def __init__(self, chosen, unshare):
-        self.chosen = chosen
+    def __init__(self, chosen, listed, unshare, quick):
+        self.chosen, self.listed, self.quick = chosen, listed, quick
         self.commands = Commands()
         self.suite = Suite(self.commands)
         self.benches = [Bench(i, self.commands, unshare) for i in range(JOBS)]
@@ -123,8 +122,12 @@ class Check:
             list(pool.map(lambda i: self.suite.prove(self.benches[i], names[i::JOBS]), range(JOBS)))
 
     def run(self):
+        """Tries what has no result yet, in an order that soon says something about every source."""
+        begun = {tuple(row[2:]): row[:2] for row in read_table(RESULTS)}
+        self.results = {m: begun[name_of(m)] for m in self.chosen if name_of(m) in begun}
+        open_ones = [m for m in self.chosen if m not in self.results]
         with concurrent.futures.ThreadPoolExecutor(JOBS) as pool:
-            list(pool.map(self._try, self.chosen))
+            list(pool.map(self._try, in_any_order(open_ones)))
 
     def _try(self, mutant):
         with self.lock:
@@ -137,6 +140,8 @@ class Check:
                 self.free.append(bench)
         with self.lock:
             self.results[mutant] = result, by
+            with open(RESULTS, "a") as results:
+                results.write("\t".join((result, by, *name_of(mutant))) + "\n")
             print(f"[{len(self.results)}/{len(self.chosen)}] {result:10} {mutant.file}:{mutant.line} "
                   f"{mutant.change} {by and '(' + by + ')'}", flush=True)
 
@@ -155,25 +160,27 @@ class Check:
             return "same", ""
         if not bench.link_library(changed):
             return "refused", ""
-        noticed = self._ask_tests(bench, mutant, changed)
-        if noticed is not None:
-            return "noticed", noticed
-        if bench.same_as_original(mutant.file, list(changed), ["-O2"]):
+        quick, rest = self.suite.rounds(self.own[mutant.file], self.others[mutant.file])
+        noticed = self._ask_tests(bench, quick, changed)
+        if noticed is None and bench.same_as_original(mutant.file, list(changed), ["-O2"]):
             return "same", ""
-        return "alive", ""
+        if noticed is None and not self.quick and name_of(mutant) not in self.listed:
+            noticed = self._ask_tests(bench, rest, changed)
+        return ("noticed", noticed) if noticed else ("alive", "")
 
-    def _ask_tests(self, bench, mutant, changed):
+    def _ask_tests(self, bench, runs, changed):
         linked = {}
-        for name, arguments, limit in self.suite.rounds(self.own[mutant.file],
-                                                        self.others[mutant.file]):
+        for name, arguments, limit, preload in runs:
             if name not in linked:
                 linked[name] = self._program(bench, name, changed)
             trial = bench.run(linked[name], ["--gtest_fail_fast", "--gtest_color=no", *arguments],
-                              limit)
+                              limit, preload=preload)
             if not trial.passed:
                 failed = re.search(r"^\[  FAILED  \] (\S+?)[, ]", trial.output, re.M)
                 running = re.findall(r"^\[ RUN      \] (\S+)", trial.output, re.M)
                 how = "too slow" if trial.timed_out else "failed" if failed else "crashed"
+                if "LeakSanitizer" in trial.output:
+                    return f"{name} leaks"
                 return f"{failed.group(1) if failed else (running or [name])[-1]} {how}"
         return None
 
@@ -191,20 +198,22 @@ class Check:
 def write_report(results, listed, seconds, arguments):
     rows = collections.OrderedDict()
     for mutant, (result, _) in sorted(results.items()):
+        reason = listed.get(name_of(mutant), "")
+        if result == "alive" and reason:
+            result = "equivalent" if reason.startswith("equivalent") else "listed"
         rows.setdefault(mutant.file, collections.Counter())[result] += 1
-        if result == "alive" and name_of(mutant) in listed:
-            rows[mutant.file]["listed"] += 1
     total = sum(rows.values(), collections.Counter())
-    lines = ["| source | mutants | noticed | alive, with a reason | alive | same code | refused |",
+    lines = ["| source | mutants | noticed | alive, with a reason | alive | equivalent | same code |",
              "|---|---|---|---|---|---|---|"]
     for name, row in [*rows.items(), ("**all**", total)]:
-        lines.append(f"| {name} | {row['noticed'] + row['alive']} | {row['noticed']} | {row['listed']} | "
-                     f"{row['alive'] - row['listed']} | {row['same']} | {row['refused']} |")
-    count = total["noticed"] + total["alive"]
+        lines.append(f"| {name} | {row['noticed'] + row['listed'] + row['alive']} | {row['noticed']} | "
+                     f"{row['listed']} | {row['alive']} | {row['equivalent']} | {row['same']} |")
+    count = total["noticed"] + total["listed"] + total["alive"]
     share = 100 * total["noticed"] / max(1, count)
-    lines += ["", f"{count} mutants, {total['noticed']} noticed ({share:.1f} %), {total['alive']} alive, "
-              f"of them {total['listed']} with a reason; {total['same']} more are the same code. "
-              f"`script/mutate {' '.join(arguments)}`, {seconds / 60:.0f} minutes."]
+    lines += ["", f"{count} mutants, {total['noticed']} noticed ({share:.1f} %), {total['listed']} alive "
+              f"with a reason, {total['alive']} alive; besides {total['equivalent']} equivalent ones, "
+              f"{total['same']} of which the compiler makes the same code, and {total['refused']} that "
+              f"it refuses. `script/mutate {' '.join(arguments)}`, {seconds / 60:.0f} minutes."]
     REPORT.write_text("\n".join(lines) + "\n")
     print("\n".join(lines))
     return share
@@ -228,7 +237,7 @@ def judge(results, listed, everything, share):
 
 def select(arguments, everything):
     if arguments.survivors:
-        alive = {tuple(row[1:]) for row in read_table(RESULTS) if row[0] == "alive"}
+        alive = {tuple(row[2:]) for row in read_table(RESULTS) if row[0] == "alive"}
         return [m for found in everything.values() for m in found if name_of(m) in alive]
     if len(arguments.what) == 1 and arguments.what[0].isdigit():
         return choose(everything, int(arguments.what[0]), arguments.seed)
@@ -241,7 +250,9 @@ def select(arguments, everything):
 def main():
     parser = argparse.ArgumentParser(usage=__doc__)
     parser.add_argument("--seed", default="1")
+    parser.add_argument("--quick", action="store_true")
     parser.add_argument("--survivors", action="store_true")
+    parser.add_argument("--continue", action="store_true", dest="go_on")
     parser.add_argument("what", nargs="*")
     arguments = parser.parse_args()
     everything = read_sources()
@@ -251,17 +262,17 @@ def main():
         sys.exit("mutate: needs root or user namespaces: mutants run in namespaces of their own")
     begin = time.monotonic()
     configure_and_build()
-    check = Check(chosen, unshare)
+    listed = {tuple(row[:4]): row[4] for row in read_table(SURVIVORS)}
+    check = Check(chosen, listed, unshare, arguments.quick)
     try:
         check.prove()
         print(f"mutate: {len(chosen)} mutants; the tests pass without one and notice a broken library",
               flush=True)
+        if not arguments.go_on:
+            RESULTS.unlink(missing_ok=True)
         check.run()
     except Failed as failure:
         sys.exit(f"mutate: {failure}")
-    RESULTS.write_text("".join("\t".join((result, *name_of(m))) + "\n"
-                               for m, (result, _) in check.results.items()))
-    listed = {tuple(row[:4]): row[4] for row in read_table(SURVIVORS)}
     share = write_report(check.results, listed, time.monotonic() - begin, sys.argv[1:])
     wrong = judge(check.results, listed, everything, share)
     print("\n".join(wrong))

@@ -39,6 +39,9 @@ BINARY = {
     "<<": ("arithmetic", ">>"), ">>": ("arithmetic", "<<"),
 }
 ASSIGNMENTS = {"=", "+=", "-=", "*=", "/=", "%=", "&=", "|=", "^=", "<<=", ">>=", "++", "--"}
+# Their stores are seen by other processes, at whatever instant the writer is killed.
+SHARED_MEMORY = {"common/hash_map.cpp", "common/hash_map.h", "common/internal/shared_word.h",
+                 "common/message_queue.cpp", "common/shm_allocator.cpp", "common/shm_allocator.h"}
 NOT_STATEMENTS = {"if", "for", "while", "switch", "do", "else", "case", "default", "return", "class",
                   "struct", "enum", "union", "using", "typedef", "template", "namespace", "public",
                   "private", "protected", "const", "static", "extern", "friend", "explicit",
@@ -259,14 +262,17 @@ def _statement_changes(source):
 
 
 def _order_matters(source, first, second):
-    """Stores of two neighbours: nobody can tell their order when both are variables of this thread
-    alone and neither needs the other."""
+    """Two neighbours' order can be seen when they call, when the second needs the first, and when
+    another process looks on."""
     texts = source.between(*first), source.between(*second)
-    if any(re.match(r"(break|continue|throw)\b", text) for text in texts):
+    if any(re.match(r"(break|continue|throw|delete)\b", text) for text in texts):
         return False
-    shared = [re.search(r"->|\(|\*", text) for text in texts]
+    if source.file in SHARED_MEMORY and all(re.search(r"->|\(|\*", text) for text in texts):
+        return True
     target = re.match(r"[\w.\->]*", texts[0]).group()
-    return all(shared) or (target != "" and re.search(rf"\b{re.escape(target)}\b", texts[1]))
+    needed = target != "" and re.search(rf"\b{re.escape(target)}\b", texts[1])
+    calls = [re.search(r"(?<!_cast)(?<!sizeof)\(", re.sub(r"<[^<>]*>", "", text)) for text in texts]
+    return bool(needed) or all(calls)
 
 
 def _short(text):
@@ -313,3 +319,7 @@ def choose(by_file, count, seed):
     for file, found in by_file.items():
         chosen += sorted(found, key=lambda m: _rank(m, seed))[:quota[file]]
     return chosen
+
+
+def in_any_order(mutants):
+    return sorted(mutants, key=lambda m: _rank(m, "order"))

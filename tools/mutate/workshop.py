@@ -36,9 +36,9 @@ fi
 cd "$PLACE"
 export TMPDIR=$PLACE HOME=$PLACE
 ulimit -c 0
-ulimit -v 16000000
+[ -n "$PRELOAD" ] || ulimit -v 16000000
 set +e
-"$@"
+LD_PRELOAD=$PRELOAD "$@"
 exit $?
 """
 
@@ -142,12 +142,13 @@ class Bench:
 
     def compile(self, name, options=()):
         """Compiles an object of the build from this place's sources; returns its path."""
-        output = self.objects / name.replace("/", "_")
+        output = self.objects / (name.replace("/", "_") + "".join(options))
         command = self.commands.compile[name].replace(f"{ROOT}/common", f"{self.sources}/common")
         words = shlex.split(command)
         words[words.index("-o") + 1] = str(output)
         words += ["-w", f"-ffile-prefix-map={self.sources}/=", *options]
-        if subprocess.run(words, cwd=BUILD, capture_output=True).returncode != 0:
+        if subprocess.run(words, cwd=BUILD, capture_output=True,
+                          start_new_session=True).returncode != 0:
             raise CannotCompile
         return output
 
@@ -183,9 +184,9 @@ class Bench:
     def link_library(self, objects):
         return self.link(LIBRARY, self.library / "libzelk_common.so.1", objects)
 
-    def run(self, program, arguments, limit, shut=True):
+    def run(self, program, arguments, limit, shut=True, preload=""):
         environment = {k: v for k, v in os.environ.items() if not k.startswith("GTEST_")}
-        environment.update(ROOT=str(ROOT), PLACE=str(self.place), SHUT="1" if shut else "0",
+        environment.update(ROOT=str(ROOT), PLACE=str(self.place), SHUT="1" if shut else "0", PRELOAD=preload,
                            LD_LIBRARY_PATH=str(self.library))
         with open(self.path / "output", "w+b") as output:
             child = subprocess.Popen(
@@ -211,14 +212,18 @@ class Suite:
         self.programs = all_programs()
         self.commands = commands
         self.cases = {}
+        self.fit_for_leaks = set()
+        # It tells at the end what was allocated and is lost.
+        self.leak_finder = subprocess.run(["c++", "-print-file-name=liblsan.so"], check=True,
+                                          capture_output=True, text=True).stdout.strip()
         self.lock = threading.Lock()
 
     def prove(self, bench, names):
-        """Each program passes with the library as it is, and fails with one that ends at once."""
+        """Each program passes with the library as it is, and fails with one that ends at once. What
+        has been proved of the programs as they are now is not proved again."""
+        fresh = [name for name in names if not self._remember(name)]
         bench.link_library({})
-        for name in names:
-            if name in self.cases:
-                continue
+        for name in fresh:
             trial = bench.run(self.programs[name], ["--gtest_color=no"], 600)
             if not trial.passed:  # some make a file in the build tree the first time
                 bench.run(self.programs[name], ["--gtest_color=no"], 600, shut=False)
@@ -226,7 +231,32 @@ class Suite:
             if not trial.passed:
                 raise Failed(f"{name} fails without any mutant:\n{trial.output[-3000:]}")
             self.cases[name] = [Case(*m) for m in self._times(trial.output)]
-        self._prove_that_the_library_counts(bench, names)
+            if bench.run(self.programs[name], [self._quick(name)], 600, preload=self.leak_finder).passed:
+                self.fit_for_leaks.add(name)
+        self._prove_that_the_library_counts(bench, fresh)
+        for name in fresh:
+            self._proof(name).write_text(json.dumps(
+                {"built": self._built(name), "cases": self.cases[name],
+                 "leaks": name in self.fit_for_leaks}))
+
+    @staticmethod
+    def _proof(name):
+        return SCRATCH / f"{name}.json"
+
+    def _built(self, name):
+        return [path.stat().st_mtime_ns for path in (self.programs[name], BUILD / f"{LIBRARY}.1")]
+
+    def _remember(self, name):
+        try:
+            proof = json.loads(self._proof(name).read_text())
+        except FileNotFoundError:
+            return False
+        if proof["built"] != self._built(name):
+            return False
+        self.cases[name] = [Case(*c) for c in proof["cases"]]
+        if proof["leaks"]:
+            self.fit_for_leaks.add(name)
+        return True
 
     @staticmethod
     def _times(output):
@@ -237,29 +267,44 @@ class Suite:
         source, broken = bench.objects / "broken.cpp", bench.objects / "broken.o"
         source.write_text("#include <unistd.h>\n__attribute__((constructor)) void Break() { _exit(3); }\n")
         subprocess.run(["c++", "-fPIC", "-c", source, "-o", broken], check=True)
-        first = self.commands.library_objects[0]
-        original = BUILD / first
-        merged = bench.objects / "merged.o"
-        subprocess.run(["ld", "-r", original, broken, "-o", merged], check=True)
-        if not bench.link_library({first: merged}):
+        if not bench.link_library(self._with(bench, self.commands.library_objects[0], broken)):
             raise Failed("the library that is broken on purpose can not be linked")
         for name in names:
-            if bench.run(self.programs[name], ["--gtest_color=no"], 60).passed:
+            program = self.programs[name]
+            if b"libzelk_common.so" not in program.read_bytes():  # it has the code under test itself
+                program = bench.path / "programs" / name
+                own = self.commands.objects_of_test(name)[0]
+                if not bench.link(f"tests/{name}", program, self._with(bench, own, broken)):
+                    raise Failed(f"{name}, broken on purpose, can not be linked")
+            if bench.run(program, ["--gtest_color=no"], 60).passed:
                 raise Failed(f"{name} passes with a broken library: it loads another one")
 
+    @staticmethod
+    def _with(bench, name, more):
+        """An object of the build, and another one with it."""
+        merged = bench.objects / "merged.o"
+        subprocess.run(["ld", "-r", BUILD / name, more, "-o", merged], check=True)
+        return {name: merged}
+
     def rounds(self, own, others):
-        """Program and arguments: the quick cases of the source's own tests, then the slow ones, then
-        the others' tests."""
+        """Two lists of program, arguments, limit and preloaded library: the quick cases of the
+        source's own tests; the same with an eye on leaks, their slow ones and the others' tests."""
+        quick, leaks, rest = [], [], []
         for name in own:
-            slow = [c.name for c in self.cases[name] if c.seconds >= SLOW_CASE]
-            if len(slow) < len(self.cases[name]):
-                yield name, ["--gtest_filter=*" + ("-" + ":".join(slow) if slow else "")], self._limit(name, False)
-        for name in own:
-            slow = [c.name for c in self.cases[name] if c.seconds >= SLOW_CASE]
-            if slow:
-                yield name, ["--gtest_filter=" + ":".join(slow)], self._limit(name, True)
-        for name in others:
-            yield name, [], self._limit(name, True)
+            limit = self._limit(name, False)
+            quick.append((name, [self._quick(name)], limit, ""))
+            if name in self.fit_for_leaks:
+                leaks.append((name, [self._quick(name)], 2 * limit, self.leak_finder))
+            if self._slow(name):
+                rest.append((name, ["--gtest_filter=" + self._slow(name)], self._limit(name, True), ""))
+        rest += [(name, [], self._limit(name, True), "") for name in others]
+        return quick, leaks + rest
+
+    def _slow(self, name):
+        return ":".join(c.name for c in self.cases[name] if c.seconds >= SLOW_CASE)
+
+    def _quick(self, name):
+        return f"--gtest_filter=*{'-' if self._slow(name) else ''}{self._slow(name)}"
 
     def _limit(self, name, slow):
         seconds = sum(c.seconds for c in self.cases[name] if slow or c.seconds < SLOW_CASE)
