@@ -13,6 +13,9 @@ class OpenBinlog : public Binlog {
   explicit OpenBinlog(bool& bDestroyed) : m_bDestroyed(bDestroyed) {}
   ~OpenBinlog() override { m_bDestroyed = true; }
   const std::string& Filename() const { return m_strFilename; }
+  uint64_t Size() const { return m_iBinlogSize; }
+  bool Preallocates() const { return m_bPreallocate; }
+  int FD() const { return m_iFD; }
 
  private:
   bool& m_bDestroyed;
@@ -34,6 +37,9 @@ TEST(BinlogTest, HasNoFileAtFirstAndAVirtualDestructor) {
   bool bDestroyed = false;
   auto pOpen = std::make_unique<OpenBinlog>(bDestroyed);
   EXPECT_EQ("", pOpen->Filename());
+  EXPECT_EQ(0u, pOpen->Size());
+  EXPECT_FALSE(pOpen->Preallocates());
+  EXPECT_EQ(-1, pOpen->FD());
   std::unique_ptr<Binlog>(std::move(pOpen)).reset();
   EXPECT_TRUE(bDestroyed);
 }

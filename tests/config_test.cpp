@@ -234,6 +234,7 @@ TEST_F(ConfigTest, CopyHasItemsOfItsOwn) {
   EXPECT_STREQ("1", pOriginal->StringValue("a"));
   const Config stCopy(*pOriginal);
   ASSERT_EQ(0, Load("<b>2</b>"));
+  EXPECT_STREQ("2", m_stConfig.StringValue("b"));
   m_stConfig = *pOriginal;
   pOriginal.reset();
   EXPECT_STREQ("1", stCopy.StringValue("a"));
@@ -279,6 +280,19 @@ TEST_F(ConfigTest, ObjectThatWasMovedFromIsEmptyAndCanBeLoadedAgain) {
   }
   ASSERT_EQ(0, Load("<a>5</a>"));
   EXPECT_STREQ("5", m_stConfig.StringValue("a"));
+}
+
+TEST_F(ConfigTest, ObjectThatWasMovedFromFindsAsManyOtherItems) {
+  ASSERT_EQ(0, Load("<a>1</a><b>2</b>"));
+  EXPECT_STREQ("1", m_stConfig.StringValue("a"));
+  Config stTaken(std::move(m_stConfig));
+  EXPECT_STREQ("1", stTaken.StringValue("a"));
+  ASSERT_EQ(0, Load("<c>3</c><d>4</d>"));
+  EXPECT_STREQ("3", m_stConfig.StringValue("c"));
+  stTaken = std::move(m_stConfig);
+  EXPECT_STREQ("3", stTaken.StringValue("c"));
+  ASSERT_EQ(0, Load("<e>5</e><f>6</f>"));
+  EXPECT_STREQ("5", m_stConfig.StringValue("e"));
 }
 
 TEST_F(ConfigTest, EveryOneOfManyKeysIsFound) {

@@ -44,6 +44,17 @@ TEST_F(LongActionUtilTest, ResponseHasOutputErrorsCodeAndTags) {
   EXPECT_EQ(nullptr, pResponse->event_stderr);
 }
 
+TEST(LongActionResponseTest, NewOneHasNoDescriptorsNoTagsAndCodeZero) {
+  const long_action_response_t stResponse;
+  for (const int iFD : {stResponse.fd_stdout[0], stResponse.fd_stdout[1], stResponse.fd_stderr[0],
+                        stResponse.fd_stderr[1]}) {
+    EXPECT_EQ(-1, iFD);
+  }
+  EXPECT_EQ(0, stResponse.iRetcode);
+  EXPECT_EQ(0, stResponse.iMachineID);
+  EXPECT_EQ(0u, stResponse.iFlowno);
+}
+
 TEST_F(LongActionUtilTest, NextChildWithTheSameDescriptorsIsHeardToo) {
   for (const char* pText : {"first", "second"}) {
     const pid_t iPid = Start([=] {
