@@ -108,6 +108,13 @@ void NoteSize(int iShmID, const void* pSegment, uint32_t iAttached) {
   }
 }
 
+// As a rule there is nothing to forget, and nothing that queues have in common is written.
+void ForgetSize(const void* pSegment) {
+  if (!g_mapLargeSegments.empty()) {
+    g_mapLargeSegments.erase(pSegment);
+  }
+}
+
 bool IsInLargeSegment(uint32_t iRing, const void* pSegment) {
   const auto it = g_mapLargeSegments.find(pSegment);
   return it != g_mapLargeSegments.end() && uint64_t{iRing} + HEAD_SIZE <= it->second;
@@ -431,7 +438,7 @@ bool MessageQueue::Ready() { return m_bReadyFlag; }
 int MessageQueue::Detach() {
   const ErrnoKeeper stKeeper;
   if (m_pAddress != DETACHED) {
-    g_mapLargeSegments.erase(m_pAddress);
+    ForgetSize(m_pAddress);
     shmdt(m_pAddress);
     m_pAddress = DETACHED;
   }
