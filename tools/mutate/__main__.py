@@ -41,8 +41,9 @@ OWN = {
     "execute_shell2": ["execute_shell_test"],
     "filesystem_util": ["log_file_test"],
     "hash_map": ["segment_check_test"],
-    "long_action_util": ["long_action_codec_test", "long_action_method_test",
-                         "long_action_child_test", "long_action_fault_test"],
+    "long_action_util": ["long_action_method_test", "long_action_execute_test",
+                         "long_action_codec_test", "long_action_child_test",
+                         "long_action_fault_test"],
     "process_util": ["process_signal_test", "process_title_test"],
     "reference_scanner": ["config_translate_test", "ini_config_include_test"],
     "scaled_number": ["config_test", "ini_config_lookup_test"],
@@ -56,12 +57,24 @@ OTHERS = {
     "filesystem_util": ["message_queue_test"],
     "hash_map": ["golden_image_test", "heap_crash_test", "zelk_inspect_test"],
     "machine_pool": ["state_machine_test", "long_action_util_test"],
-    "message_queue": ["mq_pool_test", "golden_image_test", "segment_check_test", "queue_crash_test"],
+    "message_queue": ["mq_pool_test", "golden_image_test", "segment_check_test",
+                      "queue_crash_test"],
     "mysql_obj": ["db_connection_pool_test"],
     "regex_util": ["simple_filter_test"],
-    "shm_allocator": ["hash_map_test", "golden_image_test", "segment_check_test", "heap_crash_test"],
+    "shm_allocator": ["hash_map_test", "golden_image_test", "segment_check_test",
+                      "heap_crash_test"],
     "state_machine": ["machine_pool_test", "long_action_util_test"],
 }
+
+
+def who_noticed(program, trial):
+    failed = re.search(r"^\[  FAILED  \] (\S+?)[, ]", trial.output, re.M)
+    running = re.findall(r"^\[ RUN      \] (\S+)", trial.output, re.M)
+    if "LeakSanitizer" in trial.output:
+        return f"{program} leaks"
+    if trial.timed_out:
+        return f"{(running or [program])[-1]} too slow"
+    return f"{failed.group(1)} failed" if failed else f"{(running or [program])[-1]} crashed"
 
 
 def stem_of(file):
@@ -142,8 +155,8 @@ class Check:
             self.results[mutant] = result, by
             with open(RESULTS, "a") as results:
                 results.write("\t".join((result, by, *name_of(mutant))) + "\n")
-            print(f"[{len(self.results)}/{len(self.chosen)}] {result:10} {mutant.file}:{mutant.line} "
-                  f"{mutant.change} {by and '(' + by + ')'}", flush=True)
+            print(f"[{len(self.results)}/{len(self.chosen)}] {result:10} "
+                  f"{mutant.file}:{mutant.line} {mutant.change} {by and '(' + by + ')'}", flush=True)
 
     def _result(self, bench, mutant):
         text = (ROOT / mutant.file).read_text()
@@ -170,18 +183,13 @@ class Check:
 
     def _ask_tests(self, bench, runs, changed):
         linked = {}
-        for name, arguments, limit, preload in runs:
-            if name not in linked:
-                linked[name] = self._program(bench, name, changed)
-            trial = bench.run(linked[name], ["--gtest_fail_fast", "--gtest_color=no", *arguments],
-                              limit, preload=preload)
+        for run in runs:
+            if run.name not in linked:
+                linked[run.name] = self._program(bench, run.name, changed)
+            trial = bench.run(linked[run.name], [*run.arguments, "--gtest_fail_fast"], run.limit,
+                              preload=run.preload)
             if not trial.passed:
-                failed = re.search(r"^\[  FAILED  \] (\S+?)[, ]", trial.output, re.M)
-                running = re.findall(r"^\[ RUN      \] (\S+)", trial.output, re.M)
-                how = "too slow" if trial.timed_out else "failed" if failed else "crashed"
-                if "LeakSanitizer" in trial.output:
-                    return f"{name} leaks"
-                return f"{failed.group(1) if failed else (running or [name])[-1]} {how}"
+                return who_noticed(run.name, trial)
         return None
 
     def _program(self, bench, name, changed):
@@ -195,6 +203,11 @@ class Check:
         return output
 
 
+def _row(name, count, row):
+    figures = [row[key] for key in ("noticed", "listed", "alive", "equivalent", "same")]
+    return "| " + " | ".join(map(str, (name, count, *figures))) + " |"
+
+
 def write_report(results, listed, seconds, arguments):
     rows = collections.OrderedDict()
     for mutant, (result, _) in sorted(results.items()):
@@ -204,16 +217,18 @@ def write_report(results, listed, seconds, arguments):
         rows.setdefault(mutant.file, collections.Counter())[result] += 1
     total = sum(rows.values(), collections.Counter())
     lines = ["| source | mutants | noticed | alive, with a reason | alive | equivalent | same code |",
-             "|---|---|---|---|---|---|---|"]
-    for name, row in [*rows.items(), ("**all**", total)]:
-        lines.append(f"| {name} | {row['noticed'] + row['listed'] + row['alive']} | {row['noticed']} | "
-                     f"{row['listed']} | {row['alive']} | {row['equivalent']} | {row['same']} |")
-    count = total["noticed"] + total["listed"] + total["alive"]
+             "|---" * 7 + "|"]
+    counts = {name: row["noticed"] + row["listed"] + row["alive"] for name, row in rows.items()}
+    for name, row in rows.items():
+        lines.append(_row(name, counts[name], row))
+    count = sum(counts.values())
+    lines.append(_row("**all**", count, total))
     share = 100 * total["noticed"] / max(1, count)
-    lines += ["", f"{count} mutants, {total['noticed']} noticed ({share:.1f} %), {total['listed']} alive "
-              f"with a reason, {total['alive']} alive; besides {total['equivalent']} equivalent ones, "
-              f"{total['same']} of which the compiler makes the same code, and {total['refused']} that "
-              f"it refuses. `script/mutate {' '.join(arguments)}`, {seconds / 60:.0f} minutes."]
+    lines += ["", f"{count} mutants, {total['noticed']} noticed ({share:.1f} %), "
+              f"{total['listed']} alive with a reason, {total['alive']} alive; besides "
+              f"{total['equivalent']} equivalent ones, {total['same']} of which the compiler makes "
+              f"the same code, and {total['refused']} that it refuses. "
+              f"`script/mutate {' '.join(arguments)}`, {seconds / 60:.0f} minutes."]
     REPORT.write_text("\n".join(lines) + "\n")
     print("\n".join(lines))
     return share
@@ -224,10 +239,11 @@ def judge(results, listed, everything, share):
     wrong = []
     for mutant, (result, by) in results.items():
         name = name_of(mutant)
+        what = f"{mutant.file}:{mutant.line}: {mutant.text}\n       {mutant.change}"
         if result == "alive" and name not in listed:
-            wrong.append(f"alive: {mutant.file}:{mutant.line}: {mutant.text}\n       {mutant.change}")
+            wrong.append(f"alive: {what}")
         if result == "noticed" and name in listed:
-            wrong.append(f"listed, but noticed by {by}: {mutant.file}:{mutant.line} {mutant.change}")
+            wrong.append(f"listed, but noticed by {by}: {what}")
     known = {name_of(m) for found in everything.values() for m in found}
     wrong += [f"listed, but gone: {' | '.join(name)}" for name in listed if name not in known]
     if share < ENOUGH:
@@ -266,8 +282,8 @@ def main():
     check = Check(chosen, listed, unshare, arguments.quick)
     try:
         check.prove()
-        print(f"mutate: {len(chosen)} mutants; the tests pass without one and notice a broken library",
-              flush=True)
+        print(f"mutate: {len(chosen)} mutants; the tests pass without one and notice a broken "
+              "library", flush=True)
         if not arguments.go_on:
             RESULTS.unlink(missing_ok=True)
         check.run()

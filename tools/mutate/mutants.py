@@ -42,10 +42,15 @@ ASSIGNMENTS = {"=", "+=", "-=", "*=", "/=", "%=", "&=", "|=", "^=", "<<=", ">>="
 # Their stores are seen by other processes, at whatever instant the writer is killed.
 SHARED_MEMORY = {"common/hash_map.cpp", "common/hash_map.h", "common/internal/shared_word.h",
                  "common/message_queue.cpp", "common/shm_allocator.cpp", "common/shm_allocator.h"}
-NOT_STATEMENTS = {"if", "for", "while", "switch", "do", "else", "case", "default", "return", "class",
-                  "struct", "enum", "union", "using", "typedef", "template", "namespace", "public",
-                  "private", "protected", "const", "static", "extern", "friend", "explicit",
-                  "virtual", "inline", "auto", "static_assert", "asm", "goto", "try", "operator"}
+NOT_STATEMENTS = {"if", "for", "while", "switch", "do", "else", "case", "default", "return", "goto",
+                  "try", "class", "struct", "enum", "union", "using", "typedef", "template",
+                  "namespace", "public", "private", "protected", "const", "static", "extern",
+                  "friend", "explicit", "virtual", "inline", "auto", "static_assert", "asm",
+                  "operator"}
+# What a line that names a definition may begin with, and what may stand behind it.
+DECORATION = re.compile(r"__attribute__\s*\(\([^)]*\)+|\[\[.*?\]\] *|\btemplate\s*<[^{;]*?>\s|//.*")
+CALLABLE = re.compile(r"([\w:~]+(?: *operator\W+)?)\(")
+TYPE = re.compile(r"\b(?:class|struct|enum) +(\w+)")
 
 
 class Token:
@@ -72,6 +77,10 @@ class Source:
 
     def is_at(self, i, *texts):
         return 0 <= i < len(self.tokens) and self.tokens[i].text in texts
+
+    def next(self, i):
+        """The index behind a token, or behind a bracket and all that is in it."""
+        return self.partner[i] + 1 if self.is_at(i, *OPENING) else i + 1
 
     def between(self, begin, end):
         return self.text[self.tokens[begin].begin:self.tokens[end].end]
@@ -100,7 +109,7 @@ class Source:
     def _opens_body(self, head, brace):
         """A function's body and no class, namespace or list of values begins at the brace."""
         text = self.between(head, brace)
-        text = re.sub(r"__attribute__\s*\(\(.*?\)\)\)?|\btemplate\s*<[^{;]*?>\s", "", text, flags=re.S)
+        text = DECORATION.sub("", text).strip()
         text = re.sub(r"^(public|private|protected):\s*", "", text)
         if re.match(r"(class|enum|namespace|extern|union|typedef)\b", text):
             return False
@@ -157,7 +166,7 @@ class Source:
 
     def _semicolon(self, i):
         while i < len(self.tokens) and not self.is_at(i, ";", "}", ")"):
-            i = self.partner[i] + 1 if self.is_at(i, *OPENING) else i + 1
+            i = self.next(i)
         return i if self.is_at(i, ";") else None
 
     def function_of(self, position):
@@ -165,9 +174,12 @@ class Source:
         end = bisect.bisect_right(self.line_begins, position)
         for line in range(end - 1, -1, -1):
             text = self.text[self.line_begins[line]:].split("\n", 1)[0]
-            if re.match(r"[A-Za-z_~]", text) and not re.match(r"(public|private|protected):", text):
-                name = re.search(r"([\w:~]+(?: *operator\W+)?)\(|\b(?:class|struct|enum) .*?(\w+) (?:final )?[:{]", text)
-                return (name.group(1) or name.group(2)) if name else text.split("=")[0].split()[-1]
+            if not re.match(r"[A-Za-z_~\[]", text) or re.match("(public|private|protected):", text):
+                continue
+            text = DECORATION.sub("", text)
+            name = CALLABLE.search(text) or TYPE.search(text)
+            if name or text.strip():
+                return name.group(1) if name else re.split(r"\W*=|;", text)[0].split()[-1]
         return ""
 
 
@@ -222,11 +234,11 @@ def _condition_changes(source):
             middle, depth = i + 1, 1
             while depth != 0:
                 depth += {"?": 1, ":": -1}.get(source.tokens[middle].text, 0)
-                middle = source.partner[middle] + 1 if source.is_at(middle, *OPENING) else middle + 1
+                middle = source.next(middle)
             middle -= 1
             end = middle + 1
             while not source.is_at(end, ";", ",", ")", "]", "}"):
-                end = source.partner[end] + 1 if source.is_at(end, *OPENING) else end + 1
+                end = source.next(end)
             yes, no = source.between(i + 1, middle - 1), source.between(middle + 1, end - 1)
             yield "negated", i + 1, end - 1, f"{no} : {yes}"
 
@@ -254,10 +266,11 @@ def _statement_changes(source):
         if end is None:
             continue
         yield "removed", i, end, ";"
-        if previous is not None and previous[1] == i - 1 and _order_matters(source, previous, (i, end)):
-            begin = previous[0]
+        neighbours = previous is not None and previous[1] == i - 1
+        if neighbours and _order_matters(source, previous, (i, end)):
             gap = source.text[source.tokens[i - 1].end:source.tokens[i].begin]
-            yield "swapped", begin, end, source.between(i, end) + gap + source.between(*previous)
+            text = source.between(i, end) + gap + source.between(*previous)
+            yield "swapped", previous[0], end, text
         previous = (i, end)
 
 

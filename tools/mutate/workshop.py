@@ -1,4 +1,4 @@
-"""Builds mutated libraries and runs tests against them, each run shut up in namespaces of its own."""
+"""Builds mutated libraries and runs tests against them, each run in namespaces of its own."""
 
 import collections
 import filecmp
@@ -20,7 +20,8 @@ SLOW_CASE = 0.3  # seconds; such a case runs in the second round
 
 # A mutant may do anything. It sees no processes, segments, queues and networks but its own, may
 # write only below its own directory, and all that it has started ends with it.
-NAMESPACES = ["unshare", "--mount", "--pid", "--fork", "--mount-proc", "--ipc", "--net", "--kill-child"]
+NAMESPACES = ["unshare", "--mount", "--pid", "--fork", "--mount-proc", "--ipc", "--net",
+              "--kill-child"]
 INSIDE = r"""
 set -e
 ip link set lo up
@@ -44,6 +45,7 @@ exit $?
 
 Trial = collections.namedtuple("Trial", "passed timed_out output")
 Case = collections.namedtuple("Case", "name seconds")
+Run = collections.namedtuple("Run", "name arguments limit preload", defaults=[""])
 
 
 class CannotCompile(Exception):
@@ -105,8 +107,8 @@ class Commands:
             text = subprocess.run(["ninja", "-C", BUILD, "-t", "commands", target], check=True,
                                   capture_output=True, text=True).stdout
             output = "libzelk_common.so.1.0.0" if target == LIBRARY else target
-            linked = [line for line in text.splitlines() if re.search(rf"-o \S*{output} ", line)][-1]
-            self.link_cache[target] = linked.removeprefix(": && ").split(" && ")[0]
+            lines = [line for line in text.splitlines() if re.search(rf"-o \S*{output} ", line)]
+            self.link_cache[target] = lines[-1].removeprefix(": && ").split(" && ")[0]
         return self.link_cache[target]
 
     def objects_of_test(self, program):
@@ -186,11 +188,12 @@ class Bench:
 
     def run(self, program, arguments, limit, shut=True, preload=""):
         environment = {k: v for k, v in os.environ.items() if not k.startswith("GTEST_")}
-        environment.update(ROOT=str(ROOT), PLACE=str(self.place), SHUT="1" if shut else "0", PRELOAD=preload,
-                           LD_LIBRARY_PATH=str(self.library))
+        environment.update(ROOT=str(ROOT), PLACE=str(self.place), SHUT="1" if shut else "0",
+                           PRELOAD=preload, LD_LIBRARY_PATH=str(self.library))
         with open(self.path / "output", "w+b") as output:
             child = subprocess.Popen(
-                [*self.unshare, "bash", "-c", INSIDE, "bash", str(program), *arguments],
+                [*self.unshare, "bash", "-c", INSIDE, "bash", str(program), "--gtest_color=no",
+                 *arguments],
                 stdin=subprocess.DEVNULL, stdout=output, stderr=output, env=environment,
                 start_new_session=True)
             timed_out = False
@@ -224,14 +227,15 @@ class Suite:
         fresh = [name for name in names if not self._remember(name)]
         bench.link_library({})
         for name in fresh:
-            trial = bench.run(self.programs[name], ["--gtest_color=no"], 600)
+            trial = bench.run(self.programs[name], [], 600)
             if not trial.passed:  # some make a file in the build tree the first time
-                bench.run(self.programs[name], ["--gtest_color=no"], 600, shut=False)
-                trial = bench.run(self.programs[name], ["--gtest_color=no"], 600)
+                bench.run(self.programs[name], [], 600, shut=False)
+                trial = bench.run(self.programs[name], [], 600)
             if not trial.passed:
                 raise Failed(f"{name} fails without any mutant:\n{trial.output[-3000:]}")
             self.cases[name] = [Case(*m) for m in self._times(trial.output)]
-            if bench.run(self.programs[name], [self._quick(name)], 600, preload=self.leak_finder).passed:
+            if bench.run(self.programs[name], [self._quick(name)], 600,
+                         preload=self.leak_finder).passed:
                 self.fit_for_leaks.add(name)
         self._prove_that_the_library_counts(bench, fresh)
         for name in fresh:
@@ -260,23 +264,25 @@ class Suite:
 
     @staticmethod
     def _times(output):
-        for match in re.finditer(r"^\[       OK \] (\S+?)(?:, where .*)? \((\d+) ms\)", output, re.M):
+        line = r"^\[       OK \] (\S+?)(?:, where .*)? \((\d+) ms\)"
+        for match in re.finditer(line, output, re.M):
             yield match.group(1), int(match.group(2)) / 1000
 
     def _prove_that_the_library_counts(self, bench, names):
         source, broken = bench.objects / "broken.cpp", bench.objects / "broken.o"
-        source.write_text("#include <unistd.h>\n__attribute__((constructor)) void Break() { _exit(3); }\n")
+        source.write_text("#include <unistd.h>\n"
+                          "__attribute__((constructor)) void Break() { _exit(3); }\n")
         subprocess.run(["c++", "-fPIC", "-c", source, "-o", broken], check=True)
         if not bench.link_library(self._with(bench, self.commands.library_objects[0], broken)):
             raise Failed("the library that is broken on purpose can not be linked")
         for name in names:
             program = self.programs[name]
-            if b"libzelk_common.so" not in program.read_bytes():  # it has the code under test itself
+            if b"libzelk_common.so" not in program.read_bytes():  # it has the code itself
                 program = bench.path / "programs" / name
                 own = self.commands.objects_of_test(name)[0]
                 if not bench.link(f"tests/{name}", program, self._with(bench, own, broken)):
                     raise Failed(f"{name}, broken on purpose, can not be linked")
-            if bench.run(program, ["--gtest_color=no"], 60).passed:
+            if bench.run(program, [], 60).passed:
                 raise Failed(f"{name} passes with a broken library: it loads another one")
 
     @staticmethod
@@ -287,17 +293,18 @@ class Suite:
         return {name: merged}
 
     def rounds(self, own, others):
-        """Two lists of program, arguments, limit and preloaded library: the quick cases of the
-        source's own tests; the same with an eye on leaks, their slow ones and the others' tests."""
+        """Two lists: the quick cases of the source's own tests; the same with an eye on leaks,
+        their slow ones and the others' tests."""
         quick, leaks, rest = [], [], []
         for name in own:
             limit = self._limit(name, False)
-            quick.append((name, [self._quick(name)], limit, ""))
+            quick.append(Run(name, [self._quick(name)], limit))
             if name in self.fit_for_leaks:
-                leaks.append((name, [self._quick(name)], 2 * limit, self.leak_finder))
+                leaks.append(Run(name, [self._quick(name)], 2 * limit, self.leak_finder))
             if self._slow(name):
-                rest.append((name, ["--gtest_filter=" + self._slow(name)], self._limit(name, True), ""))
-        rest += [(name, [], self._limit(name, True), "") for name in others]
+                slow = "--gtest_filter=" + self._slow(name)
+                rest.append(Run(name, [slow], self._limit(name, True)))
+        rest += [Run(name, [], self._limit(name, True)) for name in others]
         return quick, leaks + rest
 
     def _slow(self, name):
