@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <memory>
 
 #include "failing_call.h"
+#include "full_disk.h"
 #include "log_test_support.h"
 
 namespace {
@@ -132,6 +134,57 @@ TEST_F(LogCallTest, DumpOfTheMembersLosesAtMostTheLineThatFails) {
         CaptureDescriptor([&](int iFD) { stAttempt.Run([&] { stLog.Dump(iFD); }); });
     const bool bLost = stAttempt.FailsIn({{"write"}}) && stAttempt.Failure().iErrno != 0;
     EXPECT_EQ(bLost ? 5 : 6, std::count(strText.begin(), strText.end(), '\n'));
+  });
+}
+
+// ---- the file with a fixed name
+
+const char FIXED_FILE[] = "/var/log/zelk/undefined_.log";
+
+// Its directory is a file system of the test's own.
+class FixedLogCallTest : public LogCallTest {
+ protected:
+  void SetUp() override {
+    LogCallTest::SetUp();
+    if (!SmallDisk::WhyNot().empty()) {
+      GTEST_SKIP() << SmallDisk::WhyNot();
+    }
+    m_pDisk = std::make_unique<SmallDisk>("/var/log", 1 << 20);
+  }
+
+  // A log's line fails; what is in the file after the next one.
+  static void FailOne(const std::function<void(Log&)>& fnArrange) {
+    FailEachCall([&](Attempt& stAttempt) {
+      std::filesystem::remove_all("/var/log/zelk");
+      Log stLog;
+      fnArrange(stLog);
+      WriteOne(stAttempt, stLog);
+      stLog.Info("next");
+      const Lines_t vecFound = MessagesOf(FIXED_FILE);
+      EXPECT_EQ("next", vecFound.empty() ? "" : vecFound.back());
+      const bool bWritten = std::count(vecFound.begin(), vecFound.end(), LINE) == 1;
+      // A name that may not be looked up stands for the file that was open, and maybe is no more.
+      const bool bElsewhere = stAttempt.FailsIn({{"openat"}, {"mkdir"}, {"statx"}});
+      EXPECT_TRUE(bWritten != IsLost(stAttempt) || bElsewhere);
+    });
+  }
+
+ private:
+  std::unique_ptr<SmallDisk> m_pDisk;
+};
+
+TEST_F(FixedLogCallTest, FirstLineIsWrittenOrDropped) {
+  FailOne([](Log& /*stLog*/) {});
+}
+
+TEST_F(FixedLogCallTest, LaterLineIsWrittenOrDropped) {
+  FailOne([](Log& stLog) { stLog.Info("first"); });
+}
+
+TEST_F(FixedLogCallTest, LineAfterARotationGoesToTheNewFileOrIsDropped) {
+  FailOne([](Log& stLog) {
+    stLog.Info("first");
+    std::filesystem::rename(FIXED_FILE, std::string(FIXED_FILE) + ".1");
   });
 }
 

@@ -181,14 +181,30 @@ TEST(LongActionCallTest, EncodedOutputReturnsItsLengthWhateverBecomesOfIt) {
   });
 }
 
-TEST(LongActionCallTest, RequestThatCanNotBeParsedIsNoSuccessAlsoWithoutAMessage) {
-  FailEachCall([](Attempt& stAttempt) {
+// A request that can not be run is no success, whatever becomes of the message.
+void ExpectNoSuccess(const std::string& strRequest, const std::string& strMessage) {
+  FailEachCall([&](Attempt& stAttempt) {
     LongActionMethod stMethod;
-    const std::string strText =
-        CaptureOutput(2, [&] { stAttempt.Run([&] { stMethod.Execute("x", 1); }); });
+    const std::string strText = CaptureOutput(2, [&] {
+      stAttempt.Run([&] {
+        stMethod.Execute(strRequest.data(), static_cast<unsigned int>(strRequest.size()));
+      });
+    });
     EXPECT_EQ(-1, stMethod.Retcode());
-    EXPECT_TRUE(stAttempt.Fails() || strText == "Internal error: can't parse data\n");
+    EXPECT_TRUE(stAttempt.Fails() || strText.rfind(strMessage, 0) == 0) << strText;
   });
+}
+
+TEST(LongActionCallTest, RequestThatCanNotBeParsedIsNoSuccess) {
+  ExpectNoSuccess("x", "Internal error: can't parse data\n");
+}
+
+TEST(LongActionCallTest, RequestForAnUnknownMethodIsNoSuccess) {
+  LongActionMethod stRequest;
+  stRequest.Method("Unknown");
+  ExpectNoSuccess(stRequest.SerializeRequest(),
+                  "Internal error: invalid object type `Unknown`\n"
+                  "Internal error:   valid list - ExecuteShell2\n");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "failing_call.h"
@@ -138,6 +139,22 @@ TEST(HashMapCallTest, AttachThatJoinsFailsAndCanBeRepeated) {
     EXPECT_TRUE(bAttached || fnAttach());
     EXPECT_STREQ("value", stTable.GetString("key"));
   });
+}
+
+TEST(HashMapCallTest, DumpLosesAtMostTheLineThatFails) {
+  const PrivateKey stKey;
+  HashMap stTable;
+  ASSERT_TRUE(stTable.Attach(stKey.Key(), TABLE_SIZE + RESERVED_SIZE, 1, false));
+  ASSERT_TRUE(stTable.Set("key", "value"));
+  const std::string strAll = CaptureDescriptor([&](int iFD) { stTable.Dump(iFD); });
+  const auto iLines = std::count(strAll.begin(), strAll.end(), '\n');
+  const auto fnAttempt = [&](Attempt& stAttempt) {
+    const std::string strText =
+        CaptureDescriptor([&](int iFD) { stAttempt.Run([&] { stTable.Dump(iFD); }); });
+    const bool bLost = stAttempt.FailsIn({{"write"}}) && stAttempt.Failure().iErrno != 0;
+    EXPECT_EQ(iLines - bLost, std::count(strText.begin(), strText.end(), '\n'));
+  };
+  FailEachCall(fnAttempt, 3);
 }
 
 }  // namespace
