@@ -119,6 +119,8 @@ TEST(FailingCallTest, ChildThatIsLeftIsNoticed) {
                             if (iLeft == 0) {
                               _exit(0);
                             }
+                            siginfo_t stInfo;
+                            waitid(P_PID, static_cast<id_t>(iLeft), &stInfo, WEXITED | WNOWAIT);
                           }),
                           "children");
   EXPECT_EQ(iLeft, waitpid(iLeft, nullptr, 0));
