@@ -125,7 +125,7 @@ std::string ParseKillFilter(const Arguments_t& vecArguments, ClientFilter_t& stF
   }
   for (size_t i = 2; i < vecArguments.size(); i += 2) {
     const bool bValue = i + 1 < vecArguments.size();
-    const std::string strError =
+    std::string strError =
         bValue ? ParseKillOption(vecArguments[i], vecArguments[i + 1], stFilter) : SYNTAX_ERROR;
     if (!strError.empty()) {
       return strError;

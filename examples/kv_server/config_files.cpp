@@ -162,8 +162,9 @@ std::string EscapeXml(const std::string& strText) {
 // A number from 1 of at most nine digits, or 0.
 unsigned int PositiveNumber(const std::string& strText) {
   const bool bDigits = strText.find_first_not_of("0123456789") == std::string::npos;
-  return bDigits && strText.size() <= MAX_DIGITS ? static_cast<unsigned int>(atoi(strText.c_str()))
-                                                 : 0;
+  return bDigits && strText.size() <= MAX_DIGITS
+             ? static_cast<unsigned int>(strtoul(strText.c_str(), nullptr, 10))
+             : 0;
 }
 
 // "900:1"

@@ -126,7 +126,7 @@ std::string ReadEntries(DumpStream& stFile, const DumpVisitor_t& fnVisit, uint64
         !stFile.Read(strValue.data(), strValue.size())) {
       return "it is cut off";
     }
-    const std::string strFault = fnVisit(strKey, {strValue, stEntry.iExpireAt});
+    std::string strFault = fnVisit(strKey, {strValue, stEntry.iExpireAt});
     if (!strFault.empty()) {
       return strFault;
     }
@@ -198,7 +198,7 @@ std::string WriteDump(const KeySource_t& fnSource, const DumpOrigin_t& stOrigin,
   if (bGood && rename(strNew.c_str(), strPath.c_str()) == 0 && SyncDirectoryOf(strPath)) {
     return "";
   }
-  const std::string strError = strPath + ": " + strerror(errno);
+  std::string strError = strPath + ": " + strerror(errno);
   unlink(strNew.c_str());
   return strError;
 }
@@ -231,7 +231,7 @@ std::string LoadDump(KeyStore& stStore, const TableMark_t& stMark, const std::st
                : "its keys do not fit into the table (table.bytes)";
   };
   uint64_t iEntries = 0;
-  const std::string strError = ReadOpen(stFile, stMark, strPath, Add, iEntries, stStat.iGeneration);
+  std::string strError = ReadOpen(stFile, stMark, strPath, Add, iEntries, stStat.iGeneration);
   stStat.iBytes = stFile.Bytes();
   return strError;
 }

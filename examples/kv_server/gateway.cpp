@@ -357,9 +357,9 @@ void Gateway::TouchAll() {
   }
 }
 
-void Gateway::Resume(Session& stSession) { m_vecResumed.push_back(stSession.GetId()); }
+void Gateway::Resume(const Session& stSession) { m_vecResumed.push_back(stSession.GetId()); }
 
-void Gateway::WatchSession(Session& stSession, int iFD, uint32_t iEvents) {
+void Gateway::WatchSession(const Session& stSession, int iFD, uint32_t iEvents) {
   // Room to write is looked at again until all is written.
   const uint32_t iEdge = (iEvents & EPOLLOUT) == 0 ? EPOLLET : 0u;
   Watch(m_iEpoll, EPOLL_CTL_MOD, iFD, stSession.GetId(), iEvents | iEdge);

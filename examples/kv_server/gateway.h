@@ -44,9 +44,9 @@ class Gateway : public ReplyReceiver {
   RequestRouter& Router() { return m_stRouter; }
   BoundedReceiver& Receiver() { return m_stReceiver; }
   uint32_t NewMachineId();
-  void Touch(Session& stSession);   // FinishTurn() is called at the end of the turn
-  void Resume(Session& stSession);  // a paused session may go on
-  void WatchSession(Session& stSession, int iFD, uint32_t iEvents);
+  void Touch(Session& stSession);         // FinishTurn() is called at the end of the turn
+  void Resume(const Session& stSession);  // a paused session may go on
+  void WatchSession(const Session& stSession, int iFD, uint32_t iEvents);
   pid_t Master() const { return m_iMaster; }
   GatewayStatistics& Statistics() { return m_stStatistics; }
   std::vector<Session*> Sessions() const;  // except dead ones

@@ -24,6 +24,7 @@ std::string ParseScanOptions(const Arguments_t& vecArguments, ScanOptions_t& stO
     }
     const std::string_view strValue = vecArguments[i + 1];
     int64_t iCount = 0;
+    // NOLINTNEXTLINE(bugprone-branch-clone): in the order in which the faults are told
     if (EqualsIgnoringCase(strWord, "match")) {
       stOptions.strPattern = strValue;
     } else if (EqualsIgnoringCase(strWord, "type")) {

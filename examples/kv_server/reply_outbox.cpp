@@ -71,10 +71,9 @@ void ReplyOutbox::EndRun() { PatchPiece(m_iCommands, 0); }
 // spread over several.
 void ReplyOutbox::CutPiece() {
   const uint32_t iCommands = m_iCommands;
-  std::string strLong;
-  size_t iTaken = 0;
   if (PieceSize() > 2 * m_iLimit) {
-    strLong = m_strRecord.substr(m_iPiece + sizeof(PieceHead_t));
+    size_t iTaken = 0;
+    const std::string strLong = m_strRecord.substr(m_iPiece + sizeof(PieceHead_t));
     m_strRecord.resize(m_iPiece + sizeof(PieceHead_t));
     for (; strLong.size() - iTaken > 2 * m_iLimit; iTaken += m_iLimit) {
       m_strRecord.append(strLong, iTaken, m_iLimit);

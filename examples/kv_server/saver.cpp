@@ -106,7 +106,7 @@ std::string Saver::Fill(uint64_t& iGeneration, bool& bWhole) {
 // bWhole: dump and journal have all keys. The mirror stands in for both, until the next save.
 std::string Saver::LoadKeys(uint64_t& iGeneration, bool& bWhole) {
   DumpStat_t stStat{};
-  const std::string strError = LoadDump(m_stStore, m_stMark, m_strPath, stStat);
+  std::string strError = LoadDump(m_stStore, m_stMark, m_strPath, stStat);
   iGeneration = stStat.iGeneration;
   const bool bDump = stStat.iBytes > 0;
   bWhole = bDump || !HasMirror() ||

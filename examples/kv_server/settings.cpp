@@ -115,7 +115,8 @@ std::string HostOf(const std::string& strAddress) {
 }
 
 unsigned short PortOf(const std::string& strAddress) {
-  return static_cast<unsigned short>(atoi(strAddress.c_str() + strAddress.rfind(':') + 1));
+  const char* pPort = strAddress.c_str() + strAddress.rfind(':') + 1;
+  return static_cast<unsigned short>(strtoul(pPort, nullptr, 10));
 }
 
 bool IsAddress(const std::string& strText) {

@@ -147,6 +147,7 @@ void TableSet::LoadList() {
     int iKey = -1;
     unsigned int iWorker = 0;
     char szNew[4] = "";
+    // NOLINTNEXTLINE(cert-err34-c): this server has written the list
     const int iCount = sscanf(strLine.c_str(), "%d %u %3s", &iKey, &iWorker, szNew);
     if (iCount >= 2 && iWorker < m_vecNames.size()) {
       m_vecNames[iWorker].iKey = iKey;

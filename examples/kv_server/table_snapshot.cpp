@@ -69,8 +69,11 @@ void TableSnapshot::Abandon() {
 }
 
 std::string_view TableSnapshot::Front() const {
-  return m_dqPieces.empty() ? std::string_view()
-                            : std::string_view(m_dqPieces.front()).substr(m_iTaken);
+  if (m_dqPieces.empty()) {
+    return {};
+  }
+  const std::string_view svFront = m_dqPieces.front();
+  return svFront.substr(m_iTaken);
 }
 
 void TableSnapshot::Take(size_t iBytes) {

@@ -36,8 +36,8 @@ size_t LevelOf(const std::string& strLine) {
     return LEVELS.size();
   }
   const size_t iEnd = strLine.find(']', LEVEL_BEGIN);
-  const std::string_view strLevel = std::string_view(strLine).substr(
-      LEVEL_BEGIN, iEnd == std::string::npos ? 0 : iEnd - LEVEL_BEGIN);
+  const std::string strLevel =
+      strLine.substr(LEVEL_BEGIN, iEnd == std::string::npos ? 0 : iEnd - LEVEL_BEGIN);
   return static_cast<size_t>(std::find(LEVELS.begin(), LEVELS.end(), strLevel) - LEVELS.begin());
 }
 

@@ -144,7 +144,7 @@ std::string Subject::Look(Document& stDocument) {
     return LookAtSegment(stDocument);
   }
   Figures_t mapFigures;
-  const std::string strError = DescribeLog(m_strName, m_stOptions, stDocument, mapFigures);
+  std::string strError = DescribeLog(m_strName, m_stOptions, stDocument, mapFigures);
   if (strError.empty()) {
     AddRatesTo(stDocument, mapFigures);
   }

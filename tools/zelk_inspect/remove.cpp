@@ -58,7 +58,7 @@ std::string Content(const SegmentStatus_t& stStatus, bool& bForeign) {
 // Empty when it was removed, else why not. Looks again behind the answer: that may take a while.
 std::string RemoveSegment(const Options_t& stOptions, const std::string& strName) {
   SegmentStatus_t stStatus;
-  const std::string strError = FindSegment(strName, stStatus);
+  std::string strError = FindSegment(strName, stStatus);
   if (!strError.empty()) {
     return strError;
   }

@@ -37,7 +37,7 @@ int ParseMapping(const std::string& strLine, Mapping_t& stMapping) {
   if (strLine.find("/SYSV") == std::string::npos) {
     return -1;  // most lines
   }
-  // NOLINTNEXTLINE(cert-err34-c): the kernel's numbers; iName tells whether all were there
+  // NOLINTNEXTLINE(cert-err33-c,cert-err34-c): the kernel's numbers; iName tells of all
   sscanf(strLine.c_str(), "%" SCNx64 "-%" SCNx64 " %*4s %" SCNx64 " %*x:%*x %" SCNu64 " %n",
          &iBegin, &iEnd, &iOffset, &iInode, &iName);
   if (iName == -1 || iInode > INT32_MAX || iEnd <= iBegin ||
