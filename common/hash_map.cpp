@@ -3,6 +3,8 @@
 #include <stdio.h>
 #include <sys/ipc.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstddef>
 #include <cstring>
 
@@ -27,6 +29,9 @@ const uint64_t FNV_BASIS = 2166136261;
 const uint64_t FNV_PRIME = 16777619;
 const uint64_t BKDR_SEED = 131;
 const uint64_t PREFETCH_BUCKETS = 8;  // iterating, this far ahead
+const uint64_t ENTRY_HEAD = 16;
+const uint64_t SMALLEST_ENTRY = 32;  // a block of the heap, with an empty key and no value
+const uint64_t LONG_CHAIN = 64;
 
 // A byte as the hashes see it: bytes from 0x80 on are negative.
 inline uint64_t SignExtended(char c) {
@@ -38,20 +43,110 @@ struct HashedKey_t {
   uint64_t iKeySize;  // with the NUL
 };
 
-// Hash and length in one pass.
+// Hash and length in one pass, four characters a turn.
 inline HashedKey_t HashKey(const char* pKey) {
   uint64_t iHash = FNV_BASIS;
-  const char* p = pKey;
-  for (; *p != '\0'; ++p) {
-    iHash = (iHash ^ SignExtended(*p)) * FNV_PRIME;
+  for (const char* p = pKey;; p += 4) {
+    for (int i = 0; i < 4; ++i) {
+      if (p[i] == '\0') {
+        return {iHash, static_cast<uint64_t>(p - pKey) + static_cast<uint64_t>(i) + 1};
+      }
+      iHash = (iHash ^ SignExtended(p[i])) * FNV_PRIME;
+    }
   }
-  return {iHash, static_cast<uint64_t>(p - pKey) + 1};
 }
 
 template <typename Item>
 inline char* KeyOf(Item* pItem) {
   return reinterpret_cast<char*>(pItem + 1);
 }
+
+template <typename Word>
+inline bool SameWord(const char* pOne, const char* pOther) {
+  return AcquireWord<Word>(pOne) == AcquireWord<Word>(pOther);
+}
+
+// In line, since a call costs more than the comparison of most keys. The last words overlap those
+// before them.
+inline bool SameKey(const char* pOne, const char* pOther, uint64_t iSize) {
+  if (iSize < sizeof(uint64_t)) {
+    if (iSize >= sizeof(uint32_t)) {
+      const uint64_t iLast = iSize - sizeof(uint32_t);
+      return SameWord<uint32_t>(pOne, pOther) && SameWord<uint32_t>(pOne + iLast, pOther + iLast);
+    }
+    return pOne[0] == pOther[0] && pOne[iSize / 2] == pOther[iSize / 2] &&
+           pOne[iSize - 1] == pOther[iSize - 1];
+  }
+  const uint64_t iLast = iSize - sizeof(uint64_t);
+  for (uint64_t i = 0; i < iLast; i += sizeof(uint64_t)) {
+    if (!SameWord<uint64_t>(pOne + i, pOther + i)) {
+      return false;
+    }
+  }
+  return SameWord<uint64_t>(pOne + iLast, pOther + iLast);
+}
+
+// The chains of a table as bytes that anybody may have written.
+class Chains {
+ public:
+  // iRoom: how far behind iFirst an entry without key and value may begin.
+  Chains(const char* pBase, uint64_t iFirst, uint64_t iRoom, uint64_t iBuckets)
+      : m_pBase(pBase), m_iFirst(iFirst), m_iRoom(iRoom), m_iBuckets(iBuckets) {}
+
+  // Counts links from an entry on to the end of its chain. 0 when there is no end, or when entries
+  // of other buckets follow: many buckets may share these. Chains are short, only those that are
+  // long are looked at closely. A ring meets the mark again, which is set at each power of two.
+  uint64_t Length(uint64_t iBucket, uint64_t iOffset) const {
+    uint64_t iMark = 0;
+    uint64_t iMarkAt = LONG_CHAIN;
+    uint64_t i = 0;
+    for (; iOffset - m_iFirst <= m_iRoom; ++i) {
+      if (i >= LONG_CHAIN &&
+          (iOffset == iMark || i > m_iRoom / SMALLEST_ENTRY || !IsOf(iBucket, iOffset))) {
+        return 0;
+      }
+      if (i == iMarkAt) {
+        iMark = iOffset;
+        iMarkAt *= 2;
+      }
+      iOffset = AcquireWord<uint64_t>(m_pBase + iOffset);
+    }
+    return i;
+  }
+
+ private:
+  // Whether the key there belongs into that bucket.
+  bool IsOf(uint64_t iBucket, uint64_t iOffset) const {
+    const char* pKey = m_pBase + iOffset + ENTRY_HEAD;
+    const char* pEnd = pKey + (m_iRoom - (iOffset - m_iFirst));
+    uint64_t iHash = FNV_BASIS;
+    for (; pKey != pEnd && *pKey != '\0'; ++pKey) {
+      iHash = (iHash ^ SignExtended(*pKey)) * FNV_PRIME;
+    }
+    return iHash % m_iBuckets == iBucket;
+  }
+
+  const char* const m_pBase;
+  const uint64_t m_iFirst;
+  const uint64_t m_iRoom;
+  const uint64_t m_iBuckets;
+};
+
+// When an iterator, which knows only where it is, has to ask whether its chain ends at all: seldom,
+// and the more so the longer that took last time; and never in step with loops in loops. One for
+// the process.
+class RareQuestion {
+ public:
+  bool IsDue() { return --m_iLinks == 0; }
+  void Answered(uint64_t iLinks) {
+    m_iRandom = m_iRandom * 1664525 + 1013904223;
+    m_iLinks = std::max(iLinks, LONG_CHAIN) + (m_iRandom >> 26);
+  }
+
+ private:
+  uint64_t m_iLinks = LONG_CHAIN;
+  uint32_t m_iRandom = 1;
+};
 
 }  // namespace
 
@@ -86,7 +181,11 @@ bool HashMap::Attach(key_t iKey, uint64_t iSize, uint64_t iBucketCount, bool bRe
   if (AcquireWord<uint32_t>(&m_pHead->iReady) != READY_FLAG) {
     return Init();
   }
-  m_iBucketCount = m_pHead->iBucketCount;
+  m_iBucketCount = AcquireWord<uint32_t>(&m_pHead->iBucketCount);
+  if (m_iBucketCount == 0 || m_iBucketCount * sizeof(Bucket_t) + sizeof(Head_t) > RESERVED_SIZE) {
+    Detach();
+    return false;
+  }
   PrepareLookup();
   return true;
 }
@@ -115,7 +214,7 @@ bool HashMap::Init() {
 }
 
 void HashMap::PrepareLookup() {
-  const uint32_t iCount = m_pHead->iBucketCount;
+  const auto iCount = static_cast<uint32_t>(m_iBucketCount);
   if (iCount != 0) {
     m_iReciprocal = UINT64_MAX / iCount;
     m_iReciprocalOf = iCount;
@@ -128,7 +227,7 @@ inline uint32_t HashMap::BucketOf(uint64_t iHash) const {
   __extension__ typedef unsigned __int128 uint128_t;
   const uint64_t iCount = m_pHead->iBucketCount;
   if (__builtin_expect(iCount != m_iReciprocalOf, 0)) {
-    return static_cast<uint32_t>(iHash % iCount);  // another process has made the table anew
+    return static_cast<uint32_t>(iHash % BucketCount());  // another process made the table anew
   }
   const auto iQuotient = static_cast<uint64_t>((uint128_t{iHash} * m_iReciprocal) >> 64);
   const uint64_t iRemainder = iHash - iQuotient * iCount;
@@ -139,26 +238,58 @@ inline HashMap::Bucket_t* HashMap::Bucket(uint64_t iBucket) const {
   return reinterpret_cast<Bucket_t*>(m_pHead + 1) + iBucket;
 }
 
+// What the head says, or what it said at first when the reserved area does not hold so many.
+inline uint64_t HashMap::BucketCount() const {
+  const uint64_t iCount = AcquireWord<uint32_t>(&m_pHead->iBucketCount);
+  const uint64_t iMost = (m_sAllocator.m_iReservedSize - sizeof(Head_t)) / sizeof(Bucket_t);
+  return iCount - 1 < iMost ? iCount : std::min(m_iBucketCount, iMost);
+}
+
+// How far behind the heap's header an entry without key and value may begin.
+inline uint64_t HashMap::Room() const {
+  return m_sAllocator.m_iSize - sizeof(ShmAllocator::Head_t) - sizeof(InternalItem_t);
+}
+
 inline HashMap::InternalItem_t* HashMap::ItemAt(uint64_t iOffset) const {
-  return iOffset == 0 ? nullptr : reinterpret_cast<InternalItem_t*>(m_pBase + iOffset);
+  return reinterpret_cast<InternalItem_t*>(m_pBase + iOffset);
 }
 
-inline HashItem_t HashMap::View(InternalItem_t* pItem) {
-  char* pKey = KeyOf(pItem);
-  return {pKey, pKey + pItem->iKeySize, pItem->iValueSize};
-}
-
+// One comparison tells a link from the chain's end, 0, and from what leads out of the segment.
 inline HashMap::Place_t HashMap::Find(const char* pKey) const {
   const HashedKey_t stKey = HashKey(pKey);
-  Place_t stPlace{stKey.iKeySize, BucketOf(stKey.iHash), nullptr, nullptr};
-  InternalItem_t* pItem = ItemAt(AcquireWord<uint64_t>(&Bucket(stPlace.iBucket)->iBucket));
-  while (pItem != nullptr &&
-         (pItem->iKeySize != stKey.iKeySize || memcmp(KeyOf(pItem), pKey, stKey.iKeySize) != 0)) {
-    stPlace.pBefore = pItem;
-    pItem = ItemAt(AcquireWord<uint64_t>(&pItem->iNext));
+  Place_t stPlace{stKey.iKeySize, BucketOf(stKey.iHash), nullptr, nullptr, 0};
+  uint64_t iRoom = 0;
+  if (__builtin_sub_overflow(Room(), stKey.iKeySize, &iRoom)) {
+    return stPlace;
   }
-  stPlace.pItem = pItem;
+  uint64_t iSteps = m_sAllocator.m_iSize;
+  uint64_t iOffset = AcquireWord<uint64_t>(&Bucket(stPlace.iBucket)->iBucket);
+  while (iOffset - sizeof(ShmAllocator::Head_t) <= iRoom) {
+    InternalItem_t* pItem = ItemAt(iOffset);
+    if (pItem->iKeySize == stKey.iKeySize && SameKey(KeyOf(pItem), pKey, stKey.iKeySize)) {
+      stPlace.pItem = pItem;
+      stPlace.iRest = iRoom - (iOffset - sizeof(ShmAllocator::Head_t));
+      break;
+    }
+    stPlace.pBefore = pItem;
+    iOffset = AcquireWord<uint64_t>(&pItem->iNext);
+    if (__builtin_sub_overflow(iSteps, SMALLEST_ENTRY, &iSteps)) {
+      break;  // a ring
+    }
+  }
   return stPlace;
+}
+
+// Whether the chain from there on is sound as far as an iterator cares.
+inline bool HashMap::ChainEnds(uint64_t iBucket, uint64_t iOffset) const {
+  static RareQuestion s_stQuestion;
+  if (!s_stQuestion.IsDue()) {
+    return true;
+  }
+  const Chains stChains(m_pBase, sizeof(ShmAllocator::Head_t), Room(), BucketCount());
+  const uint64_t iLinks = stChains.Length(iBucket, iOffset);
+  s_stQuestion.Answered(iLinks);
+  return iLinks != 0;
 }
 
 inline void HashMap::Unlink(const Place_t& stPlace) {
@@ -179,9 +310,9 @@ inline HashMap::InternalItem_t* HashMap::MakeRoom(const Place_t& stPlace, uint32
     if (m_sAllocator.IsSameClass(stPlace.pItem, iSize)) {
       return stPlace.pItem;
     }
-    m_sAllocator.Deallocate(stPlace.pItem);
+    m_sAllocator.DeallocateChecked(stPlace.pItem);
   }
-  return static_cast<InternalItem_t*>(m_sAllocator.Allocate(iSize));
+  return static_cast<InternalItem_t*>(m_sAllocator.AllocateChecked(iSize));
 }
 
 bool HashMap::Set(const HashItem_t& stItem) {
@@ -217,8 +348,16 @@ bool HashMap::Set(const char* pKey, const char* pValue) {
 }
 
 const HashItem_t HashMap::Get(const char* pKey) {
-  InternalItem_t* pItem = Find(pKey).pItem;
-  return pItem == nullptr ? HashItem_t{} : View(pItem);
+  const Place_t stPlace = Find(pKey);
+  if (stPlace.pItem == nullptr) {
+    return {};
+  }
+  const uint32_t iValueSize = stPlace.pItem->iValueSize;
+  if (iValueSize > stPlace.iRest) {
+    return {};
+  }
+  char* pFound = KeyOf(stPlace.pItem);
+  return {pFound, pFound + stPlace.iKeySize, iValueSize};
 }
 
 uint64_t HashMap::GetInt(const char* pKey, uint64_t iDefault) {
@@ -239,7 +378,7 @@ bool HashMap::Delete(const char* pKey) {
   const Place_t stPlace = Find(pKey);
   if (stPlace.pItem != nullptr) {
     Unlink(stPlace);
-    m_sAllocator.Deallocate(stPlace.pItem);
+    m_sAllocator.DeallocateChecked(stPlace.pItem);
   }
   return true;
 }
@@ -282,7 +421,7 @@ const HashMapStat_t& HashMap::GetStat() {
     const uint64_t iCount = m_sStat.iObjectCount;
     m_sStat.iAvgKeySize = static_cast<uint32_t>(m_pHead->iTotalKeySize / iCount);
     m_sStat.iAvgValueSize = static_cast<uint32_t>(m_pHead->iTotalValueSize / iCount);
-    m_sStat.iAvgBucketSize = static_cast<uint32_t>(iCount / m_pHead->iBucketCount);
+    m_sStat.iAvgBucketSize = static_cast<uint32_t>(iCount / std::max<uint64_t>(BucketCount(), 1));
   }
   m_sStat.iFreeShmSize = stHeap.iFreeSize;
   m_sStat.iTotalFreeShmSize = stHeap.iTotalFreeSize;
@@ -306,11 +445,16 @@ void HashMap::Dump(int iFD) {
   dprintf(iFD, "m_pHead->iBucketCount=\"%u\"\n", m_pHead->iBucketCount);
   dprintf(iFD, "m_pHead->iObjectCount=\"%lu\"\n", m_pHead->iObjectCount);
   dprintf(iFD, "---------- HashMap.Bucket ----------\n");
-  for (uint64_t i = 0; i < m_pHead->iBucketCount; ++i) {
-    for (InternalItem_t* pItem = ItemAt(Bucket(i)->iBucket); pItem != nullptr;
-         pItem = ItemAt(pItem->iNext)) {
-      dprintf(iFD, "bucket:%lu key:\"%s\", value_size:\"%u\"\n", i, KeyOf(pItem),
-              pItem->iValueSize);
+  uint64_t iLines = m_sAllocator.m_iSize / SMALLEST_ENTRY;  // for no ring
+  for (uint64_t i = 0; i < BucketCount(); ++i) {
+    uint64_t iOffset = AcquireWord<uint64_t>(&Bucket(i)->iBucket);
+    for (; iOffset - sizeof(ShmAllocator::Head_t) <= Room() && iLines != 0; --iLines) {
+      InternalItem_t* pItem = ItemAt(iOffset);
+      const uint64_t iRest = Room() - (iOffset - sizeof(ShmAllocator::Head_t));
+      const uint64_t iKeySize = std::min<uint64_t>({pItem->iKeySize, iRest, INT_MAX});
+      dprintf(iFD, "bucket:%lu key:\"%.*s\", value_size:\"%u\"\n", i, static_cast<int>(iKeySize),
+              KeyOf(pItem), pItem->iValueSize);
+      iOffset = AcquireWord<uint64_t>(&pItem->iNext);
     }
   }
 }
@@ -319,7 +463,8 @@ HashMap::iterator HashMap::find(const char* pKey) {
   const Place_t stPlace = Find(pKey);
   iterator it;
   if (stPlace.pItem != nullptr) {
-    it.MoveTo(this, stPlace.iBucket, stPlace.pItem);
+    it.MoveTo(this, stPlace.iBucket,
+              static_cast<uint64_t>(reinterpret_cast<char*>(stPlace.pItem) - m_pBase));
   }
   return it;
 }
@@ -343,34 +488,52 @@ void HashMap::iterator::make_end() {
   m_pHashMap = nullptr;
 }
 
-inline void HashMap::iterator::MoveTo(HashMap* pHashMap, uint64_t iBucket, InternalItem_t* pItem) {
+// Not to a key without end, nor to a key or value that reaches behind the segment.
+inline bool HashMap::iterator::MoveTo(HashMap* pHashMap, uint64_t iBucket, uint64_t iOffset) {
+  const uint64_t iRoom = pHashMap->Room();
+  const uint64_t iPlace = iOffset - sizeof(ShmAllocator::Head_t);
+  if (iPlace > iRoom) {
+    return false;
+  }
+  InternalItem_t* pItem = pHashMap->ItemAt(iOffset);
+  const uint64_t iKeySize = AcquireWord<uint32_t>(&pItem->iKeySize);
+  const uint32_t iValueSize = AcquireWord<uint32_t>(&pItem->iValueSize);
+  if (iKeySize == 0 || iKeySize + iValueSize > iRoom - iPlace ||
+      KeyOf(pItem)[iKeySize - 1] != '\0') {
+    return false;
+  }
   m_iBucket = iBucket;
-  m_iNext = pItem->iNext;
-  m_sItem = View(pItem);
+  m_iNext = AcquireWord<uint64_t>(&pItem->iNext);
+  m_sItem = {KeyOf(pItem), KeyOf(pItem) + iKeySize, iValueSize};
   m_pHashMap = pHashMap;
+  return true;
 }
 
 // To the first entry of the lowest bucket from iBucket on that has one.
 inline void HashMap::iterator::MoveToFirstFrom(HashMap* pHashMap, uint64_t iBucket) {
-  const uint64_t iCount = pHashMap->m_pHead->iBucketCount;
+  const uint64_t iCount = pHashMap->BucketCount();
   const Bucket_t* pBuckets = pHashMap->Bucket(0);
+  const auto iBase = reinterpret_cast<uintptr_t>(pHashMap->m_pBase);
   for (; iBucket < iCount; ++iBucket) {
-    InternalItem_t* pItem = pHashMap->ItemAt(AcquireWord<uint64_t>(&pBuckets[iBucket].iBucket));
+    const uint64_t iFirst = AcquireWord<uint64_t>(&pBuckets[iBucket].iBucket);
     if (iBucket + PREFETCH_BUCKETS < iCount) {
       // The entries lie anywhere: ask for one while those before it are looked at.
-      __builtin_prefetch(pHashMap->m_pBase + pBuckets[iBucket + PREFETCH_BUCKETS].iBucket);
+      __builtin_prefetch(
+          reinterpret_cast<const void*>(iBase + pBuckets[iBucket + PREFETCH_BUCKETS].iBucket));
     }
-    if (pItem != nullptr) {
-      return MoveTo(pHashMap, iBucket, pItem);
+    if (MoveTo(pHashMap, iBucket, iFirst)) {
+      return;
     }
   }
   make_end();
 }
 
 HashMap::iterator& HashMap::iterator::operator++() {
-  if (m_iNext != 0) {
-    MoveTo(m_pHashMap, m_iBucket, m_pHashMap->ItemAt(m_iNext));
-  } else if (m_pHashMap != nullptr) {
+  if (m_iNext != 0 && m_pHashMap->ChainEnds(m_iBucket, m_iNext) &&
+      MoveTo(m_pHashMap, m_iBucket, m_iNext)) {
+    return *this;
+  }
+  if (m_pHashMap != nullptr) {
     MoveToFirstFrom(m_pHashMap, m_iBucket + 1);
   }
   return *this;

@@ -47,6 +47,14 @@ extern uint64_t RESERVED_SIZE;
 // being set is there or not (the old one under its key may be gone already), and one block may be
 // lost, or what ShmAllocator says; the statistics may stand too high by that entry, never too low.
 //
+// Hostile bytes: whatever stands in the segment, and whoever changes it meanwhile, no operation
+// reads or writes outside of it, and each one ends. Attach() refuses sizes that can not be. A link
+// that leads out of the segment ends its chain; an entry whose value would reach out is none, nor,
+// for iterators, one whose key would or has no NUL; a lookup ends after as many links as there can
+// be entries, an iterator leaves a ring for the next bucket some time after it has gone round. Not
+// promised: which entries are found then, nor what a key or value that was handed out becomes
+// while others write; and the operators of an iterator read where it stood.
+//
 // The table outlives every process.
 class HashMap : public Object {
  protected:
@@ -70,7 +78,8 @@ class HashMap : public Object {
   // failing call leaves it raised). iSize must hold 4194384 + RESERVED_SIZE bytes and the entries.
   // Whoever finds the table not ready makes it anew: let the writer attach first, alone, and not
   // bReadOnly, which would end it.
-  // Returns false when the segment can not be had, or has another reserved size and is detached.
+  // Returns false when the segment can not be had, or has another reserved size or a bucket count
+  // that is 0 or does not fit it, and is detached.
   bool Attach(key_t iKey, uint64_t iSize, uint64_t iBucketCount, bool bReadOnly);
   // The same with the key ftok(pPath, iProjId); false when there is none.
   bool Attach(const char* pPath, int iProjId, uint64_t iSize, uint64_t iBucketCount,
@@ -114,7 +123,7 @@ class HashMap : public Object {
   // Another hash, of 31 bits; the table does not use it.
   static uint64_t BKDRHash(const char* pKey);
 
-  // The heap's and the table's state, and one line per entry.
+  // The heap's and the table's state, and one line per entry, at most as many as there can be.
   void Dump(int iFD) override;
 
  protected:
@@ -169,16 +178,19 @@ class HashMap : public Object {
     uint32_t iBucket;
     InternalItem_t* pBefore;  // the entry before it in the chain, null for the first
     InternalItem_t* pItem;    // null when the key is absent
+    uint64_t iRest;           // bytes of the segment behind the key
   };
 
   void PrepareLookup();
   uint32_t BucketOf(uint64_t iHash) const;
   Bucket_t* Bucket(uint64_t iBucket) const;
+  uint64_t BucketCount() const;
+  uint64_t Room() const;
   InternalItem_t* ItemAt(uint64_t iOffset) const;
+  bool ChainEnds(uint64_t iBucket, uint64_t iOffset) const;
   Place_t Find(const char* pKey) const;
   void Unlink(const Place_t& stPlace);
   InternalItem_t* MakeRoom(const Place_t& stPlace, uint32_t iValueSize);
-  static HashItem_t View(InternalItem_t* pItem);
 
   char* m_pBase = nullptr;              // the segment's start: offsets count from here
   uint64_t m_iReciprocal = UINT64_MAX;  // see BucketOf()
@@ -221,9 +233,10 @@ class HashMap::iterator {
   iterator(uint64_t iBucket, uint64_t iNext, HashMap* pHashMap, char* pKey, uint32_t iValueSize,
            char* pValue);
 
-  // To the end, to an entry, and to the first entry in a bucket from iBucket on.
+  // To the end, to an entry (false, and as it was, when there is none), and to the first entry in a
+  // bucket from iBucket on.
   void make_end();
-  void MoveTo(HashMap* pHashMap, uint64_t iBucket, InternalItem_t* pItem);
+  bool MoveTo(HashMap* pHashMap, uint64_t iBucket, uint64_t iOffset);
   void MoveToFirstFrom(HashMap* pHashMap, uint64_t iBucket);
 
   uint64_t m_iBucket = 0;

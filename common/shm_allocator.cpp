@@ -36,6 +36,12 @@ const unsigned int BATCH_COUNT = 10;
 const int32_t READY_FLAG = 9693823;
 const uint64_t NO_OFFSET = static_cast<uint64_t>(-1);
 
+// As the kernel knows it; 0 when it tells nothing.
+uint64_t SegmentSize(int iShmID) {
+  shmid_ds stSegment{};
+  return shmctl(iShmID, IPC_STAT, &stSegment) == 0 ? stSegment.shm_segsz : 0;
+}
+
 }  // namespace
 
 ShmAllocator::~ShmAllocator() { Detach(); }
@@ -74,9 +80,10 @@ bool ShmAllocator::Attach(key_t iKey, uint64_t iSize, uint64_t iReservedSize, bo
   if (AcquireWord<int32_t>(&m_pHead->iReady) != READY_FLAG) {
     return false;
   }
-  m_iSize = m_pHead->iMemorySize;
-  m_iReservedSize = m_pHead->iReservedSize;
-  return true;
+  m_iSize = AcquireWord<uint64_t>(&m_pHead->iMemorySize);
+  m_iReservedSize = AcquireWord<uint64_t>(&m_pHead->iReservedSize);
+  return m_iSize <= SegmentSize(m_iShmID) && m_iSize >= sizeof(Head_t) &&
+         m_iReservedSize <= m_iSize - sizeof(Head_t);
 }
 
 bool ShmAllocator::Attach(const char* pPath, int iProjId, uint64_t iSize, uint64_t iReservedSize,
@@ -114,20 +121,27 @@ void ShmAllocator::InitFields() {
 }
 
 void* ShmAllocator::AllocateFromBatch(uint64_t iBlockSize) {
-  return AllocateBatch(iBlockSize) ? TakeFirst(iBlockSize) : nullptr;
+  if (!AllocateBatch(iBlockSize)) {
+    return nullptr;
+  }
+  const uint64_t iOffset = *ListOf(iBlockSize);
+  return IsBlock(iOffset, iBlockSize) ? TakeFirst(iBlockSize, iOffset) : nullptr;
 }
 
 bool ShmAllocator::AllocateBatch(uint64_t iBlockSize) {
   uint64_t* pList = ListOf(iBlockSize);
-  const uint64_t iMemorySize = m_pHead->iMemorySize;
-  const uint64_t iBegin = m_pHead->iCurrentOffset;
-  if (iMemorySize - iBegin < iBlockSize) {
+  const uint64_t iBegin = AcquireWord<uint64_t>(&m_pHead->iCurrentOffset);
+  if (iBegin < BEGIN_OFFSET + m_iReservedSize || iBegin > m_iSize ||
+      m_iSize - iBegin < iBlockSize) {
     return false;
   }
   // From low to high: the link of an 8-byte block gives way to the next one's size.
-  uint64_t iLast = *pList;
+  uint64_t iLast = AcquireWord<uint64_t>(pList);
+  if (!IsBlock(iLast, iBlockSize)) {
+    iLast = 0;
+  }
   uint64_t iEnd = iBegin;
-  for (unsigned int i = 0; i < BATCH_COUNT && iMemorySize - iEnd >= iBlockSize; ++i) {
+  for (unsigned int i = 0; i < BATCH_COUNT && m_iSize - iEnd >= iBlockSize; ++i) {
     Pointer_t* pBlock = Block(iEnd);
     pBlock->iSize = iBlockSize;
     if (HasLink(iEnd, iBlockSize)) {
@@ -149,17 +163,17 @@ void ShmAllocator::RejectOffset(uint64_t iOffset) const {
 
 uint64_t ShmAllocator::GetOffset(const void* p) {
   const uint64_t iOffset = OffsetOf(p);
-  return iOffset < m_pHead->iMemorySize ? iOffset : NO_OFFSET;
+  return iOffset < m_iSize ? iOffset : NO_OFFSET;
 }
 
 void* ShmAllocator::GetPointer(uint64_t iOffset) {
-  return iOffset < m_pHead->iMemorySize ? m_pAddress + iOffset : nullptr;
+  return iOffset < m_iSize ? m_pAddress + iOffset : nullptr;
 }
 
-uint64_t ShmAllocator::GetReservedSize() { return m_pHead->iReservedSize; }
+uint64_t ShmAllocator::GetReservedSize() { return m_iReservedSize; }
 
 void* ShmAllocator::GetReservedPointer() {
-  return m_pHead->iReservedSize == 0 ? nullptr : m_pAddress + m_pHead->iBeginOffset;
+  return m_iReservedSize == 0 ? nullptr : m_pAddress + BEGIN_OFFSET;
 }
 
 const ShmStat_t& ShmAllocator::GetStat() {
@@ -177,11 +191,15 @@ void ShmAllocator::Dump(int iFD) {
   dprintf(iFD, "m_pHead->iBeginOffset=\"%lu\"\n", m_pHead->iBeginOffset);
   dprintf(iFD, "m_pHead->iCurrentOffset=\"%lu\"\n", m_pHead->iCurrentOffset);
   dprintf(iFD, "m_pHead->iReady=\"%d\"\n", m_pHead->iReady);
+  uint64_t iLines = m_iSize / sizeof(Pointer_t);  // for all blocks that there can be, for no ring
   // From the second list on, although there are 8-byte blocks: deliberate.
   for (uint64_t i = MIN_BYTES / ALIGN_SIZE; i < MAX_BYTES / ALIGN_SIZE; ++i) {
-    for (uint64_t iOffset = m_pHead->szFreeList[i]; iOffset != 0; iOffset = Block(iOffset)->iNext) {
+    uint64_t iOffset = AcquireWord<uint64_t>(&m_pHead->szFreeList[i]);
+    for (; IsBlock(iOffset, sizeof(Pointer_t)) && iLines != 0; --iLines) {
+      const uint64_t iNext = AcquireWord<uint64_t>(&Block(iOffset)->iNext);
       dprintf(iFD, "[%lu][%lu bytes] offset:%lu, next:%lu\n", i, (i + 1) * ALIGN_SIZE, iOffset,
-              Block(iOffset)->iNext);
+              iNext);
+      iOffset = iNext;
     }
   }
 }

@@ -31,6 +31,13 @@ struct ShmStat_t {
 // an operator: the segment of a creator killed inside Attach() is refused until someone removes it
 // (ipcrm).
 //
+// Hostile bytes: Attach() refuses a header whose sizes do not fit the segment as the kernel knows
+// it. From then on the object goes by its own copy of them: whatever others write, no operation
+// but Allocate() and Deallocate() touches anything outside, and Dump() ends. These two trust the
+// lists and the word in front of a block, since a check costs more than a fiftieth of them; what
+// checks these, too, derived classes find below, and HashMap uses it. Not promised: that blocks do
+// not overlap, nor what the counters say.
+//
 // The segment outlives every process; this class never removes one.
 class ShmAllocator : public Object {
  public:
@@ -51,8 +58,8 @@ class ShmAllocator : public Object {
   //
   // Whatever was attached before is detached first, also when the call then fails. Returns false
   // when shmget fails ("shmget error, ..." on standard error), when the segment cannot be mapped,
-  // or when it exists without being initialised; it then stays attached and untouched, and only
-  // Detach() and Attach() may follow.
+  // or when it exists without being initialised or with sizes that can not be; it then stays
+  // attached and untouched, and only Detach() and Attach() may follow.
   bool Attach(key_t iKey, uint64_t iSize, uint64_t iReservedSize, bool bReadOnly);
 
   // The same with the key ftok(pPath, iProjId); false, with everything as it was, when there is
@@ -100,7 +107,8 @@ class ShmAllocator : public Object {
   // The reference stays valid; the next call overwrites the numbers.
   const ShmStat_t& GetStat();
 
-  // The header's fields and one line per free block. The list of 8-byte blocks is left out.
+  // The header's fields and one line per free block, at most as many lines as there can be blocks.
+  // The list of 8-byte blocks is left out.
   void Dump(int iFD) override;
 
  protected:
@@ -138,6 +146,11 @@ class ShmAllocator : public Object {
   // n, rounded up to a multiple of 8.
   static uint64_t RoundUp(uint64_t n);
 
+  // Allocate() and Deallocate() for a heap that others may have damaged. A list that leads out of
+  // the segment is taken for empty and its blocks are lost; so is a block whose size is none.
+  void* AllocateChecked(uint64_t iSize);
+  void DeallocateChecked(void* p);
+
   // Carves up to ten blocks of iBlockSize bytes (a multiple of 8) and puts them on their list;
   // false when there is no room for one.
   bool AllocateBatch(uint64_t iBlockSize);
@@ -151,7 +164,12 @@ class ShmAllocator : public Object {
   bool HasLink(uint64_t iOffset, uint64_t iBlockSize) const;
   uint64_t* ListOf(uint64_t iBlockSize) const;
   static void SetList(uint64_t* pList, uint64_t iOffset);
-  void* TakeFirst(uint64_t iBlockSize);
+  void* TakeFirst(uint64_t iBlockSize, uint64_t iOffset);
+  bool IsBlock(uint64_t iOffset, uint64_t iBlockSize) const;
+  void CheckOffset(uint64_t iOffset) const;
+  void PutFirst(Pointer_t* pBlock, uint64_t iBlockSize, uint64_t iOffset);
+
+  friend class HashMap;  // checks its links by m_iSize, and calls the two above
 
  protected:
   char* m_pAddress = nullptr;  // where the segment is attached
@@ -178,7 +196,7 @@ inline ShmAllocator::Pointer_t* ShmAllocator::Block(uint64_t iOffset) const {
 
 // The link of an 8-byte block lies behind it: the segment's last one has none.
 inline bool ShmAllocator::HasLink(uint64_t iOffset, uint64_t iBlockSize) const {
-  return iBlockSize >= sizeof(Pointer_t) || iOffset + sizeof(Pointer_t) <= m_pHead->iMemorySize;
+  return iBlockSize >= sizeof(Pointer_t) || iOffset + sizeof(Pointer_t) <= m_iSize;
 }
 
 // The head of the list of blocks of that size: entry i = size / 8 - 1, which begins size - 8 bytes
@@ -197,11 +215,10 @@ inline void ShmAllocator::SetList(uint64_t* pList, uint64_t iOffset) {
   std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
-// Of a list that is not empty.
-inline void* ShmAllocator::TakeFirst(uint64_t iBlockSize) {
+// Of a list that shows this block.
+inline void* ShmAllocator::TakeFirst(uint64_t iBlockSize, uint64_t iOffset) {
   Head_t* pHead = m_pHead;
   uint64_t* pList = ListOf(iBlockSize);
-  const uint64_t iOffset = *pList;
   Pointer_t* pBlock = Block(iOffset);
   pHead->iBlockCount += 1;
   SetList(pList, HasLink(iOffset, iBlockSize) ? pBlock->iNext : 0);
@@ -214,34 +231,72 @@ inline void* ShmAllocator::Allocate(uint64_t iSize) {
   if (__builtin_expect(iBlockSize - 1 >= MAX_BYTES, 0)) {
     return nullptr;  // too large, or 0 after an overflow
   }
-  if (__builtin_expect(*ListOf(iBlockSize) == 0, 0)) {
+  const uint64_t iOffset = *ListOf(iBlockSize);
+  if (__builtin_expect(iOffset == 0, 0)) {
     return AllocateFromBatch(iBlockSize);
   }
-  return TakeFirst(iBlockSize);
+  return TakeFirst(iBlockSize, iOffset);
 }
 
-inline void ShmAllocator::Deallocate(void* p) {
-  Head_t* pHead = m_pHead;
-  const uint64_t iOffset = OffsetOf(p);
-  if (__builtin_expect(iOffset >= pHead->iMemorySize || iOffset <= sizeof(uint64_t), 0)) {
+// Not 0, and nothing that would reach behind the segment.
+inline bool ShmAllocator::IsBlock(uint64_t iOffset, uint64_t iBlockSize) const {
+  return iOffset - 1 < m_iSize - iBlockSize;
+}
+
+inline void* ShmAllocator::AllocateChecked(uint64_t iSize) {
+  const uint64_t iBlockSize = RoundUp(iSize + sizeof(uint64_t));
+  if (__builtin_expect(iBlockSize - 1 >= MAX_BYTES, 0)) {
+    return nullptr;
+  }
+  const uint64_t iOffset = *ListOf(iBlockSize);
+  if (__builtin_expect(!IsBlock(iOffset, iBlockSize), 0)) {
+    return AllocateFromBatch(iBlockSize);
+  }
+  return TakeFirst(iBlockSize, iOffset);
+}
+
+inline void ShmAllocator::CheckOffset(uint64_t iOffset) const {
+  if (__builtin_expect(iOffset >= m_iSize || iOffset <= sizeof(uint64_t), 0)) {
     RejectOffset(iOffset);
   }
-  // By p, which is there before the offset is.
-  auto* pBlock = reinterpret_cast<Pointer_t*>(static_cast<char*>(p) - sizeof(uint64_t));
-  const uint64_t iBlockSize = pBlock->iSize;
+}
+
+inline void ShmAllocator::PutFirst(Pointer_t* pBlock, uint64_t iBlockSize, uint64_t iOffset) {
+  Head_t* pHead = m_pHead;
   uint64_t* pList = ListOf(iBlockSize);
   // Loaded here, although it is stored last: with no other load between the list's store and the
   // next Allocate(), the processor forwards the one to the other without waiting for iSize.
   const uint64_t iBlockCount = pHead->iBlockCount - 1;
   pHead->iManagedSize += iBlockSize;
   pBlock->iNext = *pList;
-  SetList(pList, iOffset - sizeof(uint64_t));
+  SetList(pList, iOffset);
   pHead->iBlockCount = iBlockCount;
 }
 
+inline void ShmAllocator::Deallocate(void* p) {
+  const uint64_t iOffset = OffsetOf(p);
+  CheckOffset(iOffset);
+  // By p, which is there before the offset is.
+  auto* pBlock = reinterpret_cast<Pointer_t*>(static_cast<char*>(p) - sizeof(uint64_t));
+  PutFirst(pBlock, pBlock->iSize, iOffset - sizeof(uint64_t));
+}
+
+inline void ShmAllocator::DeallocateChecked(void* p) {
+  const uint64_t iOffset = OffsetOf(p);
+  CheckOffset(iOffset);
+  auto* pBlock = reinterpret_cast<Pointer_t*>(static_cast<char*>(p) - sizeof(uint64_t));
+  const uint64_t iBlockSize = pBlock->iSize;
+  // A multiple of 8 from 8 to MAX_BYTES: turned by three bits, anything else is a large number.
+  const uint64_t iClass = iBlockSize - ALIGN_SIZE;
+  if (__builtin_expect((iClass >> 3 | iClass << 61) < MAX_BYTES / ALIGN_SIZE, 1)) {
+    PutFirst(pBlock, iBlockSize, iOffset - sizeof(uint64_t));
+  }
+}
+
 inline bool ShmAllocator::IsSameClass(const void* p, uint64_t iSize) const {
-  const Pointer_t* pBlock = Block(OffsetOf(p) - sizeof(uint64_t));
-  return pBlock->iSize == RoundUp(iSize + sizeof(uint64_t));
+  const uint64_t iOffset = OffsetOf(p) - sizeof(uint64_t);
+  const uint64_t iBlockSize = RoundUp(iSize + sizeof(uint64_t));
+  return Block(iOffset)->iSize == iBlockSize && iOffset + iBlockSize <= m_iSize;
 }
 
 #endif
