@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "internal/checked_regex.h"
+
 namespace {
 
 const int SLOT_COUNT = 100;  // the whole match and 99 groups
@@ -11,7 +13,7 @@ const int SLOT_COUNT = 100;  // the whole match and 99 groups
 class CompiledPattern {
  public:
   explicit CompiledPattern(const char* pPattern)
-      : m_bValid(regcomp(&m_sRegex, pPattern, REG_EXTENDED) == 0) {}
+      : m_bValid(CompileRegex(&m_sRegex, pPattern, REG_EXTENDED) == 0) {}
   ~CompiledPattern() {
     if (m_bValid) {
       regfree(&m_sRegex);
@@ -26,7 +28,7 @@ class CompiledPattern {
   // is told by the first slot, so that not every search measures the rest of a long text again.
   int Search(const char* pText, const char* pEnd, regmatch_t (&aSlots)[SLOT_COUNT]) const {
     aSlots[0] = {0, static_cast<regoff_t>(pEnd - pText)};
-    return regexec(&m_sRegex, pText, SLOT_COUNT, aSlots, REG_STARTEND);
+    return SearchRegex(m_sRegex, pText, SLOT_COUNT, aSlots, REG_STARTEND);
   }
 
  private:

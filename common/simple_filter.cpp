@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "internal/checked_regex.h"
+
 SimpleFilter::~SimpleFilter() { Clear(); }
 
 void SimpleFilter::Clear() {
@@ -12,17 +14,18 @@ void SimpleFilter::Clear() {
 }
 
 int SimpleFilter::SetRegular(const char* pPattern) {
-  Clear();
   if (pPattern == nullptr) {
+    Clear();
     return 0;  // m_strRegular deliberately keeps the earlier text
   }
-  m_strRegular = pPattern;
-  m_bInitFlag = regcomp(&m_sRegex, pPattern, REG_EXTENDED | REG_NOSUB) == 0;
+  m_strRegular = pPattern;  // may throw: then all stays
+  Clear();
+  m_bInitFlag = CompileRegex(&m_sRegex, pPattern, REG_EXTENDED | REG_NOSUB) == 0;
   return m_bInitFlag ? 0 : -1;
 }
 
 bool SimpleFilter::DoFilter(const char* pName) {
-  return !m_bInitFlag || regexec(&m_sRegex, pName, 0, nullptr, 0) != REG_NOMATCH;
+  return !m_bInitFlag || SearchRegex(m_sRegex, pName, 0, nullptr, 0) != REG_NOMATCH;
 }
 
 void SimpleFilter::Dump(int iFD) {

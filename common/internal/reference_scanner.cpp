@@ -9,6 +9,9 @@
 #include "reference_scanner.h"
 
 #include <cstring>
+#include <new>
+
+#include "checked_regex.h"
 
 namespace {
 
@@ -53,13 +56,19 @@ bool IsAscii(const char* pText, size_t iLength) {
 
 bool ReferenceScanner::Compile() {
   m_bMultibyte = MB_CUR_MAX > 1;
-  m_bInitFlag = regcomp(&m_sRegex, "([$@])[{(]([^)}]*)[})]", REG_EXTENDED | REG_ICASE) == 0;
+  m_bInitFlag = CompileRegex(&m_sRegex, "([$@])[{(]([^)}]*)[})]", REG_EXTENDED | REG_ICASE) == 0;
   return m_bInitFlag;
 }
 
-bool ReferenceScanner::Ask(const std::string& strText, Reference& stReference) const {
+bool ReferenceScanner::Ask(const std::string& strText, Reference& stReference) {
   regmatch_t stMatch{};
-  if (regexec(&m_sRegex, strText.c_str(), 1, &stMatch, 0) != 0) {
+  const int iResult = SearchRegex(m_sRegex, strText.c_str(), 1, &stMatch, 0);
+  if (iResult == REG_ESPACE) {
+    regfree(&m_sRegex);  // the next search compiles it anew
+    m_bInitFlag = false;
+    throw std::bad_alloc();  // a text that was not looked at is none without references
+  }
+  if (iResult != 0) {
     return false;
   }
   stReference.iBegin = static_cast<size_t>(stMatch.rm_so);

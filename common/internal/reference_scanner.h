@@ -23,8 +23,8 @@ struct Reference {
 // memchr() for a text that has none.
 //
 // The expression itself is compiled at the first search, with the locale of that moment, and asked
-// where bytes from 0x80 on may be characters of several bytes. It is never freed: a scanner is
-// meant to be static. Not locked.
+// where bytes from 0x80 on may be characters of several bytes; without memory for that,
+// std::bad_alloc is thrown. It is never freed: a scanner is meant to be static. Not locked.
 class __attribute__((visibility("hidden"))) ReferenceScanner {
  public:
   // The leftmost reference of the text; as for regexec(), the text ends at its first NUL. False
@@ -61,7 +61,7 @@ class __attribute__((visibility("hidden"))) ReferenceScanner {
 
  private:
   bool Compile();
-  bool Ask(const std::string& strText, Reference& stReference) const;
+  bool Ask(const std::string& strText, Reference& stReference);
 
   regex_t m_sRegex{};
   bool m_bInitFlag = false;   // the expression is compiled
