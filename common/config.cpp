@@ -15,6 +15,7 @@
 #include <libxml/tree.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
@@ -25,6 +26,7 @@
 #include <utility>
 
 #include "internal/reference_scanner.h"
+#include "internal/xml_memory_watch.h"
 #include "simple_filter.h"
 #include "string_util.h"
 
@@ -63,18 +65,23 @@ using Buffer = std::unique_ptr<char, FreeMemory>;
 // The files that a pattern matches, sorted.
 class Matches {
  public:
-  explicit Matches(const std::string& strPattern) {
-    glob(strPattern.c_str(), GLOB_TILDE, nullptr, &m_stGlob);
-  }
+  explicit Matches(const std::string& strPattern)
+      : m_iResult(glob(strPattern.c_str(), GLOB_TILDE, IsNoMemory, &m_stGlob)) {}
   ~Matches() { globfree(&m_stGlob); }
   Matches(const Matches&) = delete;
   Matches& operator=(const Matches&) = delete;
 
+  // False when it could not be found out for lack of memory.
+  bool IsValid() const { return m_iResult != GLOB_NOSPACE && m_iResult != GLOB_ABORTED; }
   char** begin() const { return m_stGlob.gl_pathv; }
   char** end() const { return m_stGlob.gl_pathv + m_stGlob.gl_pathc; }
 
  private:
+  // Ends the search at a directory that can not be opened for that; others are passed over.
+  static int IsNoMemory(const char* /*pPath*/, int iError) { return iError == ENOMEM ? 1 : 0; }
+
   glob_t m_stGlob{};
+  int m_iResult;
 };
 
 // The next slot of the ring: never destroyed, so that results live as long as the process.
@@ -111,8 +118,10 @@ Document Parse(const char* pBuffer, size_t iLength) {
   if (iLength > INT_MAX) {
     return nullptr;
   }
-  return Document(xmlReadMemory(pBuffer, static_cast<int>(iLength), nullptr, nullptr,
-                                XML_PARSE_NONET | XML_PARSE_COMPACT));
+  const XmlMemoryWatch stMemory;
+  Document pDocument(xmlReadMemory(pBuffer, static_cast<int>(iLength), nullptr, nullptr,
+                                   XML_PARSE_NONET | XML_PARSE_COMPACT));
+  return stMemory.WasLacking() ? nullptr : std::move(pDocument);  // there may be half of it
 }
 
 const char* Text(const xmlChar* pText) { return reinterpret_cast<const char*>(pText); }
@@ -392,7 +401,11 @@ int Config::Follow(const std::string& strPath, Includes& stIncludes) {
   if (!stIncludes.setFollowed.insert(strPath).second) {
     return 0;
   }
-  for (const char* pMatch : Matches(strPath)) {
+  const Matches stMatches(strPath);
+  if (!stMatches.IsValid()) {
+    return -1;
+  }
+  for (const char* pMatch : stMatches) {
     if (LoadFile(pMatch, stIncludes) != 0) {
       return -1;
     }
@@ -401,9 +414,14 @@ int Config::Follow(const std::string& strPath, Includes& stIncludes) {
 }
 
 void Config::Refresh() {
-  const std::string strPath = m_strFilename;  // a load clears it first
+  std::string strPath = m_strFilename;  // a load clears it first
   Clear();
-  LoadFromFile(strPath.c_str());
+  try {
+    LoadFromFile(strPath.c_str());
+  } catch (...) {
+    m_strFilename.swap(strPath);  // memory is lacking, which says nothing about the file
+    throw;
+  }
 }
 
 void Config::Clear() {

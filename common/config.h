@@ -44,7 +44,8 @@ class Config : public Object {
   // those of this load; null is an empty set of its own.
   //
   // 0, or -1 when the file or one that it includes is missing, unreadable, empty or no XML with a
-  // root. Items merged until then stay.
+  // root, or when memory is lacking (which may also be told by std::bad_alloc). Items merged until
+  // then stay.
   int LoadFromFile(const char* pPath, std::set<std::string>* pIncludes = nullptr);
 
   // The same from a whole document in memory, which need not end with a NUL.
