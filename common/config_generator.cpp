@@ -3,6 +3,7 @@
 #include <memory>
 #include <vector>
 
+#include "internal/xml_memory_watch.h"
 #include "string_util.h"
 
 namespace {
@@ -88,10 +89,11 @@ bool ConfigGenerator::NewDocument() {
     return false;
   }
   xmlDocSetRootElement(m_pDoc, pRoot);
-  return true;
+  return !XmlMemoryWatch::WasLacking();
 }
 
 std::string ConfigGenerator::GenerateContent() {
+  const XmlMemoryWatch stMemory;
   if (!NewDocument()) {
     return "";
   }
@@ -100,10 +102,12 @@ std::string ConfigGenerator::GenerateContent() {
       return "";
     }
   }
-  return Serialise(m_pDoc, m_strEncoding);
+  std::string strText = Serialise(m_pDoc, m_strEncoding);
+  return stMemory.WasLacking() ? "" : strText;
 }
 
 int ConfigGenerator::SetNodeContent(const std::string& strPath, const std::string& strContent) {
+  const XmlMemoryWatch stMemory;
   std::vector<std::string> vecNames;
   StringSplit(strPath, "/.", vecNames);
   xmlNodePtr pNode = xmlDocGetRootElement(m_pDoc);
@@ -114,7 +118,7 @@ int ConfigGenerator::SetNodeContent(const std::string& strPath, const std::strin
     return -1;
   }
   xmlNodeSetContent(pNode, Text(strContent));
-  return 0;
+  return stMemory.WasLacking() ? -1 : 0;
 }
 
 // The first child that the name, as an XPath expression, selects; a new last child without one.
@@ -124,7 +128,7 @@ xmlNodePtr ConfigGenerator::FindOrAdd(xmlNodePtr pParent, const std::string& str
     xmlNodePtr pNode = pFound->nodesetval->nodeTab[0];
     return pNode->type != XML_NAMESPACE_DECL ? pNode : nullptr;  // that one is the result's own
   }
-  Node pNew(xmlNewNode(nullptr, Text(strName)));
+  Node pNew(!XmlMemoryWatch::WasLacking() ? xmlNewNode(nullptr, Text(strName)) : nullptr);
   if (pNew == nullptr || xmlAddChild(pParent, pNew.get()) == nullptr) {
     return nullptr;
   }

@@ -41,8 +41,9 @@ class ConfigGenerator : public Object {
   void SetKeyValue(const char* pKey, const char* pValue);
 
   // Builds the document anew from all pairs and returns its text, indented. "" when it can not be
-  // built, or for an encoding that libxml2 does not know. The text of an encoding such as UTF-16
-  // holds NULs. Each name of a key costs a search through the children of one element.
+  // built, also for lack of memory, or for an encoding that libxml2 does not know. The text of an
+  // encoding such as UTF-16 holds NULs. Each name of a key costs a search through the children of
+  // one element.
   std::string GenerateContent();
 
   // Finds or makes the element at a path below the root of the document last generated, and
