@@ -14,9 +14,11 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <string_view>
 
 #include "internal/reference_scanner.h"
+#include "internal/checked_regex.h"
 #include "internal/scaled_number.h"
 #include "simple_filter.h"
 
@@ -142,7 +144,7 @@ class LinePatterns {
  public:
   // False when there is no memory for them; then the next call tries again.
   bool Compile();
-  line_t Parse(std::string_view strLine) const;
+  line_t Parse(std::string_view strLine);
 
  private:
   static const int COUNT = 4;
@@ -151,11 +153,18 @@ class LinePatterns {
 
   typedef regmatch_t Matches_t[SLOT_COUNT];
 
-  line_t Ask(std::string_view strLine) const;
+  line_t Ask(std::string_view strLine);
+  void Free(int iCount);
   // The first slot tells where the line ends, which need not be at a NUL.
-  bool Find(int iPattern, std::string_view strLine, Matches_t& matchs) const {
+  bool Find(int iPattern, std::string_view strLine, Matches_t& matchs) {
     matchs[0] = {0, static_cast<regoff_t>(strLine.size())};
-    return regexec(&m_aPatterns[iPattern], strLine.data(), SLOT_COUNT, matchs, REG_STARTEND) == 0;
+    const int iResult =
+        SearchRegex(m_aPatterns[iPattern], strLine.data(), SLOT_COUNT, matchs, REG_STARTEND);
+    if (iResult == REG_ESPACE) {
+      Free(COUNT);             // the next load compiles them anew
+      throw std::bad_alloc();  // the line would be taken for another kind
+    }
+    return iResult == 0;
   }
 
   regex_t m_aPatterns[COUNT]{};
@@ -177,10 +186,8 @@ bool LinePatterns::Compile() {
       {"^[ \t]*([^ \t=]+)", REG_EXTENDED},
   };
   for (int i = 0; i < COUNT; ++i) {
-    if (regcomp(&m_aPatterns[i], TEXTS[i].pText, TEXTS[i].iFlags) != 0) {
-      while (i-- > 0) {
-        regfree(&m_aPatterns[i]);
-      }
+    if (CompileRegex(&m_aPatterns[i], TEXTS[i].pText, TEXTS[i].iFlags) != 0) {
+      Free(i);
       return false;
     }
   }
@@ -189,12 +196,19 @@ bool LinePatterns::Compile() {
   return true;
 }
 
+void LinePatterns::Free(int iCount) {
+  for (int i = 0; i < iCount; ++i) {
+    regfree(&m_aPatterns[i]);
+  }
+  m_bCompiled = false;
+}
+
 std::string_view Group(std::string_view strLine, const regmatch_t& stMatch) {
   return strLine.substr(static_cast<size_t>(stMatch.rm_so),
                         static_cast<size_t>(stMatch.rm_eo - stMatch.rm_so));
 }
 
-line_t LinePatterns::Ask(std::string_view strLine) const {
+line_t LinePatterns::Ask(std::string_view strLine) {
   Matches_t matchs;
   if (Find(COMMENT, strLine, matchs)) {
     return {};
@@ -215,7 +229,7 @@ line_t LinePatterns::Ask(std::string_view strLine) const {
   return {};
 }
 
-line_t LinePatterns::Parse(std::string_view strLine) const {
+line_t LinePatterns::Parse(std::string_view strLine) {
   if (!m_bMultibyte || IsAscii(strLine)) {
     return ScanLine(strLine);
   }
@@ -223,6 +237,21 @@ line_t LinePatterns::Parse(std::string_view strLine) const {
 }
 
 LinePatterns g_stLinePatterns;
+
+// Adds a value behind those that the key has and returns the section's items. A section that is new
+// comes with its first item: without memory there is none that is empty.
+template <typename Text>
+IniConfig::Items_t& AddItem(IniConfig::Contents_t& mapContents, const std::string& strSection,
+                            const Text& strKey, const Text& strValue) {
+  const auto itSection = mapContents.find(strSection);
+  if (itSection != mapContents.end()) {
+    itSection->second.emplace(strKey, strValue);
+    return itSection->second;
+  }
+  IniConfig::Items_t mapItems;
+  mapItems.emplace(strKey, strValue);
+  return mapContents.emplace(strSection, std::move(mapItems)).first->second;
+}
 
 // Puts the lines of one text into their sections.
 class LineSorter {
@@ -234,22 +263,17 @@ class LineSorter {
     if (stLine.eKind == line_t::SECTION) {
       m_strSection = stLine.strName;
       m_pItems = nullptr;
+    } else if (stLine.eKind == line_t::ITEM && m_pItems != nullptr) {
+      m_pItems->emplace_hint(m_pItems->end(), stLine.strName, stLine.strValue);
     } else if (stLine.eKind == line_t::ITEM) {
-      Items().emplace_hint(Items().end(), stLine.strName, stLine.strValue);
+      m_pItems = &AddItem(m_mapContents, m_strSection, stLine.strName, stLine.strValue);
     }
   }
 
  private:
-  IniConfig::Items_t& Items() {
-    if (m_pItems == nullptr) {
-      m_pItems = &m_mapContents[m_strSection];
-    }
-    return *m_pItems;
-  }
-
   IniConfig::Contents_t& m_mapContents;
   std::string m_strSection;
-  IniConfig::Items_t* m_pItems = nullptr;  // of the section, once a line needs them
+  IniConfig::Items_t* m_pItems = nullptr;  // of the section, once a line has put one there
 };
 
 class Descriptor {
@@ -325,17 +349,22 @@ void TakeText(std::string_view strText, LineSorter& stSorter) {
 class PathList {
  public:
   explicit PathList(const char* pPattern)
-      : m_bValid(glob(pPattern, GLOB_TILDE, nullptr, &m_stGlob) == 0) {}
+      : m_iResult(glob(pPattern, GLOB_TILDE, IsNoMemory, &m_stGlob)) {}
   ~PathList() { globfree(&m_stGlob); }
   PathList(const PathList&) = delete;
   PathList& operator=(const PathList&) = delete;
 
+  // False when they could not be found out for lack of memory.
+  bool IsValid() const { return m_iResult != GLOB_NOSPACE && m_iResult != GLOB_ABORTED; }
   char** begin() const { return m_stGlob.gl_pathv; }
-  char** end() const { return begin() + (m_bValid ? m_stGlob.gl_pathc : 0); }
+  char** end() const { return begin() + (m_iResult == 0 ? m_stGlob.gl_pathc : 0); }
 
  private:
+  // Ends the search at a directory that can not be opened for that; others are passed over.
+  static int IsNoMemory(const char* /*pPath*/, int iError) { return iError == ENOMEM ? 1 : 0; }
+
   glob_t m_stGlob{};
-  bool m_bValid;
+  int m_iResult;
 };
 
 size_t Hash(std::string_view strSection, std::string_view strKey) {
@@ -460,7 +489,11 @@ int IniConfig::FollowIncludes(IncludeRun_t& stRun) {
     if (!bNew) {
       continue;
     }
-    for (const char* pPath : PathList(itText->c_str())) {
+    const PathList stPaths(itText->c_str());
+    if (!stPaths.IsValid()) {
+      return -1;
+    }
+    for (const char* pPath : stPaths) {
       if (LoadFile(pPath, stRun, false) != 0) {
         return -1;
       }
@@ -649,7 +682,7 @@ const std::string IniConfig::TranslateValue(const std::string& strText) const {
 
 void IniConfig::InsertItem(const std::string& strSection, const std::string& strKey,
                            const std::string& strValue) {
-  Change()[strSection].emplace(strKey, strValue);
+  AddItem(Change(), strSection, strKey, strValue);
 }
 
 void IniConfig::SetValue(const std::string& strSection, const std::string& strKey,
