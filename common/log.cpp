@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <new>
 
 #include "filesystem_util.h"
 #include "time_util.h"
@@ -39,6 +40,28 @@ const char DUMP_HEADER[] = "     00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F
 bool IsFixedNamePath(const std::string& strPath) {
   return strPath == "/var/log/zelk" || strPath == "/data/log/zelk";
 }
+
+// Has a text changed until the end of the scope, and for good once Keep() was called.
+class Change {
+ public:
+  Change(std::string& strText, const std::string& strNew) : m_strText(strText), m_strOther(strNew) {
+    m_strText.swap(m_strOther);
+  }
+  ~Change() {
+    if (!m_bKeep) {
+      m_strText.swap(m_strOther);
+    }
+  }
+  Change(const Change&) = delete;
+  Change& operator=(const Change&) = delete;
+
+  void Keep() { m_bKeep = true; }
+
+ private:
+  std::string& m_strText;
+  std::string m_strOther;
+  bool m_bKeep = false;
+};
 
 // Inode and size only: asking for times makes the next write to the file dearer.
 bool Look(int iDirectoryFD, const char* pName, int iFlags, struct statx& stFile) {
@@ -129,25 +152,29 @@ Log::Log() {
 Log::~Log() { CloseFile(); }
 
 void Log::SetPath(const std::string& strPath) {
-  m_strPath = strPath;
+  Change stChange(m_strPath, strPath);
   UpdateFixedFile();
+  stChange.Keep();
 }
 
 void Log::SetPrefix(const std::string& strPrefix) {
-  m_strPrefix = strPrefix;
+  Change stChange(m_strPrefix, strPrefix);
   UpdateFixedFile();
+  stChange.Keep();
 }
 
 void Log::SetSuffix(const std::string& strSuffix) {
-  m_strSuffix = strSuffix;
+  Change stChange(m_strSuffix, strSuffix);
   UpdateFixedFile();
+  stChange.Keep();
 }
 
 void Log::UpdateFixedFile() {
-  m_strFixedFile.clear();
+  std::string strFile;
   if (IsFixedNamePath(m_strPath)) {
-    m_strFixedFile = m_strPath + "/" + m_strPrefix + m_strSuffix;
+    strFile = m_strPath + "/" + m_strPrefix + m_strSuffix;
   }
+  m_strFixedFile.swap(strFile);
 }
 
 void Log::SetLineBufferSize(unsigned int iSize) {
@@ -297,12 +324,16 @@ __attribute__((noinline)) void Log::WriteEntry(LOG_LEVEL eLevel, const char* pDa
                                                unsigned int iSize, const char* pFormat,
                                                va_list sAp) {
   const int iError = errno;
-  CheckFileHandle();
-  if (m_iFD != -1) {
-    WriteText(eLevel, iError, pFormat, sAp);
-    if (iSize != 0 && pData != nullptr) {
-      WriteDump(pData, iSize);
+  try {
+    CheckFileHandle();
+    if (m_iFD != -1) {
+      WriteText(eLevel, iError, pFormat, sAp);
+      if (iSize != 0 && pData != nullptr) {
+        WriteDump(pData, iSize);
+      }
     }
+  } catch (const std::bad_alloc&) {
+    // Dropped like any other line: who logs that memory is lacking shall not have it once more.
   }
   errno = iError;
 }

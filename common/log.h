@@ -32,9 +32,10 @@ struct statx;
 // copy of the object, may write the same files: every line is one write(2) in append mode, so
 // lines of different writers never mix.
 //
-// Errors are not reported: a line that can not be written is dropped, the next one tries again. A
-// write() that was interrupted is repeated, and one that took a part is completed; when the disk is
-// full meanwhile, the beginning of the line stays and the next line follows on it.
+// Errors are not reported: a line that can not be written, for lack of memory to open its file
+// among others, is dropped, the next one tries again. A write() that was interrupted is repeated,
+// and one that took a part is completed; when the disk is full meanwhile, the beginning of the line
+// stays and the next line follows on it.
 // errno is left alone, and "%m" in a message shows it as the caller left it. A process that gave
 // up the right to see its file goes on writing to it. A descriptor that foreign code closed is
 // opened anew, unless its number already belongs to something writable: do not close FD().
