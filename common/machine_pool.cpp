@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <unordered_set>
+#include <utility>
 
 // DESIGN: timeout queues
 //
@@ -143,16 +144,42 @@ std::map<time_t, MachinePool::List_t> MachinePool::TimeoutQueue::Take(time_t iNo
   return mapDue;
 }
 
+// Without memory, so two lists of one second can not become one: a list whose second has a fresh
+// one goes to the next earlier second that has none. It gets a new serial, for who has left it may
+// be noted in it still.
+void MachinePool::TimeoutQueue::PutBack(std::map<time_t, List_t>& mapDue) {
+  while (!mapDue.empty()) {
+    auto stNode = mapDue.extract(mapDue.begin());
+    while (m_mapLists.count(stNode.key()) != 0) {
+      --stNode.key();
+    }
+    List_t& stList = stNode.mapped();
+    stList.iTime = stNode.key();
+    stList.iSerial = ++g_iTurn;
+    stList.iDoubtful = stList.vecIds.size();
+    m_mapLists.insert(std::move(stNode));
+  }
+}
+
 MachinePool& MachinePool::Instance() {
   static MachinePool stPool;
   return stPool;
 }
 
 void MachinePool::AddMachine(StateMachine* pMachine) {
-  if (m_mapMachines.emplace(pMachine->GetId(), pMachine).second) {
-    m_stIndex.Add(pMachine->GetId(), pMachine);
+  const unsigned int iID = pMachine->GetId();
+  const bool bNew = m_mapMachines.emplace(iID, pMachine).second;
+  try {
+    if (bNew) {
+      m_stIndex.Add(iID, pMachine);
+    }
+    ConfigMachineTimeout(pMachine);  // also for a machine that was not stored, deliberately
+  } catch (...) {
+    if (bNew) {
+      RemoveMachine(iID);
+    }
+    throw;
   }
-  ConfigMachineTimeout(pMachine);  // also for a machine that was not stored, deliberately
 }
 
 StateMachine* MachinePool::GetMachine(unsigned int iID) { return m_stIndex.Find(iID); }
@@ -184,16 +211,26 @@ void MachinePool::ProcessTimeout(time_t iTime) {
 
 void MachinePool::Walk(TimeoutQueue& stQueue, time_t iNow,
                        void (MachinePool::*pCheck)(StateMachine*, time_t)) {
-  const std::map<time_t, List_t> mapDue = stQueue.Take(iNow);
-  for (const auto& stDue : mapDue) {
-    const std::vector<unsigned int>& vecIds = stDue.second.vecIds;
-    for (size_t i = 0; i < vecIds.size(); ++i) {
-      FetchAhead(vecIds, i);
-      StateMachine* pMachine = GetMachine(vecIds[i]);
-      if (pMachine != nullptr) {
-        (this->*pCheck)(pMachine, iNow);
+  std::map<time_t, List_t> mapDue = stQueue.Take(iNow);
+  auto itDue = mapDue.begin();
+  size_t i = 0;
+  try {
+    for (; itDue != mapDue.end(); ++itDue) {
+      const std::vector<unsigned int>& vecIds = itDue->second.vecIds;
+      for (i = 0; i < vecIds.size(); ++i) {
+        FetchAhead(vecIds, i);
+        StateMachine* pMachine = GetMachine(vecIds[i]);
+        if (pMachine != nullptr) {
+          (this->*pCheck)(pMachine, iNow);
+        }
       }
     }
+  } catch (...) {
+    std::vector<unsigned int>& vecIds = itDue->second.vecIds;
+    vecIds.erase(vecIds.begin(), vecIds.begin() + static_cast<ptrdiff_t>(i));
+    mapDue.erase(mapDue.begin(), itDue);
+    stQueue.PutBack(mapDue);
+    throw;
   }
 }
 

@@ -31,7 +31,7 @@ class MachinePool : public Object {
 
   // Stores the machine under its id and queues a check of its machine deadline. Under an id that
   // is in use the earlier machine stays, the new one is not stored and the check is queued all
-  // the same.
+  // the same. Without memory (std::bad_alloc) nothing is stored.
   void AddMachine(StateMachine* pMachine);
 
   // Null for an unknown id.
@@ -57,7 +57,8 @@ class MachinePool : public Object {
   //
   // Timeout() may add machines, remove any (and delete any but its own) and queue checks. Checks
   // that it adds to the queue being walked wait for the next call, even when they are due. It must
-  // not call ProcessTimeout().
+  // not call ProcessTimeout(). What it throws ends the call, as does a lack of memory: the machine
+  // at hand and those behind it are asked by the next call.
   void ProcessTimeout(time_t iTime);
 
   // Machines that are in the pool.
@@ -109,6 +110,8 @@ class MachinePool : public Object {
     void Add(time_t iTime, unsigned int iID, Note_t& stNote);
     // Moves the lists that are not later than iNow, in the order of time.
     std::map<time_t, List_t> Take(time_t iNow);
+    // Takes lists back that were taken, and leaves none in mapDue.
+    __attribute__((visibility("hidden"))) void PutBack(std::map<time_t, List_t>& mapDue);
 
    private:
     static const size_t RECENT = 64;
