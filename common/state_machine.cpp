@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 #include "internal/always_assert.h"
 
@@ -83,6 +84,19 @@ class HandlerCache {
 HandlerCache<ProcessFunction_t> g_stHandlers;
 HandlerCache<ProcessFunction2_t> g_stHandlers2;
 
+// Puts what belongs to a pair into a table, unless it has something. Without memory all stays: a
+// type that is there has states.
+template <typename Value>
+bool Register(std::map<int, std::map<int, Value>>& mapTable, int iType, int iState, Value tValue) {
+  const auto itType = mapTable.find(iType);
+  if (itType != mapTable.end()) {
+    return itType->second.emplace(iState, std::move(tValue)).second;
+  }
+  std::map<int, Value> mapStates;
+  mapStates.emplace(iState, std::move(tValue));
+  return mapTable.emplace(iType, std::move(mapStates)).second;
+}
+
 }  // namespace
 
 std::map<int, std::map<int, ProcessFunction_t>> StateMachine::m_mapGlobalStateList;
@@ -146,16 +160,16 @@ time_t StateMachine::GetStateTimeout() const {
 
 bool StateMachine::SetGlobalStateList(int iTypeId, int iStateId, ProcessFunction_t pFunction) {
   g_stHandlers.Clear();
-  return m_mapGlobalStateList[iTypeId].emplace(iStateId, pFunction).second;
+  return Register(m_mapGlobalStateList, iTypeId, iStateId, pFunction);
 }
 
 bool StateMachine::SetGlobalStateList2(int iTypeId, int iStateId, ProcessFunction2_t pFunction) {
   g_stHandlers2.Clear();
-  return m_mapGlobalStateList2[iTypeId].emplace(iStateId, pFunction).second;
+  return Register(m_mapGlobalStateList2, iTypeId, iStateId, pFunction);
 }
 
 bool StateMachine::SetGlobalStateName(int iTypeId, int iStateId, const char* pStateName) {
-  return m_mapGlobalStateName[iTypeId].emplace(iStateId, pStateName).second;
+  return Register(m_mapGlobalStateName, iTypeId, iStateId, std::string(pStateName));
 }
 
 void StateMachine::DumpGlobalStateMap(int iFD) {
