@@ -17,8 +17,10 @@ ConnectionPool& ConnectionPool::Instance() {
 
 void ConnectionPool::AddConnection(TcpSocket* pSocket) {
   const uint64_t iPeer = pSocket->PeerIdentifier();
+  // What needs memory comes first: without it nothing changes.
+  std::multimap<uint64_t, TcpSocket*> mapNew{{iPeer, pSocket}};
   m_mapFdIndex.emplace(pSocket->FD(), entry_t{pSocket, iPeer});
-  m_mapPeerIndex.emplace(iPeer, pSocket);
+  m_mapPeerIndex.merge(mapNew);  // behind those of the same peer
 }
 
 TcpSocket* ConnectionPool::GetConnection(int iFD) {

@@ -6,11 +6,16 @@ MQPool& MQPool::Instance() {
 }
 
 bool MQPool::AddMQ(int iIndex, MessageQueue* pMQIn, MessageQueue* pMQOut) {
+  // What needs memory comes first: without it nothing changes.
+  std::map<int, MessageQueue*> mapNew{{pMQIn->FifoFD(), pMQIn}};
+  mapNew[pMQOut->FifoFD()] = pMQOut;
   if (!m_mapMQs.emplace(iIndex, MQPair{pMQIn, pMQOut}).second) {
     return false;
   }
-  m_mapFdIndx[pMQIn->FifoFD()] = pMQIn;
-  m_mapFdIndx[pMQOut->FifoFD()] = pMQOut;
+  for (const auto& stEntry : mapNew) {
+    m_mapFdIndx.erase(stEntry.first);
+  }
+  m_mapFdIndx.merge(mapNew);
   return true;
 }
 
