@@ -35,7 +35,8 @@ void IdGenerator::Refill() {
   // 64 bits: near the top of the range the sum is beyond 32.
   const uint64_t iLimit = std::min<uint64_t>(m_iCurrentEnd + REFILL_COUNT, m_iEnd);
   while (m_iCurrentEnd < iLimit) {
-    m_queueFreeIds.push(m_iCurrentEnd++);
+    m_queueFreeIds.push(m_iCurrentEnd);  // may throw: the number is not lost
+    ++m_iCurrentEnd;
   }
 }
 
