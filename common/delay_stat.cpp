@@ -122,15 +122,17 @@ DelayStat::Tag_t& DelayStat::Find(const char* pTag, size_t iLength) {
   if (m_iTags != m_mapData.size()) {  // by Clear(), or a derived class
     MakeIndex();
   }
-  Tag_t*& pPlace = m_vecPlaces[Place(pTag, iLength)];
-  if (pPlace != nullptr) {
-    return *pPlace;
+  size_t iPlace = Place(pTag, iLength);
+  if (m_vecPlaces[iPlace] != nullptr) {
+    return *m_vecPlaces[iPlace];
+  }
+  if (m_iTags >= m_vecPlaces.size() / 2) {  // before there is one more than the index knows
+    MakeIndex();
+    iPlace = Place(pTag, iLength);
   }
   Tag_t& stTag = *m_mapData.try_emplace(pTag).first;
-  pPlace = &stTag;
-  if (++m_iTags > m_vecPlaces.size() / 2) {
-    MakeIndex();
-  }
+  m_vecPlaces[iPlace] = &stTag;
+  ++m_iTags;
   return stTag;
 }
 
@@ -160,12 +162,20 @@ void DelayStat::MakeIndex() {
 void DelayStat::PushData(const char* pTag, unsigned int iValue) {
   const size_t iLength = strlen(pTag);
   IndexedItem_t& stItem = Find(pTag, iLength).second;
+  const unsigned int iKey = std::min(iValue, m_iMax) / m_iInterval;
+  try {
+    ++CountOf(stItem.mapInterval, stItem.vecIndex, iKey);
+  } catch (...) {
+    if (stItem.iCount == 0 && stItem.iTotal == 0) {  // new: there shall be no line for it
+      m_mapData.erase(m_mapData.find(pTag));
+      m_iTags = ~size_t{0};
+    }
+    throw;
+  }
   stItem.iMin = std::min(stItem.iMin, iValue);
   ++stItem.iCount;
   stItem.iMax = std::max(stItem.iMax, iValue);
   stItem.iTotal += iValue;
-  const unsigned int iKey = std::min(iValue, m_iMax) / m_iInterval;
-  ++CountOf(stItem.mapInterval, stItem.vecIndex, iKey);
   m_iTagMaxSize = std::max(m_iTagMaxSize, static_cast<unsigned int>(iLength));
   m_iMaxKey = std::max(m_iMaxKey, iKey);
 }
@@ -176,8 +186,9 @@ void DelayStat::PushData(const char* pTag, timeval& tvBegin, timeval& tvEnd) {
 
 void DelayStat::BeginData(const char* pTag, const char* pIdentifier, timeval* pTime) {
   assert(pIdentifier);
+  std::string strTag = pTag;  // may throw: then nothing has begun
   TempData_t& stTemp = m_mapTempData[pIdentifier];
-  stTemp.strTag = pTag;
+  stTemp.strTag.swap(strTag);
   stTemp.tvBegin = TimeOrNow(pTime);
 }
 
@@ -192,10 +203,8 @@ void DelayStat::EndData(const char* pIdentifier, timeval* pTime) {
 }
 
 void DelayStat::BeginSession(const char* pSession, timeval* pTime) {
-  const auto stResult = m_mapSessionData.try_emplace(pSession);
-  if (stResult.second) {
-    stResult.first->second[0] = TimeOrNow(pTime);
-  }
+  std::map<unsigned int, timeval> mapStep{{0, TimeOrNow(pTime)}};
+  m_mapSessionData.try_emplace(pSession, std::move(mapStep));
 }
 
 void DelayStat::SubStat(const char* pSession, const char* pTag, uint32_t iFrom, uint32_t iTo,
