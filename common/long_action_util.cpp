@@ -395,6 +395,9 @@ int LongActionUtil::Perform2(LongActionMethod* pMethod, unsigned int iMachineID,
 }
 
 bool LongActionUtil::Launch(LongActionMethod* pMethod, long_action_response_t* pResponse) {
+  // What needs memory comes first: a child that runs is in the tables.
+  std::map<int, int> mapNewFDs{{pResponse->fd_stdout[0], 0}, {pResponse->fd_stderr[0], 0}};
+  std::map<int, long_action_response_t*> mapNewChild{{0, pResponse}};
   const pid_t iPid = fork();
   if (iPid == -1) {
     return false;
@@ -402,9 +405,13 @@ bool LongActionUtil::Launch(LongActionMethod* pMethod, long_action_response_t* p
   if (iPid == 0) {
     RunChild(pMethod, *pResponse);
   }
-  m_mapFD2PID.emplace(pResponse->fd_stdout[0], iPid);
-  m_mapFD2PID.emplace(pResponse->fd_stderr[0], iPid);
-  m_mapChildren.emplace(iPid, pResponse);
+  for (auto& stEntry : mapNewFDs) {
+    stEntry.second = iPid;
+  }
+  m_mapFD2PID.merge(mapNewFDs);
+  auto stChild = mapNewChild.extract(0);
+  stChild.key() = iPid;
+  m_mapChildren.insert(std::move(stChild));
   const auto pSlot = std::find_if(std::begin(m_pids), std::end(m_pids),
                                   [](const pid_retcode_t& stSlot) { return stSlot.pid == 0; });
   if (pSlot != std::end(m_pids)) {
@@ -418,14 +425,17 @@ int LongActionUtil::EventCallback(int iFD) {
   if (pResponse == nullptr) {
     return UNKNOWN_DESCRIPTOR;
   }
+  std::string& strText =
+      iFD == pResponse->fd_stdout[0] ? pResponse->strStdOut : pResponse->strStdError;
+  if (strText.capacity() - strText.size() < READ_SIZE) {
+    strText.reserve(strText.size() + READ_SIZE);  // may throw: then the bytes are still in the pipe
+  }
   char szBuffer[READ_SIZE];
   const ssize_t iCount = read(iFD, szBuffer, sizeof(szBuffer));
   if (iCount <= 0) {
     printf("fd:%d, read failed, return %d", iFD, static_cast<int>(iCount));
     return 0;
   }
-  std::string& strText =
-      iFD == pResponse->fd_stdout[0] ? pResponse->strStdOut : pResponse->strStdError;
   strText.append(szBuffer, static_cast<size_t>(iCount));
   return 0;
 }
