@@ -19,8 +19,9 @@ Object* Create() {
 }  // namespace
 
 void ExecuteShell2::Command(const std::string& strCommand) {
+  Params_t mapNew{{"command", strCommand}};  // may throw: then the former one stays
   m_mapParams.erase("command");
-  Param("command", strCommand);
+  m_mapParams.merge(mapNew);
 }
 
 int ExecuteShell2::Do() {
