@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <numeric>
 #include <utility>
 
@@ -40,6 +41,11 @@ const size_t COMMAND_SIZE = 1024;
 const size_t LINE_SIZE = 2048;
 
 char* pLastOfEnviron = nullptr;  // the failed assertion prints this name
+
+// Waits for the end of a command whose output there is no memory for.
+struct EndCommand {
+  void operator()(FILE* pStream) const { pclose(pStream); }
+};
 
 // The bytes of strings, with their terminators.
 size_t TotalSize(char* const* pBegin, char* const* pEnd) {
@@ -96,11 +102,11 @@ __attribute__((format(printf, 5, 0))) int ExecuteAndFilter(int& iError,
 void InitProcessTitle(int argc, char** argv) {
   char** pEnd = EndOfEnviron();
   const size_t iEnvironSize = TotalSize(environ, pEnd);
+  char* pCopy = iEnvironSize != 0 ? new char[iEnvironSize] : nullptr;  // from now on environ's
   pLastOfEnviron = argv[0] + TotalSize(argv, argv + argc) + iEnvironSize;
   if (iEnvironSize == 0) {
     return;
   }
-  char* pCopy = new char[iEnvironSize];  // from now on environ's
   char** pEntry = environ;
   do {
     const size_t iSize = strlen(*pEntry) + 1;
@@ -147,20 +153,20 @@ int vExecuteCommand(int& iError, std::vector<std::string>& vecLines, const char*
   char szCommand[COMMAND_SIZE];
   vsnprintf(szCommand, sizeof(szCommand), pFormat, sAp);
   // NOLINTNEXTLINE(cert-env33-c): what this function is for
-  FILE* pStream = popen(szCommand, "r");
+  std::unique_ptr<FILE, EndCommand> pStream(popen(szCommand, "r"));
   if (pStream == nullptr) {
     iError = errno;
     return -1;
   }
   vecLines.clear();
   char szLine[LINE_SIZE];
-  while (fgets(szLine, sizeof(szLine), pStream) != nullptr) {
+  while (fgets(szLine, sizeof(szLine), pStream.get()) != nullptr) {
     vecLines.emplace_back(szLine);
-    if (ferror(pStream) != 0 || feof(pStream) != 0) {
+    if (ferror(pStream.get()) != 0 || feof(pStream.get()) != 0) {
       break;
     }
   }
-  const int iResult = (pclose(pStream) >> 8) & 255;
+  const int iResult = (pclose(pStream.release()) >> 8) & 255;
   if (iResult != 0) {
     iError = iResult;
   }
