@@ -148,6 +148,13 @@ TcpSocket* TcpSocket::Accept() {
   if (m_iFD == -1) {
     return nullptr;
   }
+  std::unique_ptr<TcpSocket> pSocket;
+  try {
+    pSocket = std::make_unique<TcpSocket>();
+  } catch (const std::bad_alloc&) {  // before a connection is taken that there is no room for
+    errno = ENOMEM;
+    return nullptr;
+  }
   const int iFD = accept4(m_iFD, nullptr, nullptr, SOCK_CLOEXEC);
   if (iFD == -1) {
     return nullptr;
@@ -159,7 +166,10 @@ TcpSocket* TcpSocket::Accept() {
     errno = iError;
     return nullptr;
   }
-  return new TcpSocket(iFD);
+  pSocket->m_iFD = iFD;
+  pSocket->m_iTimeoutTime = ACCEPTED_TIMEOUT;
+  pSocket->GetAddressPort();
+  return pSocket.release();
 }
 
 int TcpSocket::Connect(const char* pHost, unsigned short iPort) {
@@ -234,7 +244,13 @@ int TcpSocket::Send(StreamCallback_t* pCallback) {
       return -1;
     }
     if (pCallback != nullptr) {
-      pCallback(this, m_strSendBuffer.data() + m_iSendOffset, static_cast<unsigned int>(iWritten));
+      try {
+        pCallback(this, m_strSendBuffer.data() + m_iSendOffset,
+                  static_cast<unsigned int>(iWritten));
+      } catch (...) {
+        DropWritten(iWritten);
+        throw;
+      }
     }
     DropWritten(iWritten);
     iTotal += iWritten;
@@ -266,7 +282,13 @@ int TcpSocket::Recv(StreamCallback_t* pCallback) {
       if (pCallback != nullptr) {
         const bool bNested = m_bInRecvCallback;
         m_bInRecvCallback = true;
-        pCallback(this, pLanding, static_cast<unsigned int>(iCount));
+        try {
+          pCallback(this, pLanding, static_cast<unsigned int>(iCount));
+        } catch (...) {
+          m_bInRecvCallback = bNested;
+          AddReceived(pLanding, static_cast<size_t>(iCount));
+          throw;
+        }
         m_bInRecvCallback = bNested;
       }
       AddReceived(pLanding, static_cast<size_t>(iCount));

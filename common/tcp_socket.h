@@ -14,7 +14,8 @@ class TcpSocket;
 
 // Sees the bytes of one write or one read. pData belongs to the socket and holds iSize bytes until
 // the callback returns. It may queue, erase and close, but neither destroy the socket nor call the
-// same one of Send() and Recv() again.
+// same one of Send() and Recv() again. What it throws passes through; its bytes count as written or
+// received all the same.
 typedef void StreamCallback_t(TcpSocket* pSocket, const char* pData, unsigned int iSize);
 
 // One IPv4 TCP socket of an event-driven process: a listener, an accepted or an outgoing
@@ -52,7 +53,8 @@ class TcpSocket : public Object {
   // 0xFFFFFFFF, where no connection ever arrives.
   int Listen(const char* pAddr, unsigned short iPort);
 
-  // The next connection, non-blocking, for the caller to delete; null when there is none.
+  // The next connection, non-blocking, for the caller to delete; null when there is none, or with
+  // ENOMEM while there is no memory for it: then it goes on waiting.
   TcpSocket* Accept();
 
   // Starts a non-blocking connection: 0 when it stands or is in progress, -1 with the socket
