@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 static_assert(sizeof(iocb) == 64, "the kernel's control block");
 
@@ -34,7 +35,9 @@ AIOUtil& AIOUtil::Instance() {
 }
 
 // Not blocking: a look at it without need shall not stop the event loop.
-AIOUtil::AIOUtil() : m_iEventFD(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+AIOUtil::AIOUtil() : m_iEventFD(-1) {
+  m_iEventFD = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);  // when all that may throw is made
+}
 
 AIOUtil::~AIOUtil() {
   if (m_pContext != nullptr) {
@@ -92,6 +95,12 @@ int AIOUtil::SomethingDone(std::vector<aio_param_t>& vecDone) {
   if (read(m_iEventFD, &iLeft, sizeof(iLeft)) != static_cast<ssize_t>(sizeof(iLeft))) {
     return 0;
   }
+  try {
+    vecDone.reserve(iLeft);
+  } catch (...) {
+    static_cast<void>(!write(m_iEventFD, &iLeft, sizeof(iLeft)));  // they are collected by the next
+    throw;
+  }
   io_event aEvents[MAX_EVENTS];
   while (iLeft > 0) {
     const auto iMax = static_cast<long>(std::min<uint64_t>(iLeft, MAX_EVENTS));
@@ -128,4 +137,10 @@ iocb* AIOUtil::NewIOCB() {
   return pIOCB;
 }
 
-void AIOUtil::FreeIOCB(iocb* pIOCB) { m_dqFreeStruct.push_back(pIOCB); }
+void AIOUtil::FreeIOCB(iocb* pIOCB) {
+  try {
+    m_dqFreeStruct.push_back(pIOCB);
+  } catch (const std::bad_alloc&) {
+    free(pIOCB);  // NewIOCB() has others, or makes one
+  }
+}
