@@ -20,7 +20,8 @@ int DbConnectionPool::Init(int iCount, const char* pName, const char* pHost, con
       m_strLastError = pMysql->ErrorMessage();
       return -1;
     }
-    ReleaseMysql(pName, pMysql.release());
+    ReleaseMysql(pName, pMysql.get());
+    static_cast<void>(pMysql.release());  // the pool's only now: that may have thrown
   }
   return iCount;
 }

@@ -4,7 +4,9 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
+#include <new>
 
 #include "internal/always_assert.h"
 
@@ -52,6 +54,11 @@ MysqlObj::~MysqlObj() { Close(); }
 
 bool MysqlObj::Connect(const char* pHost, const char* pUser, const char* pPassword, const char* pDb,
                        unsigned int iPort) {
+  // All that may throw comes first: what is remembered is of one connection.
+  std::string strHost = TextOf(pHost);
+  std::string strUser = TextOf(pUser);
+  std::string strPassword = TextOf(pPassword);
+  std::string strDb = TextOf(pDb);
   Close();
   m_pMysql = mysql_init(nullptr);
   if (m_pMysql == nullptr) {
@@ -66,10 +73,10 @@ bool MysqlObj::Connect(const char* pHost, const char* pUser, const char* pPasswo
     return false;
   }
   CloseByExec(m_pMysql);
-  m_strHost = TextOf(pHost);
-  m_strUser = TextOf(pUser);
-  m_strPassword = TextOf(pPassword);
-  m_strDb = TextOf(pDb);
+  m_strHost.swap(strHost);
+  m_strUser.swap(strUser);
+  m_strPassword.swap(strPassword);
+  m_strDb.swap(strDb);
   m_iPort = iPort;
   return true;
 }
@@ -115,8 +122,15 @@ int MysqlObj::ExecuteSql(const char* pSql, unsigned int iLength,
     return Failed();
   }
   if (mysql_field_count(m_pMysql) > 0) {
-    if (AppendRows(vecRows) != 0) {
-      return -1;
+    const size_t iBefore = vecRows.size();
+    try {
+      if (AppendRows(vecRows) != 0) {
+        return -1;
+      }
+    } catch (...) {  // no memory for the rows; the connection is good for the next query
+      vecRows.erase(vecRows.begin() + static_cast<ptrdiff_t>(iBefore), vecRows.end());
+      DropResults();
+      throw;
     }
   } else {
     m_iAffectedRows = mysql_affected_rows(m_pMysql);
@@ -163,7 +177,12 @@ int MysqlObj::Failed() {
 }
 
 const char* MysqlObj::_ErrorMessage() {
-  m_strErrorMessage = m_pMysql == nullptr ? "" : TextOf(mysql_error(m_pMysql));
+  const char* const pText = m_pMysql == nullptr ? "" : TextOf(mysql_error(m_pMysql));
+  try {
+    m_strErrorMessage = pText;
+  } catch (const std::bad_alloc&) {  // a cut text, so that the error itself is returned
+    m_strErrorMessage.assign(pText, std::min(strlen(pText), m_strErrorMessage.capacity()));
+  }
   return m_strErrorMessage.c_str();
 }
 
