@@ -1,5 +1,7 @@
+#include <dlfcn.h>
 #include <glob.h>
 #include <gtest/gtest.h>
+#include <regex.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +18,25 @@
 
 #include "config.h"
 #include "config_test_support.h"
+
+namespace {
+
+int g_iCompileResult = 0;  // of regcomp(), when it is a failure
+int g_iSearchResult = 0;   // of regexec()
+
+}  // namespace
+
+// These stand before the C library's.
+extern "C" int regcomp(regex_t* pRegex, const char* pPattern, int iFlags) {
+  static const auto pNext = reinterpret_cast<decltype(&regcomp)>(dlsym(RTLD_NEXT, "regcomp"));
+  return g_iCompileResult != 0 ? g_iCompileResult : pNext(pRegex, pPattern, iFlags);
+}
+
+extern "C" int regexec(const regex_t* pRegex, const char* pText, size_t iSlots, regmatch_t* pSlots,
+                       int iFlags) {
+  static const auto pNext = reinterpret_cast<decltype(&regexec)>(dlsym(RTLD_NEXT, "regexec"));
+  return g_iSearchResult != 0 ? g_iSearchResult : pNext(pRegex, pText, iSlots, pSlots, iFlags);
+}
 
 namespace {
 
@@ -64,6 +85,12 @@ TEST_F(ConfigFileTest, FileThatMayNotBeReadFails) {
   Write("a.xml", "<v>1</v>");
   ASSERT_EQ(0, chmod(Path("a.xml").c_str(), 0));
   EXPECT_EQ(-1, LoadFile("a.xml"));
+}
+
+TEST_F(ConfigFileTest, FileThatIsNoDocumentFails) {
+  WriteFile(Path("a.xml"), "<r><v>a</v>");
+  EXPECT_EQ(-1, LoadFile("a.xml"));
+  EXPECT_EQ("", Values());
 }
 
 TEST_F(ConfigFileTest, FifoHasNoSizeAndIsNotWaitedFor) {
@@ -313,6 +340,35 @@ TEST_F(ConfigIncludeTest, KeyWithOtherLettersIsADirectiveInEveryLocale) {
     });
     EXPECT_EQ(0, stPeer.Wait()) << pLocale;
   }
+}
+
+TEST_F(ConfigIncludeTest, KeyWithoutOtherLettersIsADirectiveInEveryLocale) {
+  Write("part", "<v>part</v>");
+  ForkedPeer stPeer([&] {
+    const bool bLoaded = setlocale(LC_ALL, "C.UTF-8") != nullptr && Load(Include("part")) == 0;
+    return bLoaded && Values() == "part" ? 0 : 1;
+  });
+  EXPECT_EQ(0, stPeer.Wait());
+}
+
+// Where the bytes may be parts of other characters.
+TEST_F(ConfigIncludeTest, KeyWithOtherLettersIsADirectiveOnlyIfTheExpressionSaysSo) {
+  Write("part", "<v>part</v>");
+  const auto fnIsPassedOver = [this] {
+    EXPECT_NE(nullptr, setlocale(LC_ALL, "C.UTF-8"));
+    EXPECT_EQ(0, Load("<\xc3\xa4include>" + Path("part") + "</\xc3\xa4include>"));
+    return !HasFailure() && Values().empty() ? 0 : 1;
+  };
+  ForkedPeer stNoMatch([&] {
+    g_iSearchResult = REG_NOMATCH;
+    return fnIsPassedOver();
+  });
+  EXPECT_EQ(0, stNoMatch.Wait());
+  ForkedPeer stNoExpression([&] {
+    g_iCompileResult = REG_ESPACE;
+    return fnIsPassedOver();
+  });
+  EXPECT_EQ(0, stNoExpression.Wait());
 }
 
 TEST_F(ConfigIncludeTest, PathMayUseReferences) {

@@ -273,6 +273,17 @@ TEST_F(HashMapTest, PathFormUsesTheKeyOfTheFile) {
             }));
 }
 
+TEST_F(HashMapTest, PathFormFailsWhenTheSegmentIsSmaller) {
+  const PrivateDirectory stDirectory;
+  const std::string strFile = stDirectory.File("key");
+  WriteFile(strFile, "");
+  const PrivateKey stKey(ftok(strFile.c_str(), 7));
+  ASSERT_TRUE(m_stMap.Attach(strFile.c_str(), 7, SIZE, 10, false));
+  EXPECT_EQ("shmget error, Invalid argument\n", CaptureOutput(2, [&] {
+              EXPECT_FALSE(m_stMap.Attach(strFile.c_str(), 7, SIZE + 8192, 10, false));
+            }));
+}
+
 TEST_F(HashMapTest, DetachAndDestructionLeaveTheTable) {
   Make(10);
   ASSERT_TRUE(m_stMap.Set("key", "value"));
@@ -636,6 +647,21 @@ TEST_F(HashMapTest, IteratorsCompareMapBucketAndNextButNotTheEntry) {
   Map stOther;
   ASSERT_TRUE(stOther.Attach(m_stKey.Key(), 0, 1, false));
   EXPECT_FALSE(stOther.begin() == m_stMap.begin());
+}
+
+TEST_F(HashMapTest, LastEntriesOfTwoBucketsAreNotEqual) {
+  Make(7);
+  ASSERT_NE(HashMap::FNVHash("a") % 7, HashMap::FNVHash("key") % 7);
+  ASSERT_TRUE(m_stMap.Set("a", "value"));
+  ASSERT_TRUE(m_stMap.Set("key", "value"));
+  EXPECT_FALSE(m_stMap.find("a") == m_stMap.find("key"));  // nothing comes behind either
+}
+
+TEST_F(HashMapTest, EntriesOfOneBucketAreNotEqual) {
+  Make(1);
+  ASSERT_TRUE(m_stMap.Set("a", "value"));
+  ASSERT_TRUE(m_stMap.Set("b", "value"));
+  EXPECT_FALSE(m_stMap.find("a") == m_stMap.find("b"));
 }
 
 TEST_F(HashMapTest, PrefixIncrementReturnsTheIteratorItself) {

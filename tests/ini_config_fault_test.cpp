@@ -23,9 +23,10 @@ namespace {
 
 int g_iCompiled = 0;  // patterns that are compiled and not freed
 int g_iCompileCalls = 0;
-int g_iFailingCall = 0;    // the call of regcomp() that fails, from 1
-int g_iMatchedSlots = -1;  // when set, each search matches with so many slots in use
-int g_iSearches = 0;       // searches to pass over before
+int g_iFailingCall = 0;      // the call of regcomp() that fails, from 1
+int g_iMatchedSlots = -1;    // when set, each search matches with so many slots in use
+bool g_bBegunSlots = false;  // the others have a begin then, and no end
+int g_iSearches = 0;         // searches to pass over before
 
 bool g_bScriptRead = false;
 std::deque<int> g_dqReads;  // what read() does next: so many bytes at most, or minus an errno
@@ -73,7 +74,7 @@ extern "C" int regexec(const regex_t* pRegex, const char* pText, size_t iSlots, 
     return REG_NOMATCH;
   }
   for (int i = 0; i < static_cast<int>(iSlots); ++i) {
-    pSlots[i] = i < g_iMatchedSlots ? regmatch_t{0, 1} : regmatch_t{-1, -1};
+    pSlots[i] = i < g_iMatchedSlots ? regmatch_t{0, 1} : regmatch_t{g_bBegunSlots ? 0 : -1, -1};
   }
   return 0;
 }
@@ -173,9 +174,12 @@ struct impossible_t {
   const char* pText;  // of the assertion
 };
 
-class IniConfigAssertionTest : public ::testing::TestWithParam<impossible_t> {};
+class IniConfigAssertionTest : public ::testing::TestWithParam<impossible_t> {
+ protected:
+  static void ExpectAssertion();
+};
 
-TEST_P(IniConfigAssertionTest, MatchWithoutItsGroupsEndsTheProcess) {
+void IniConfigAssertionTest::ExpectAssertion() {
   const std::string strError = CaptureOutput(2, [] {
     EXPECT_EQ(ABORTED, InChild([] {
                 // Bytes that only the expressions can judge.
@@ -189,6 +193,14 @@ TEST_P(IniConfigAssertionTest, MatchWithoutItsGroupsEndsTheProcess) {
               }));
   });
   EXPECT_NE(std::string::npos, strError.find(GetParam().pText)) << strError;
+}
+
+TEST_P(IniConfigAssertionTest, MatchWithoutItsGroupsEndsTheProcess) { ExpectAssertion(); }
+
+TEST_P(IniConfigAssertionTest, MatchWhoseGroupsHaveNoEndEndsTheProcess) {
+  g_bBegunSlots = true;
+  ExpectAssertion();
+  g_bBegunSlots = false;
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -191,6 +191,18 @@ TEST_F(IniConfigIndexTest, MissingKeyIsMissingAmongAnyNumberOfKeys) {
   }
 }
 
+TEST(IniConfigLookupAmongManySectionsTest, EverySectionIsFoundAfterAnyNumberOfLookups) {
+  IniConfig stConfig;
+  for (int i = 0; i < 600; ++i) {
+    stConfig.SetValue("s" + std::to_string(i), "k", std::to_string(i));
+  }
+  for (int i = 0; i < 2000; ++i) {
+    const std::string strNumber = std::to_string(i % 600);
+    ASSERT_EQ(strNumber, stConfig.GetValue("s" + strNumber, "k"));
+    ASSERT_EQ("", stConfig.GetValue("s" + strNumber, "none"));
+  }
+}
+
 TEST_F(IniConfigIndexTest, NamesOfOneHashAreToldApart) {
   const std::string strTwin = "firstkeyofhash_1";
   const std::string strOther = "lewhhmnoUc7DmTUE";

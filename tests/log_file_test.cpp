@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +14,24 @@
 
 #include "log.h"
 #include "log_test_support.h"
+
+namespace {
+
+// What has a name seems to be a large file on another device, with the number that it has here.
+bool g_bNamesAreElsewhere = false;
+
+}  // namespace
+
+// Before libc's own, for the library too.
+extern "C" int statx(int iDirectoryFD, const char* pPath, int iFlags, unsigned int iMask,
+                     struct statx* pFile) noexcept {
+  const long iResult = syscall(SYS_statx, iDirectoryFD, pPath, iFlags, iMask, pFile);
+  if (iResult == 0 && g_bNamesAreElsewhere && (iFlags & AT_EMPTY_PATH) == 0) {
+    ++pFile->stx_dev_minor;
+    pFile->stx_size = 1ULL << 40;
+  }
+  return static_cast<int>(iResult);
+}
 
 namespace {
 
@@ -319,6 +338,60 @@ TEST_F(LogNumberedTest, ProcessThatDroppedItsRightsGoesOnWriting) {
   EXPECT_EQ(0, stPeer.Wait());
   ASSERT_EQ(0, chmod(m_strPath.c_str(), 0750));
   EXPECT_EQ((Lines_t{"x", "y"}), MessagesOf(File("000")));
+}
+
+TEST_F(LogNumberedTest, NameThatCanNotBeLookedUpStandsForTheOpenFile) {
+  m_stLog.Info("x");
+  const std::string strMoved = m_strPath + ".moved";
+  fs::rename(m_strPath, strMoved);
+  fs::create_symlink(m_strPath, m_strPath);  // "too many levels of symbolic links"
+  m_stLog.Info("y");
+  fs::remove(m_strPath);
+  fs::rename(strMoved, m_strPath);
+  EXPECT_EQ((Lines_t{"x", "y"}), MessagesOf(File("000")));
+}
+
+TEST_F(LogNumberedTest, NameThatCanNotBeLookedUpStandsForNothingOnceTheFileIsClosed) {
+  m_stLog.Info("x");
+  const std::string strMoved = m_strPath + ".moved";
+  fs::rename(m_strPath, strMoved);
+  fs::create_symlink(m_strPath, m_strPath);
+  EXPECT_EQ("mkdir " + m_strPath + "/ err, File exists\n", CaptureOutput(1, [this] {
+              close(m_stLog.FD());  // as foreign code may
+              m_stLog.Info("lost");
+            }));
+  EXPECT_EQ(-1, m_stLog.FD());
+  fs::remove(m_strPath);
+  fs::rename(strMoved, m_strPath);
+  m_stLog.Info("y");
+  EXPECT_EQ((Lines_t{"x", "y"}), MessagesOf(File("000")));
+}
+
+TEST_F(LogNumberedTest, ClosedFileWhoseNameWasTakenIsOpenedAnewUnderThatName) {
+  m_stLog.Info("x");
+  fs::rename(File("000"), File("moved"));
+  WriteFile(File("000"), "");
+  ASSERT_EQ(0, close(m_stLog.FD()));
+  m_stLog.Info("y");
+  EXPECT_EQ((Lines_t{"x"}), MessagesOf(File("moved")));
+  EXPECT_EQ((Lines_t{"y"}), MessagesOf(File("000")));
+}
+
+TEST_F(LogNumberedTest, NoFileIsDeletedHoweverMuchTheDaysFilesHold) {
+  MakeFile("000", 0);
+  fs::resize_file(File("000"), 21ULL << 30);  // all of it a hole
+  m_stLog.Info("x");
+  EXPECT_EQ(21ULL << 30, fs::file_size(File("000")));
+  EXPECT_EQ((Lines_t{"x"}), MessagesOf(File("001")));
+}
+
+TEST_F(LogNumberedTest, FileOfTheSameNumberOnAnotherDeviceIsNotTheOpenOne) {
+  m_stLog.SetMaxSize(1000);
+  m_stLog.Info("x");
+  g_bNamesAreElsewhere = true;
+  m_stLog.Info("y");
+  g_bNamesAreElsewhere = false;
+  EXPECT_EQ((Lines_t{"x", "y"}), MessagesOf(File("000")));  // whose size counts
 }
 
 TEST_F(LogNumberedTest, ForkedChildWritesToTheSameFile) {

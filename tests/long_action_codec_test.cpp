@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <climits>
 #include <memory>
 #include <random>
 #include <string>
@@ -131,6 +132,16 @@ TEST(LongActionDecodeTest, WhatIsNoTextGivesNothingAndLeavesNoErrorBehind) {
     EXPECT_EQ("", LongActionMethod::Decode(strText)) << strText;
   }
   EXPECT_EQ(0u, ERR_peek_error());
+}
+
+TEST(LongActionDecodeTest, TextThatIsTooLongForTheFilterGivesNothing) {
+  const size_t iSize = INT_MAX;
+  if (static_cast<size_t>(sysconf(_SC_PHYS_PAGES) * sysconf(_SC_PAGESIZE)) < 3 * iSize) {
+    GTEST_SKIP() << "too little memory";
+  }
+  std::string strText(iSize, 'A');
+  strText[0] = '=';  // not as Encode() writes it
+  EXPECT_EQ("", LongActionMethod::Decode(strText));
 }
 
 // A character of the alphabet, of the lines' frame, or any.

@@ -465,6 +465,16 @@ TEST_F(MachinePoolTest, EverySecondHasItsOwnChecksInWhateverOrderTheyAreQueued) 
   }
 }
 
+TEST_F(MachinePoolTest, SecondsFarApartKeepTheirOrderWhenTheyAreQueuedByTurns) {
+  for (unsigned int i = 0; i < 6; ++i) {
+    AddWithState(i, i % 2 == 0 ? 64 : 128)->m_iResult = 1;
+  }
+  EXPECT_EQ((Log_t{"0:state", "0:deleted", "2:state", "2:deleted", "4:state", "4:deleted"}),
+            Process(T + 64));
+  EXPECT_EQ((Log_t{"1:state", "1:deleted", "3:state", "3:deleted", "5:state", "5:deleted"}),
+            Process(T + 128));
+}
+
 TEST_F(MachinePoolTest, RequeuedEntryStandsBehindThoseAlreadyQueuedForItsTime) {
   TimedMachine* pMoved = AddWithState(1, 3);
   AddWithState(2, 9);
@@ -509,6 +519,15 @@ TEST_F(MachinePoolTest, CheckQueuedForAMachineOutsideThePoolIsDropped) {
   const std::unique_ptr<TimedMachine> pMachine(New(7, T + 5));
   m_stPool.ConfigMachineTimeout(pMachine.get());
   StartState(pMachine.get(), T, 3);
+  EXPECT_EQ(Log_t{}, Process(T + 5));
+}
+
+TEST_F(MachinePoolTest, ManyChecksForMachinesOutsideAPoolThatNeverHadOneAreDropped) {
+  std::vector<std::unique_ptr<TimedMachine>> vecMachines;
+  for (unsigned int iID = 1; iID <= 100; ++iID) {
+    vecMachines.emplace_back(New(iID, T + 5));
+    m_stPool.ConfigMachineTimeout(vecMachines.back().get());
+  }
   EXPECT_EQ(Log_t{}, Process(T + 5));
 }
 

@@ -217,6 +217,17 @@ TEST_F(ShmAllocatorTest, PathFormUsesTheKeyOfTheFile) {
   EXPECT_EQ(SIZE, HeapImage(stKey.Key()).Word(0));
 }
 
+TEST_F(ShmAllocatorTest, PathFormFailsWhenTheSegmentIsSmaller) {
+  const PrivateDirectory stDirectory;
+  const std::string strFile = stDirectory.File("key");
+  WriteFile(strFile, "");
+  const PrivateKey stKey(ftok(strFile.c_str(), 7));
+  ASSERT_TRUE(m_stHeap.Attach(strFile.c_str(), 7, SIZE, RESERVED, false));
+  EXPECT_EQ("shmget error, Invalid argument\n", CaptureOutput(2, [&] {
+              EXPECT_FALSE(m_stHeap.Attach(strFile.c_str(), 7, SIZE + 8192, RESERVED, false));
+            }));
+}
+
 TEST_F(ShmAllocatorTest, PathWithoutFileFailsSilentlyAndKeepsWhatIsAttached) {
   Make();
   EXPECT_EQ("", CaptureOutput(2, [&] {

@@ -304,6 +304,27 @@ TEST(StateMachineTest, SecondPathPassesTheWholeKeyAndSkipsPreTranslate) {
   EXPECT_TRUE(stMachine.m_vecPreTranslated.empty());
 }
 
+TEST(StateMachineTest, MachineWithoutPreTranslateOfItsOwnIsDispatchedOnBothPaths) {
+  class PlainMachine : public StateMachine {
+   public:
+    explicit PlainMachine(int iType) : m_iType(iType) { m_iState = 1; }
+    int Timeout(bool /*bMachine*/) override { return 0; }
+    int StateMachineType() override { return m_iType; }
+    const char* MachineName() override { return "plain"; }
+
+   private:
+    int m_iType;
+  };
+  const int iType = NewType();
+  ASSERT_TRUE(StateMachine::SetGlobalStateList(iType, 1, ReturnOne));
+  ASSERT_TRUE(StateMachine::SetGlobalStateList2(iType, 1, ReturnTwo2));
+  PlainMachine stMachine(iType);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(1, stMachine.DoNext(nullptr, nullptr));
+    EXPECT_EQ(2, stMachine.DoNext2(0, nullptr));
+  }
+}
+
 TEST(StateMachineTest, HandlerOfTheStateAtEntryRunsThoughPreTranslateChangesIt) {
   const int iType = NewType();
   ASSERT_TRUE(StateMachine::SetGlobalStateList(iType, 1, ReturnOne));
