@@ -38,7 +38,7 @@ std::string Serialise(xmlDocPtr pDoc, const std::string& strEncoding) {
   int iLength = 0;
   xmlDocDumpFormatMemoryEnc(pDoc, &pText, &iLength, strEncoding.c_str(), 1);
   const std::unique_ptr<xmlChar, FreeText> pOwner(pText);
-  if (pText == nullptr || iLength <= 0) {
+  if (pText == nullptr) {
     return "";
   }
   return std::string(reinterpret_cast<const char*>(pText), static_cast<size_t>(iLength));
@@ -142,7 +142,7 @@ xmlXPathObjectPtr ConfigGenerator::GetNodeSet(const std::string& strExpression, 
   m_pContext->node = pNode;
   Result pResult(xmlXPathEvalExpression(Text(strExpression), m_pContext));
   // A number, a text or a truth value has no set.
-  if (pResult == nullptr || xmlXPathNodeSetIsEmpty(pResult->nodesetval)) {
+  if (pResult == nullptr || xmlXPathNodeSetGetLength(pResult->nodesetval) == 0) {
     return nullptr;
   }
   return pResult.release();
