@@ -161,40 +161,46 @@ class Check:
     def _result(self, bench, mutant):
         text = (ROOT / mutant.file).read_text()
         bench.put(mutant.file, text[:mutant.begin] + mutant.new + text[mutant.end:])
-        uses = [o for o, inputs in self.commands.inputs.items() if mutant.file in inputs]
-        in_library = [o for o in uses if o in self.commands.library_objects]
-        in_tests = [o for name in self.own[mutant.file] for o in self.commands.objects_of_test(name)
-                    if o in uses]
         try:
-            changed = bench.compile_changed(in_library + in_tests)
+            changed = bench.compile_changed(self._library_objects(mutant.file))
+            if not changed and mutant.file.endswith(".cpp"):
+                return "same", ""
+            if not bench.link_library(changed):
+                return "refused", ""
+            quick, rest = self.suite.rounds(self.own[mutant.file], self.others[mutant.file])
+            noticed = self._ask_tests(bench, mutant, quick, changed)
+            if noticed is None and bench.same_as_original(mutant.file, list(changed), ["-O2"]):
+                return "same", ""
+            if noticed is None and not self.quick and name_of(mutant) not in self.listed:
+                noticed = self._ask_tests(bench, mutant, rest, changed)
         except CannotCompile:
             return "refused", ""
-        if not changed:
-            return "same", ""
-        if not bench.link_library(changed):
-            return "refused", ""
-        quick, rest = self.suite.rounds(self.own[mutant.file], self.others[mutant.file])
-        noticed = self._ask_tests(bench, quick, changed)
-        if noticed is None and bench.same_as_original(mutant.file, list(changed), ["-O2"]):
-            return "same", ""
-        if noticed is None and not self.quick and name_of(mutant) not in self.listed:
-            noticed = self._ask_tests(bench, rest, changed)
         return ("noticed", noticed) if noticed else ("alive", "")
 
-    def _ask_tests(self, bench, runs, changed):
+    def _library_objects(self, file):
+        """What is compiled anew: of a class's header only its own source, or all that include it
+        when it has none. The tests that are asked are compiled anew as well."""
+        uses = [o for o in self.commands.library_objects if file in self.commands.inputs[o]]
+        return [o for o in uses if o.endswith(f"/{stem_of(file)}.cpp.o")] or uses
+
+    def _ask_tests(self, bench, mutant, runs, changed):
         linked = {}
         for run in runs:
             if run.name not in linked:
-                linked[run.name] = self._program(bench, run.name, changed)
+                linked[run.name] = self._program(bench, mutant.file, run.name, changed)
             trial = bench.run(linked[run.name], [*run.arguments, "--gtest_fail_fast"], run.limit,
                               preload=run.preload)
             if not trial.passed:
                 return who_noticed(run.name, trial)
         return None
 
-    def _program(self, bench, name, changed):
-        """The test program, linked anew when what it includes has changed."""
-        if not any(o in changed for o in self.commands.objects_of_test(name)):
+    def _program(self, bench, file, name, changed):
+        """The test program, compiled and linked anew when the mutant makes it another. Adds its
+        objects to the changed ones."""
+        objects = self.commands.objects_of_test(name)
+        uses = [o for o in objects if file in self.commands.inputs[o] and o not in changed]
+        changed.update(bench.compile_changed(uses))
+        if not any(o in changed for o in objects):
             return self.suite.programs[name]
         path = self.suite.programs[name].relative_to(BUILD)
         output = bench.path / "programs" / name
