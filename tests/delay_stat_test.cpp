@@ -70,6 +70,15 @@ TEST_F(DelayStatTest, StartsEmptyWithItsDefaults) {
   EXPECT_TRUE(m_mapSessionData.empty());
 }
 
+// So long that the text stands apart from the note of the beginning, which is gone with the end.
+TEST_F(DelayStatTest, LongTagOfABeginningIsCountedWholeAtItsEnd) {
+  const std::string strTag(100, 't');
+  Begin(strTag.c_str(), "id", {1, 0});
+  End("id", {1, 7000});
+  EXPECT_EQ(7u, OnlyValue(strTag));
+  EXPECT_EQ(1u, m_mapData.size());
+}
+
 TEST_F(DelayStatTest, BucketsHaveTheirEdgesAtMultiplesOfTheInterval) {
   for (const auto& [iValue, iBucket] : std::vector<std::pair<unsigned int, unsigned int>>{
            {0, 0}, {49, 0}, {50, 1}, {99, 1}, {100, 2}, {1999, 39}, {2000, 40}, {100000, 40}}) {

@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 
+#include "full_disk.h"
 #include "log.h"
 #include "log_test_support.h"
 
@@ -528,6 +529,35 @@ TEST_F(LogFixedNameTest, ModesAndFlagsAreFixed) {
     EXPECT_EQ(0750u, ModeOf("/var"));
     EXPECT_EQ(O_RDWR | O_APPEND, fcntl(stLog.FD(), F_GETFL) & (O_ACCMODE | O_APPEND));
   });
+}
+
+// The first file of one file system has the number that the first of another one has.
+TEST_F(LogFixedNameTest, FileOfAnotherFileSystemIsAnotherThoughItsNumberIsTheSame) {
+  const size_t DISK_SIZE = 1048576;
+  fs::create_directories(m_strRoot + FIXED_PATH);
+  ForkedPeer stPeer([&] {
+    if (!SmallDisk::WhyNot().empty()) {
+      return NO_ROOT;
+    }
+    const SmallDisk stFirst(m_strRoot + FIXED_PATH, DISK_SIZE);
+    Log stLog;
+    EnterRoot();
+    stLog.Info("x");
+    const SmallDisk stSecond(FIXED_PATH, DISK_SIZE);
+    WriteFile(FIXED_FILE, "");
+    struct stat stOpen {};
+    struct stat stNamed {};
+    EXPECT_TRUE(fstat(stLog.FD(), &stOpen) == 0 && stat(FIXED_FILE, &stNamed) == 0);
+    EXPECT_EQ(stOpen.st_ino, stNamed.st_ino);
+    stLog.Info("y");
+    EXPECT_EQ((Lines_t{"y"}), MessagesOf(FIXED_FILE));
+    return HasFailure() ? 1 : 0;
+  });
+  const int iResult = stPeer.Wait();
+  if (iResult == NO_ROOT) {
+    GTEST_SKIP() << "only root may mount";
+  }
+  EXPECT_EQ(0, iResult);
 }
 
 TEST_F(LogFixedNameTest, FileIsNeverTooLarge) {
