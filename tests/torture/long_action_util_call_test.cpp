@@ -69,24 +69,22 @@ TEST(LongActionCallTest, PerformStartsAChildOrLeavesAllAsItWas) {
   FailEachCall([](Attempt& stAttempt) {
     Host stHost;
     Work stWork(WriteBoth);
-    CaptureOutput(2, [&] {
-      CaptureOutput(1, [&] {
-        const int iResult =
-            RunToTheEnd(stAttempt, stHost, [&] { return stHost.m_stUtil.Perform(&stWork, 1, 2); });
-        const bool bFailed = stAttempt.FailsIn({{"pipe"}, {"pipe2"}, {"epoll_ctl"}, {"clone"}});
-        ASSERT_EQ(bFailed ? -1 : 0, iResult);
-        if (bFailed) {
-          EXPECT_EQ(stAttempt.Failure().iErrno, stAttempt.Errno());
-          ASSERT_TRUE(stHost.Children().empty());
-          ASSERT_EQ(0, stHost.m_stUtil.Perform(&stWork, 1, 2));
-        }
-        ASSERT_EQ(1u, stHost.Children().size());
-        const Response_t pResponse = stHost.Finish(stHost.Children()[0]);
-        if (!LosesOutput(stAttempt)) {
-          ExpectWholeResponse(pResponse);
-        }
-      });
-    });
+    const auto fnPerform = [&] { return stHost.m_stUtil.Perform(&stWork, 1, 2); };
+    int iResult = 0;
+    CaptureOutput(
+        2, [&] { CaptureOutput(1, [&] { iResult = RunToTheEnd(stAttempt, stHost, fnPerform); }); });
+    const bool bFailed = stAttempt.FailsIn({{"pipe"}, {"pipe2"}, {"epoll_ctl"}, {"clone"}});
+    ASSERT_EQ(bFailed ? -1 : 0, iResult);
+    if (bFailed) {
+      EXPECT_EQ(stAttempt.Failure().iErrno, stAttempt.Errno());
+      ASSERT_TRUE(stHost.Children().empty());
+      ASSERT_EQ(0, fnPerform());
+    }
+    ASSERT_EQ(1u, stHost.Children().size());
+    const Response_t pResponse = stHost.Finish(stHost.Children()[0]);
+    if (!LosesOutput(stAttempt)) {
+      ExpectWholeResponse(pResponse);
+    }
   });
 }
 
