@@ -82,12 +82,12 @@ TEST(TcpSocketCallTest, AcceptGivesNullAndTheNextOneTheConnectionUnlessItIsClose
     ASSERT_EQ(0, stEnds.stClient.Connect(LOOPBACK, stEnds.iPort));
     AwaitInput(stEnds.stListener);
     Socket_t pSocket(stAttempt.Run([&] { return stEnds.stListener.Accept(); }));
-    const bool bFailed = stAttempt.FailsIn({{"accept"}, {"ioctl"}});
+    const bool bFailed = stAttempt.FailsIn({{"accept4"}, {"ioctl"}});
     EXPECT_EQ(bFailed, pSocket == nullptr);
     if (bFailed) {
       EXPECT_EQ(stAttempt.Failure().iErrno, stAttempt.Errno());
     }
-    if (stAttempt.FailsIn({{"accept"}})) {
+    if (stAttempt.FailsIn({{"accept4"}})) {
       pSocket.reset(stEnds.stListener.Accept());
       ASSERT_NE(nullptr, pSocket);
     }
@@ -240,8 +240,8 @@ TEST(TcpSocketCallTest, AdoptedSocketAsksForItsEndsAgainWhenTheyAreNeeded) {
   FailEachCall([](Attempt& stAttempt) {
     connection_t stEnds;
     stEnds.Connect();
-    const Socket_t pSocket =
-        stAttempt.Run([&] { return std::make_unique<TcpSocket>(dup(stEnds.pServer->FD())); });
+    const int iFD = dup(stEnds.pServer->FD());
+    const Socket_t pSocket = stAttempt.Run([=] { return std::make_unique<TcpSocket>(iFD); });
     const std::string strId = pSocket->IdString();
     EXPECT_NE(std::string::npos, strId.find("->127.0.0.1:" + std::to_string(stEnds.iPort)));
   });
