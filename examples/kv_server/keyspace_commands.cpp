@@ -24,11 +24,11 @@ std::string ParseScanOptions(const Arguments_t& vecArguments, ScanOptions_t& stO
     }
     const std::string_view strValue = vecArguments[i + 1];
     int64_t iCount = 0;
-    // NOLINTNEXTLINE(bugprone-branch-clone): in the order in which the faults are told
     if (EqualsIgnoringCase(strWord, "match")) {
       stOptions.strPattern = strValue;
     } else if (EqualsIgnoringCase(strWord, "type")) {
       stOptions.bStrings = EqualsIgnoringCase(strValue, "string");
+      // NOLINTNEXTLINE(bugprone-branch-clone): in the order in which the faults are told
     } else if (!EqualsIgnoringCase(strWord, "count")) {
       return SYNTAX_ERROR;
     } else if (!ParseInteger(strValue, iCount)) {
