@@ -133,14 +133,14 @@ class Chains {
 };
 
 // When an iterator, which knows only where it is, has to ask whether its chain ends at all: seldom,
-// and the more so the longer that took last time; and never in step with loops in loops. One for
-// the process.
+// and the more so the longer that took last time; at random, since a loop in a loop would otherwise
+// ask for both. One for the process.
 class RareQuestion {
  public:
   bool IsDue() { return --m_iLinks == 0; }
   void Answered(uint64_t iLinks) {
     m_iRandom = m_iRandom * 1664525 + 1013904223;
-    m_iLinks = std::max(iLinks, LONG_CHAIN) + (m_iRandom >> 26);
+    m_iLinks = 1 + m_iRandom / 256 % (2 * std::max(iLinks, LONG_CHAIN));
   }
 
  private:
