@@ -518,8 +518,10 @@ inline void HashMap::iterator::MoveToFirstFrom(HashMap* pHashMap, uint64_t iBuck
     const uint64_t iFirst = AcquireWord<uint64_t>(&pBuckets[iBucket].iBucket);
     if (iBucket + PREFETCH_BUCKETS < iCount) {
       // The entries lie anywhere: ask for one while those before it are looked at.
+      // Numbers are added: the offset may be anything.
+      const uintptr_t iAhead = iBase + pBuckets[iBucket + PREFETCH_BUCKETS].iBucket;
       __builtin_prefetch(
-          reinterpret_cast<const void*>(iBase + pBuckets[iBucket + PREFETCH_BUCKETS].iBucket));
+          reinterpret_cast<const void*>(iAhead));  // NOLINT(performance-no-int-to-ptr)
     }
     if (MoveTo(pHashMap, iBucket, iFirst)) {
       return;
