@@ -17,8 +17,8 @@
 #include <new>
 #include <string_view>
 
-#include "internal/reference_scanner.h"
 #include "internal/checked_regex.h"
+#include "internal/reference_scanner.h"
 #include "internal/scaled_number.h"
 #include "simple_filter.h"
 
