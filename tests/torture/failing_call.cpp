@@ -137,6 +137,7 @@ class Totals : public ::testing::Environment {
     m_setCalls.insert(stFailure.strCall);
   }
   void AddOperation() { ++m_iOperations; }
+  void SetUp() override { CallTrace(); }  // before there is anything that the tracer would inherit
   void TearDown() override {
     StopCallTracer();
     printf("Tried %d failures of %zu system calls in %d operations:", m_iFailures,
