@@ -121,7 +121,7 @@ Document Parse(const char* pBuffer, size_t iLength) {
   const XmlMemoryWatch stMemory;
   Document pDocument(xmlReadMemory(pBuffer, static_cast<int>(iLength), nullptr, nullptr,
                                    XML_PARSE_NONET | XML_PARSE_COMPACT));
-  return stMemory.WasLacking() ? nullptr : std::move(pDocument);  // there may be half of it
+  return XmlMemoryWatch::WasLacking() ? nullptr : std::move(pDocument);  // there may be half of it
 }
 
 const char* Text(const xmlChar* pText) { return reinterpret_cast<const char*>(pText); }

@@ -103,7 +103,7 @@ std::string ConfigGenerator::GenerateContent() {
     }
   }
   std::string strText = Serialise(m_pDoc, m_strEncoding);
-  return stMemory.WasLacking() ? "" : strText;
+  return XmlMemoryWatch::WasLacking() ? "" : strText;
 }
 
 int ConfigGenerator::SetNodeContent(const std::string& strPath, const std::string& strContent) {
@@ -118,7 +118,7 @@ int ConfigGenerator::SetNodeContent(const std::string& strPath, const std::strin
     return -1;
   }
   xmlNodeSetContent(pNode, Text(strContent));
-  return stMemory.WasLacking() ? -1 : 0;
+  return XmlMemoryWatch::WasLacking() ? -1 : 0;
 }
 
 // The first child that the name, as an XPath expression, selects; a new last child without one.
