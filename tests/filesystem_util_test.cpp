@@ -180,6 +180,16 @@ TEST_F(FilesystemUtilTest, MakeDirKeepsTheLevelsMadeBeforeAFailure) {
   EXPECT_TRUE(IsDirectory(File("x")));
 }
 
+TEST_F(FilesystemUtilTest, MakeDirKeepsErrnoThoughItsMessageIsLost) {
+  WriteFile(File("plain"), "");
+  ForkedPeer stPeer([this] {
+    dup2(open("/dev/full", O_WRONLY), 1);
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    return MakeDir(File("plain/sub").c_str(), 0755) == -1 && errno == ENOTDIR ? 0 : 1;
+  });
+  EXPECT_EQ(0, stPeer.Wait());
+}
+
 TEST_F(FilesystemUtilTest, MakeDirFailsAtALinkToNothing) {
   std::filesystem::create_symlink("nowhere", File("link"));
   EXPECT_EQ(-1, Make(File("link")));

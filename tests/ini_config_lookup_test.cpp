@@ -250,6 +250,7 @@ int64_t Number(const std::string& strValue) {
 
 TEST(IniConfigIntTest, IsDecimalUnlessItBeginsWith0x) {
   EXPECT_EQ(16, Number("0x10"));
+  EXPECT_EQ(10, Number("0xa"));
   EXPECT_EQ(255, Number("0Xff"));
   EXPECT_EQ(10, Number("010"));
   EXPECT_EQ(-7, Number("-7"));

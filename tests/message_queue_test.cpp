@@ -283,7 +283,9 @@ TEST_F(MessageQueueAttachTest, SecondDeleteLeavesASuccessorAlone) {
   ASSERT_EQ(0, m_stQueue.Delete());
   MessageQueue stSuccessor;
   ASSERT_EQ(0, Attach(stSuccessor));
+  errno = 0;
   EXPECT_EQ(0, m_stQueue.Delete());
+  EXPECT_EQ(0, errno) << "nothing was asked of the system";
   EXPECT_EQ(1, Attachments(m_stKey.Key()));
 }
 

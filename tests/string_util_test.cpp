@@ -191,6 +191,7 @@ TEST(StringToIntTest, LeadingZeroIsNotOctal) {
 TEST(StringToIntTest, HexadecimalCountsOnlyAtTheVeryBeginning) {
   EXPECT_EQ(31, StringToInt("0x1F"));
   EXPECT_EQ(31, StringToInt("0X1f"));
+  EXPECT_EQ(10, StringToInt("0xa"));
   EXPECT_EQ(0, StringToInt("0x"));
   EXPECT_EQ(0, StringToInt("0xZ"));
   EXPECT_EQ(0, StringToInt(" 0x10"));

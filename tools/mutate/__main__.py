@@ -6,7 +6,8 @@ COUNT       so many mutants, spread over all sources in proportion to their code
 SOURCE      all mutants of these sources
 --seed      another choice of COUNT mutants
 --quick     asks only the quick cases of a source's own tests; --survivors may follow
---survivors only those that the last run in this build tree left alive
+--survivors once more those that the last run in this build tree left alive without a reason; the
+            report is of that whole run
 --continue  goes on with a run that was ended: what it found stands
 
 survivors.tsv beside this file lists the mutants that may live: source, function, line, change and
@@ -46,7 +47,7 @@ OWN = {
                          "long_action_fault_test"],
     "process_util": ["process_signal_test", "process_title_test"],
     "reference_scanner": ["config_translate_test", "ini_config_include_test"],
-    "scaled_number": ["config_test", "ini_config_lookup_test"],
+    "scaled_number": ["string_util_test", "ini_config_lookup_test"],
     "shared_word": ["hash_map_test", "shm_allocator_test", "heap_crash_test"],
     "zelk_variable": ["log_test"],
 }
@@ -259,14 +260,24 @@ def judge(results, listed, everything, share):
 
 def select(arguments, everything):
     if arguments.survivors:
-        alive = {tuple(row[2:]) for row in read_table(RESULTS) if row[0] == "alive"}
-        return [m for found in everything.values() for m in found if name_of(m) in alive]
+        known = {tuple(row[2:]) for row in read_table(RESULTS)}
+        return [m for found in everything.values() for m in found if name_of(m) in known]
     if len(arguments.what) == 1 and arguments.what[0].isdigit():
         return choose(everything, int(arguments.what[0]), arguments.seed)
     unknown = [what for what in arguments.what if what not in everything]
     if unknown:
         sys.exit(f"mutate: no code to change in {unknown[0]}")
     return [m for file in arguments.what or everything for m in everything[file]]
+
+
+def forget(arguments, listed):
+    """Drops the results that are to be found anew."""
+    kept = []
+    if arguments.survivors or arguments.go_on:
+        kept = read_table(RESULTS)
+    if arguments.survivors:
+        kept = [row for row in kept if row[0] != "alive" or tuple(row[2:]) in listed]
+    RESULTS.write_text("".join("\t".join(row) + "\n" for row in kept))
 
 
 def main():
@@ -290,8 +301,7 @@ def main():
         check.prove()
         print(f"mutate: {len(chosen)} mutants; the tests pass without one and notice a broken "
               "library", flush=True)
-        if not arguments.go_on:
-            RESULTS.unlink(missing_ok=True)
+        forget(arguments, listed)
         check.run()
     except Failed as failure:
         sys.exit(f"mutate: {failure}")
