@@ -182,7 +182,7 @@ bool HashMap::Attach(key_t iKey, uint64_t iSize, uint64_t iBucketCount, bool bRe
     return Init();
   }
   m_iBucketCount = AcquireWord<uint32_t>(&m_pHead->iBucketCount);
-  if (m_iBucketCount == 0 || m_iBucketCount * sizeof(Bucket_t) + sizeof(Head_t) > RESERVED_SIZE) {
+  if (m_iBucketCount * sizeof(Bucket_t) + sizeof(Head_t) > RESERVED_SIZE) {
     Detach();
     return false;
   }
@@ -238,11 +238,12 @@ inline HashMap::Bucket_t* HashMap::Bucket(uint64_t iBucket) const {
   return reinterpret_cast<Bucket_t*>(m_pHead + 1) + iBucket;
 }
 
-// What the head says, or what it said at first when the reserved area does not hold so many.
+// What the head says, or what it said at first when the reserved area does not hold so many. A table
+// of 0 buckets has one, in the spare bytes.
 inline uint64_t HashMap::BucketCount() const {
   const uint64_t iCount = AcquireWord<uint32_t>(&m_pHead->iBucketCount);
   const uint64_t iMost = (m_sAllocator.m_iReservedSize - sizeof(Head_t)) / sizeof(Bucket_t);
-  return iCount - 1 < iMost ? iCount : std::min(m_iBucketCount, iMost);
+  return iCount - 1 < iMost ? iCount : std::max<uint64_t>(std::min(m_iBucketCount, iMost), 1);
 }
 
 // How far behind the heap's header an entry without key and value may begin.
@@ -421,7 +422,7 @@ const HashMapStat_t& HashMap::GetStat() {
     const uint64_t iCount = m_sStat.iObjectCount;
     m_sStat.iAvgKeySize = static_cast<uint32_t>(m_pHead->iTotalKeySize / iCount);
     m_sStat.iAvgValueSize = static_cast<uint32_t>(m_pHead->iTotalValueSize / iCount);
-    m_sStat.iAvgBucketSize = static_cast<uint32_t>(iCount / std::max<uint64_t>(BucketCount(), 1));
+    m_sStat.iAvgBucketSize = static_cast<uint32_t>(iCount / BucketCount());
   }
   m_sStat.iFreeShmSize = stHeap.iFreeSize;
   m_sStat.iTotalFreeShmSize = stHeap.iTotalFreeSize;

@@ -79,7 +79,7 @@ class HashMap : public Object {
   // Whoever finds the table not ready makes it anew: let the writer attach first, alone, and not
   // bReadOnly, which would end it.
   // Returns false when the segment can not be had, or has another reserved size or a bucket count
-  // that is 0 or does not fit it, and is detached.
+  // that does not fit it, and is detached.
   bool Attach(key_t iKey, uint64_t iSize, uint64_t iBucketCount, bool bReadOnly);
   // The same with the key ftok(pPath, iProjId); false when there is none.
   bool Attach(const char* pPath, int iProjId, uint64_t iSize, uint64_t iBucketCount,

@@ -105,11 +105,23 @@ TEST_F(HashMapHostileTest, BucketCountThatCanNotBeIsRefusedAndDetached) {
   EXPECT_TRUE(AttachOther());
   m_stOther.Detach();
   const size_t iAttachments = m_pRaw->Attachments();
-  for (const uint32_t iBuckets : {uint32_t{0}, uint32_t{MOST_BUCKETS + 1}, UINT32_MAX}) {
+  for (const uint32_t iBuckets : {uint32_t{MOST_BUCKETS + 1}, UINT32_MAX}) {
     m_pRaw->SetHalf(HEAD, iBuckets);
     EXPECT_FALSE(AttachOther()) << iBuckets;
     EXPECT_EQ(iAttachments, m_pRaw->Attachments());
   }
+}
+
+TEST_F(HashMapHostileTest, TableOfNoBucketsIsAttachedAndHasOne) {
+  Make(0);
+  ASSERT_TRUE(AttachOther());
+  EXPECT_TRUE(m_stMap.Set("one", uint64_t{1}));
+  EXPECT_TRUE(m_stMap.Set("two", uint64_t{2}));
+  EXPECT_EQ(1u, m_stMap.GetInt("one", 0));
+  EXPECT_EQ(2u, m_stMap.GetStat().iAvgBucketSize);
+  EXPECT_EQ(2u, Visit());
+  EXPECT_NE(std::string::npos, Dump().find("bucket:0 key:\"two\""));
+  EXPECT_NE(std::string::npos, Dump().find("m_pHead->iBucketCount=\"0\""));
 }
 
 TEST_F(HashMapHostileTest, BucketCountThatBecomesImpossibleIsNotFollowed) {
