@@ -121,7 +121,7 @@ TEST_F(ConfigAllocationTest, DocumentIsLoadedInWholeOrNotAtAll) {
     }
     EXPECT_EQ(strItems, ItemsOf(stConfig));
   });
-  EXPECT_GT(iFailed, 20);
+  EXPECT_GT(iFailed, MALLOC_FAILS ? 20 : 4);
 }
 
 TEST_F(ConfigAllocationTest, DocumentWithEntitiesAndAnEncodingIsLoadedInWholeOrNotAtAll) {
@@ -173,7 +173,7 @@ TEST_F(ConfigAllocationTest, FileIsLoadedWithAllThatItIncludesOrFails) {
     }
     EXPECT_EQ(ItemsOf(stWhole), ItemsOf(stConfig));
   });
-  EXPECT_GT(iFailed, 100);
+  EXPECT_GT(iFailed, MALLOC_FAILS ? 100 : 4);
 }
 
 TEST_F(ConfigAllocationTest, RefreshThatThrowsMayBeRepeated) {
@@ -296,7 +296,7 @@ TEST_F(ConfigGeneratorAllocationTest, TextIsWholeOrEmpty) {
     EXPECT_TRUE(strText == strWhole || (stMemory.Failed() && strText.empty())) << strText;
     EXPECT_EQ(strWhole, stGenerator.GenerateContent());
   });
-  EXPECT_GT(iFailed, 50);
+  EXPECT_GT(iFailed, MALLOC_FAILS ? 50 : 4);
 }
 
 TEST_F(ConfigGeneratorAllocationTest, ConvertedTextIsWholeOrEmpty) {

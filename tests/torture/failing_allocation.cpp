@@ -326,6 +326,12 @@ void UseMultibyteLocale() {
   ASSERT_EQ(WEOF, btowc(0x80));
 }
 
+#ifdef FAIL_OPERATOR_NEW
+const bool MALLOC_FAILS = false;
+#else
+const bool MALLOC_FAILS = true;
+#endif
+
 bool FailsAsAWhole() { return Fails(nullptr); }
 
 NoFailing::NoFailing() : m_iCountdown(t_stState.iCountdown) {

@@ -15,6 +15,9 @@
 // Two functions of glibc do not survive a lack of memory as they should: what regcomp() leaks is
 // not counted, and glob(), which crashes, fails as a whole.
 
+// Whether malloc() and its family fail, too.
+extern const bool MALLOC_FAILS;
+
 // One round of ForEachFailingAllocation().
 class FailingAllocation {
  public:

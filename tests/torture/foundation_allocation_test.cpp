@@ -158,7 +158,7 @@ TEST(SimpleFilterAllocationTest, MatchingPassesWhatItCanNotDecide) {
           EXPECT_TRUE(bPassed == bPasses || (stMemory.Failed() && bPassed));
           EXPECT_EQ(bPasses, stFilter.DoFilter(pName));
         });
-    EXPECT_GT(iFailed, 1);
+    EXPECT_GT(iFailed, MALLOC_FAILS ? 1 : -1);
   }
 }
 

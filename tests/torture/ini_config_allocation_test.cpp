@@ -76,7 +76,7 @@ TEST(IniConfigFirstAllocationTest, LineOfSeveralBytesACharacterIsNeverTakenForAn
         }
         EXPECT_EQ(mapWhole, stConfig.AllItems());
       });
-  EXPECT_GT(iFailed, 4);
+  EXPECT_GT(iFailed, MALLOC_FAILS ? 4 : 1);
 }
 
 class IniConfigAllocationTest : public ::testing::Test {
