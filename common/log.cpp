@@ -223,7 +223,6 @@ void Log::CheckFileHandle1() {
   struct statx stNamed {};
   if (m_iFD != -1 && !m_strCurrentFile.empty() && !LookAtFile(m_strCurrentFile, stNamed)) {
     CloseFile();
-    m_strCurrentFile.clear();
   }
   if (m_iFD != -1) {
     if (OpenFileSize(stNamed) <= m_iMaxSize) {
