@@ -41,7 +41,7 @@ bool AppendGroups(const char* pText, const regmatch_t (&aSlots)[SLOT_COUNT],
                   std::vector<std::string>& vecGroups) {
   for (int i = 1; i < SLOT_COUNT; ++i) {
     const regmatch_t& stSlot = aSlots[i];
-    if (stSlot.rm_so == -1 || stSlot.rm_eo == -1) {
+    if (stSlot.rm_so == -1) {
       return true;
     }
     vecGroups.emplace_back(pText + stSlot.rm_so, pText + stSlot.rm_eo);
