@@ -76,6 +76,13 @@ typedef ShmAllocatorTest ShmAllocatorDeathTest;
 
 // Attach and Detach.
 
+TEST(ShmAllocatorNewTest, HasNoSegmentAndNoSize) {
+  const Heap stHeap;
+  EXPECT_EQ(nullptr, stHeap.m_pAddress);
+  EXPECT_EQ(0u, stHeap.m_iSize);
+  EXPECT_EQ(0u, stHeap.m_iReservedSize);
+}
+
 TEST_F(ShmAllocatorTest, StartsDetached) {
   EXPECT_EQ(nullptr, m_stHeap.m_pAddress);
   EXPECT_EQ(-1, m_stHeap.m_iShmID);
