@@ -259,7 +259,7 @@ def _statement_changes(source):
         if source.is_at(i, "return") and not source.is_at(i + 1, ";", "{"):
             end = source._semicolon(i)
             plain = end == i + 2 and (source.tokens[i + 1].kind == "number" or
-                                      source.is_at(i + 1, "true", "false", "nullptr"))
+                                      source.is_at(i + 1, "true", "false", "nullptr", '""'))
             if end is not None and not plain:
                 yield "returned", i + 1, end - 1, "{}"
         end = source.statement_end(i)
