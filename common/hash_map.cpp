@@ -238,8 +238,8 @@ inline HashMap::Bucket_t* HashMap::Bucket(uint64_t iBucket) const {
   return reinterpret_cast<Bucket_t*>(m_pHead + 1) + iBucket;
 }
 
-// What the head says, or what it said at first when the reserved area does not hold so many. A table
-// of 0 buckets has one, in the spare bytes.
+// What the head says, or what it said at first when the reserved area does not hold so many. A
+// table of 0 buckets has one, in the spare bytes.
 inline uint64_t HashMap::BucketCount() const {
   const uint64_t iCount = AcquireWord<uint32_t>(&m_pHead->iBucketCount);
   const uint64_t iMost = (m_sAllocator.m_iReservedSize - sizeof(Head_t)) / sizeof(Bucket_t);
