@@ -37,7 +37,7 @@ fi
 cd "$PLACE"
 export TMPDIR=$PLACE HOME=$PLACE
 ulimit -c 0
-[ -n "$PRELOAD" ] || ulimit -v 16000000
+ulimit -d 4000000
 set +e
 LD_PRELOAD=$PRELOAD "$@"
 exit $?
