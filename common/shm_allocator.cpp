@@ -83,7 +83,8 @@ bool ShmAllocator::Attach(key_t iKey, uint64_t iSize, uint64_t iReservedSize, bo
   m_iSize = AcquireWord<uint64_t>(&m_pHead->iMemorySize);
   m_iReservedSize = AcquireWord<uint64_t>(&m_pHead->iReservedSize);
   return m_iSize <= SegmentSize(m_iShmID) && m_iSize >= sizeof(Head_t) &&
-         m_iReservedSize <= m_iSize - sizeof(Head_t);
+         m_iReservedSize <= m_iSize - sizeof(Head_t) &&
+         AcquireWord<uint64_t>(&m_pHead->iBeginOffset) == BEGIN_OFFSET;
 }
 
 bool ShmAllocator::Attach(const char* pPath, int iProjId, uint64_t iSize, uint64_t iReservedSize,

@@ -99,6 +99,13 @@ TEST_F(ShmAllocatorHostileTest, ReservedAreaBeyondTheSegmentIsRefused) {
   }
 }
 
+TEST_F(ShmAllocatorHostileTest, AnotherBeginOfTheReservedAreaIsRefused) {
+  for (const uint64_t iBegin : {HEAD - 8, HEAD + 8, UINT64_MAX}) {
+    m_pRaw->SetWord(40, iBegin);
+    EXPECT_FALSE(AttachOther()) << iBegin;
+  }
+}
+
 TEST(ShmAllocatorHostileSegmentTest, SegmentOfOnePageThatSaysItIsReadyIsRefused) {
   const PrivateKey stKey;
   HeapImage stRaw(stKey.Key(), 4096);

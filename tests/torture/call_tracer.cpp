@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -154,7 +155,9 @@ class Tracer {
   static void Strike(pid_t iPid, process_t& stProcess) {
     g_pTrace->bReached = true;
     if (g_pTrace->bShorter) {
-      SetRegister(iPid, offsetof(user, regs.rdx), static_cast<uint64_t>(g_pTrace->iResult));
+      // Never more: another attempt may ask for less, since the peer's bytes came in other pieces.
+      const auto iCount = static_cast<uint64_t>(g_pTrace->iResult);
+      SetRegister(iPid, offsetof(user, regs.rdx), std::min(iCount, stProcess.iThird));
       stProcess.bRestore = true;
       return;
     }
