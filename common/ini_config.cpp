@@ -409,7 +409,12 @@ const std::string* IniConfig::IncludeRun_t::Reach(const Contents_t& mapContents)
     return nullptr;
   }
   const Items_t& mapItems = itGlobal->second;
-  const auto itNext = iReached == 0 ? mapItems.lower_bound(DIRECTIVE) : std::next(itLast);
+  Items_t::const_iterator itNext = itLast;
+  if (iReached == 0) {
+    itNext = mapItems.lower_bound(DIRECTIVE);
+  } else {
+    ++itNext;
+  }
   if (itNext == mapItems.end() || itNext->first != DIRECTIVE) {
     return nullptr;
   }

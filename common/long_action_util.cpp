@@ -496,11 +496,7 @@ std::vector<int> LongActionUtil::EnumAllChildren() const {
 
 long_action_response_t* LongActionUtil::ResponseOf(int iFD) const {
   const auto itPid = m_mapFD2PID.find(iFD);
-  if (itPid == m_mapFD2PID.end()) {
-    return nullptr;
-  }
-  const auto itChild = m_mapChildren.find(itPid->second);
-  return itChild == m_mapChildren.end() ? nullptr : itChild->second;
+  return itPid == m_mapFD2PID.end() ? nullptr : m_mapChildren.at(itPid->second);
 }
 
 void LongActionUtil::SetStdoutEvent(int iFD, void* pEvent) {

@@ -164,7 +164,10 @@ int MysqlObj::AppendRows(std::vector<std::vector<std::string>>& vecRows) {
 // own error ends the loop and is, deliberately, not reported.
 int MysqlObj::DropResults() {
   while (mysql_next_result(m_pMysql) == 0) {
-    if (mysql_field_count(m_pMysql) > 0 && ResultPtr_t(mysql_store_result(m_pMysql)) == nullptr) {
+    if (mysql_field_count(m_pMysql) == 0) {
+      continue;
+    }
+    if (ResultPtr_t(mysql_store_result(m_pMysql)) == nullptr) {
       return Failed();
     }
   }

@@ -162,9 +162,6 @@ int vExecuteCommand(int& iError, std::vector<std::string>& vecLines, const char*
   char szLine[LINE_SIZE];
   while (fgets(szLine, sizeof(szLine), pStream.get()) != nullptr) {
     vecLines.emplace_back(szLine);
-    if (ferror(pStream.get()) != 0 || feof(pStream.get()) != 0) {
-      break;
-    }
   }
   const int iResult = (pclose(pStream.release()) >> 8) & 255;
   if (iResult != 0) {

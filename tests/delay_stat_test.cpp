@@ -440,6 +440,14 @@ TEST_F(DelayStatTest, EndOfAnUnknownSessionChangesNothing) {
   EXPECT_EQ(1u, m_mapSessionData.size());
 }
 
+TEST_F(DelayStatTest, SessionWhoseBeginADerivedClassRemovedIsOnlyDropped) {
+  Open("s", At(10));
+  m_mapSessionData["s"].erase(0);
+  Close("s", At(12), "tag");
+  EXPECT_TRUE(HasNoSamples());
+  EXPECT_TRUE(m_mapSessionData.empty());
+}
+
 TEST_F(DelayStatTest, EndedSessionHasLostItsSteps) {
   Open("s", At(10));
   Step("s", nullptr, 0, 1, At(11));
