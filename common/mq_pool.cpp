@@ -6,12 +6,13 @@ MQPool& MQPool::Instance() {
 }
 
 bool MQPool::AddMQ(int iIndex, MessageQueue* pMQIn, MessageQueue* pMQOut) {
+  if (m_mapMQs.count(iIndex) != 0) {
+    return false;
+  }
   // What needs memory comes first: without it nothing changes.
   std::map<int, MessageQueue*> mapNew{{pMQIn->FifoFD(), pMQIn}};
   mapNew[pMQOut->FifoFD()] = pMQOut;
-  if (!m_mapMQs.emplace(iIndex, MQPair{pMQIn, pMQOut}).second) {
-    return false;
-  }
+  m_mapMQs.emplace(iIndex, MQPair{pMQIn, pMQOut});
   for (const auto& stEntry : mapNew) {
     m_mapFdIndx.erase(stEntry.first);
   }

@@ -65,6 +65,11 @@ TEST_F(MQPoolTest, SecondAddOfAnIndexChangesNothing) {
   EXPECT_EQ(nullptr, m_stPool.GetMQByFD(m_pOut2->FifoFD()));
 }
 
+TEST_F(MQPoolTest, RefusedAddDoesNotLookAtItsQueues) {
+  ASSERT_TRUE(m_stPool.AddMQ(3, m_pIn.get(), m_pOut.get()));
+  EXPECT_FALSE(m_stPool.AddMQ(3, nullptr, nullptr));
+}
+
 TEST_F(MQPoolTest, LaterAddTakesOverADescriptor) {
   ASSERT_TRUE(m_stPool.AddMQ(1, m_pIn.get(), m_pOut.get()));
   const int iFD = m_pOut->FifoFD();
