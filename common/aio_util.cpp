@@ -27,6 +27,11 @@ aio_param_t ToParam(const io_event& stEvent) {
           stBlock.aio_lio_opcode};
 }
 
+// The counter is read already: without this, nobody would ask for these requests again.
+void LeaveToNextCall(int iEventFD, uint64_t iCount) {
+  static_cast<void>(!write(iEventFD, &iCount, sizeof(iCount)));
+}
+
 }  // namespace
 
 AIOUtil& AIOUtil::Instance() {
@@ -98,7 +103,7 @@ int AIOUtil::SomethingDone(std::vector<aio_param_t>& vecDone) {
   try {
     vecDone.reserve(iLeft);
   } catch (...) {
-    static_cast<void>(!write(m_iEventFD, &iLeft, sizeof(iLeft)));  // they are collected by the next
+    LeaveToNextCall(m_iEventFD, iLeft);
     throw;
   }
   io_event aEvents[MAX_EVENTS];
@@ -107,7 +112,7 @@ int AIOUtil::SomethingDone(std::vector<aio_param_t>& vecDone) {
     timespec stNoWait{};
     const int iCount = io_getevents(m_pContext, 0, iMax, aEvents, &stNoWait);
     if (iCount == -EINTR) {
-      continue;  // the counter is read already: what is left now, nobody would ask for again
+      LeaveToNextCall(m_iEventFD, iLeft);
     }
     if (iCount <= 0) {
       break;

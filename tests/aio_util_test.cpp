@@ -295,6 +295,16 @@ TEST_F(ManyDoneTest, ErrorWhileCollectingEndsIt) {
   CollectRest();
 }
 
+TEST_F(ManyDoneTest, InterruptionWhileCollectingLeavesTheRestToTheNextCall) {
+  SubmitMany();
+  g_stKernel.iEventsResult = -EINTR;
+  Done vecDone;
+  EXPECT_EQ(1024, m_pAIO->SomethingDone(vecDone));
+  EXPECT_EQ(2u, g_stKernel.vecMaxima.size());
+  g_stKernel.iEventsResult = 1;
+  EXPECT_EQ(static_cast<int>(MANY) - 1024, m_pAIO->SomethingDone(vecDone));
+}
+
 TEST_F(ManyDoneTest, NoMoreEventsThanCountedEndIt) {
   SubmitMany();
   g_stKernel.iEventsResult = 0;
