@@ -41,27 +41,11 @@ bool IsFixedNamePath(const std::string& strPath) {
   return strPath == "/var/log/zelk" || strPath == "/data/log/zelk";
 }
 
-// Has a text changed until the end of the scope, and for good once Keep() was called.
-class Change {
- public:
-  Change(std::string& strText, const std::string& strNew) : m_strText(strText), m_strOther(strNew) {
-    m_strText.swap(m_strOther);
-  }
-  ~Change() {
-    if (!m_bKeep) {
-      m_strText.swap(m_strOther);
-    }
-  }
-  Change(const Change&) = delete;
-  Change& operator=(const Change&) = delete;
-
-  void Keep() { m_bKeep = true; }
-
- private:
-  std::string& m_strText;
-  std::string m_strOther;
-  bool m_bKeep = false;
-};
+// The file in the fixed-name regime, "" in the other one.
+std::string FixedFile(const std::string& strPath, const std::string& strPrefix,
+                      const std::string& strSuffix) {
+  return IsFixedNamePath(strPath) ? strPath + "/" + strPrefix + strSuffix : "";
+}
 
 // Inode and size only: asking for times makes the next write to the file dearer.
 bool Look(int iDirectoryFD, const char* pName, int iFlags, struct statx& stFile) {
@@ -151,31 +135,26 @@ Log::Log() {
 
 Log::~Log() { CloseFile(); }
 
+// In the setters all that may throw comes first: then nothing has changed.
 void Log::SetPath(const std::string& strPath) {
-  Change stChange(m_strPath, strPath);
-  UpdateFixedFile();
-  stChange.Keep();
+  std::string strNew = strPath;
+  m_strFixedFile = FixedFile(strNew, m_strPrefix, m_strSuffix);
+  m_strPath.swap(strNew);
 }
 
 void Log::SetPrefix(const std::string& strPrefix) {
-  Change stChange(m_strPrefix, strPrefix);
-  UpdateFixedFile();
-  stChange.Keep();
+  std::string strNew = strPrefix;
+  m_strFixedFile = FixedFile(m_strPath, strNew, m_strSuffix);
+  m_strPrefix.swap(strNew);
 }
 
 void Log::SetSuffix(const std::string& strSuffix) {
-  Change stChange(m_strSuffix, strSuffix);
-  UpdateFixedFile();
-  stChange.Keep();
+  std::string strNew = strSuffix;
+  m_strFixedFile = FixedFile(m_strPath, m_strPrefix, strNew);
+  m_strSuffix.swap(strNew);
 }
 
-void Log::UpdateFixedFile() {
-  std::string strFile;
-  if (IsFixedNamePath(m_strPath)) {
-    strFile = m_strPath + "/" + m_strPrefix + m_strSuffix;
-  }
-  m_strFixedFile.swap(strFile);
-}
+void Log::UpdateFixedFile() { m_strFixedFile = FixedFile(m_strPath, m_strPrefix, m_strSuffix); }
 
 void Log::SetLineBufferSize(unsigned int iSize) {
   const unsigned int iLineBufferSize = std::max(iSize, 1U);
