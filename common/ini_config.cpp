@@ -243,14 +243,14 @@ LinePatterns g_stLinePatterns;
 template <typename Text>
 IniConfig::Items_t& AddItem(IniConfig::Contents_t& mapContents, const std::string& strSection,
                             const Text& strKey, const Text& strValue) {
-  const auto itSection = mapContents.find(strSection);
-  if (itSection != mapContents.end()) {
+  const auto itSection = mapContents.lower_bound(strSection);
+  if (itSection != mapContents.end() && itSection->first == strSection) {
     itSection->second.emplace(strKey, strValue);
     return itSection->second;
   }
   IniConfig::Items_t mapItems;
   mapItems.emplace(strKey, strValue);
-  return mapContents.emplace(strSection, std::move(mapItems)).first->second;
+  return mapContents.emplace_hint(itSection, strSection, std::move(mapItems))->second;
 }
 
 // Puts the lines of one text into their sections.
