@@ -494,9 +494,15 @@ std::vector<int> LongActionUtil::EnumAllChildren() const {
   return vecPids;
 }
 
+// A child may have the pid of an earlier one that was reaped but not finished: when that one is,
+// the descriptors of the later one stay without a response.
 long_action_response_t* LongActionUtil::ResponseOf(int iFD) const {
   const auto itPid = m_mapFD2PID.find(iFD);
-  return itPid == m_mapFD2PID.end() ? nullptr : m_mapChildren.at(itPid->second);
+  if (itPid == m_mapFD2PID.end()) {
+    return nullptr;
+  }
+  const auto itChild = m_mapChildren.find(itPid->second);
+  return itChild == m_mapChildren.end() ? nullptr : itChild->second;
 }
 
 void LongActionUtil::SetStdoutEvent(int iFD, void* pEvent) {

@@ -22,6 +22,7 @@ struct Faults_t {
   int iFailingCall = 0;  // 1 the first of pipe, epoll_ctl and fork that comes; 0 none
   bool bTrace = false;
   std::string strTrace;
+  pid_t iForked = 0;  // what fork() tells without a child, unless 0
 };
 
 Faults_t g_stFaults;
@@ -65,6 +66,9 @@ int epoll_ctl(int iEpollFD, int iOperation, int iFD, epoll_event* pEvent) noexce
 
 pid_t fork() noexcept {
   Note("fork");
+  if (g_stFaults.iForked != 0) {
+    return g_stFaults.iForked;
+  }
   return Fails() ? -1 : Real<pid_t (*)()>("fork")();
 }
 
@@ -121,7 +125,7 @@ class LongActionFaultTest : public LongActionFixture {
 
   template <class Function>
   static std::pair<int, int> Observe(int iFailingCall, Function fnCall) {
-    g_stFaults = {iFailingCall, true, ""};
+    g_stFaults = {iFailingCall, true, "", 0};
     errno = 0;
     const int iResult = fnCall();
     const int iErrno = errno;
@@ -143,6 +147,24 @@ class PerformFaultTest : public LongActionFaultTest, public ::testing::WithParam
 TEST_P(PerformFaultTest, LeavesNothingAndKeepsErrno) {
   EXPECT_EQ(std::pair(-1, EXFULL), Perform(GetParam()));
   ExpectNothingLeft();
+}
+
+// In a child of its own, for nobody gets the second response.
+TEST_F(LongActionFaultTest, SecondChildOfOnePidIsUnknownOnceTheFirstIsFinished) {
+  ForkedPeer stPeer([this] {
+    g_stFaults.iForked = 4711;
+    int iFirstFD = -1;
+    EXPECT_EQ(0, m_stUtil.Perform2(&m_stWork, 1, 0, iFirstFD, m_iStderrFD));
+    EXPECT_EQ(0, m_stUtil.Perform2(&m_stWork, 2, 0, m_iStdoutFD, m_iStderrFD));
+    const Response_t pFirst = Exit(4711, 0);
+    EXPECT_EQ(1, pFirst->iMachineID);
+    EXPECT_EQ(nullptr, Exit(4711, 0));
+    EXPECT_EQ(-100, m_stUtil.EventCallback(iFirstFD));
+    EXPECT_EQ(-100, m_stUtil.EventCallback(m_iStdoutFD));
+    EXPECT_EQ(nullptr, m_stUtil.GetStderrEvent(m_iStdoutFD));
+    return ::testing::Test::HasFailure() ? 1 : 0;
+  });
+  EXPECT_EQ(0, stPeer.Wait());
 }
 
 // pipe, pipe, epoll_ctl, epoll_ctl, fork
