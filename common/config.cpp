@@ -10,12 +10,10 @@
 
 #include "config.h"
 
-#include <glob.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
@@ -25,6 +23,7 @@
 #include <string_view>
 #include <utility>
 
+#include "internal/matching_files.h"
 #include "internal/reference_scanner.h"
 #include "internal/xml_memory_watch.h"
 #include "simple_filter.h"
@@ -61,28 +60,6 @@ struct FreeMemory {
   void operator()(char* pMemory) const { free(pMemory); }
 };
 using Buffer = std::unique_ptr<char, FreeMemory>;
-
-// The files that a pattern matches, sorted.
-class Matches {
- public:
-  explicit Matches(const std::string& strPattern)
-      : m_iResult(glob(strPattern.c_str(), GLOB_TILDE, IsNoMemory, &m_stGlob)) {}
-  ~Matches() { globfree(&m_stGlob); }
-  Matches(const Matches&) = delete;
-  Matches& operator=(const Matches&) = delete;
-
-  // False when it could not be found out for lack of memory.
-  bool IsValid() const { return m_iResult != GLOB_NOSPACE && m_iResult != GLOB_ABORTED; }
-  char** begin() const { return m_stGlob.gl_pathv; }
-  char** end() const { return m_stGlob.gl_pathv + m_stGlob.gl_pathc; }
-
- private:
-  // Ends the search at a directory that can not be opened for that; others are passed over.
-  static int IsNoMemory(const char* /*pPath*/, int iError) { return iError == ENOMEM ? 1 : 0; }
-
-  glob_t m_stGlob{};
-  int m_iResult;
-};
 
 // The next slot of the ring: never destroyed, so that results live as long as the process.
 std::string& NextSlot() {
@@ -401,11 +378,11 @@ int Config::Follow(const std::string& strPath, Includes& stIncludes) {
   if (!stIncludes.setFollowed.insert(strPath).second) {
     return 0;
   }
-  const Matches stMatches(strPath);
-  if (!stMatches.IsValid()) {
+  const MatchingFiles stFiles(strPath.c_str());
+  if (!stFiles.IsValid()) {
     return -1;
   }
-  for (const char* pMatch : stMatches) {
+  for (const char* pMatch : stFiles) {
     if (LoadFile(pMatch, stIncludes) != 0) {
       return -1;
     }

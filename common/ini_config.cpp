@@ -1,7 +1,6 @@
 #include "ini_config.h"
 
 #include <fcntl.h>
-#include <glob.h>
 #include <regex.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include <string_view>
 
 #include "internal/checked_regex.h"
+#include "internal/matching_files.h"
 #include "internal/reference_scanner.h"
 #include "internal/scaled_number.h"
 #include "simple_filter.h"
@@ -345,28 +345,6 @@ void TakeText(std::string_view strText, LineSorter& stSorter) {
   }
 }
 
-// The paths that a pattern stands for, sorted; none after a failure.
-class PathList {
- public:
-  explicit PathList(const char* pPattern)
-      : m_iResult(glob(pPattern, GLOB_TILDE, IsNoMemory, &m_stGlob)) {}
-  ~PathList() { globfree(&m_stGlob); }
-  PathList(const PathList&) = delete;
-  PathList& operator=(const PathList&) = delete;
-
-  // False when they could not be found out for lack of memory.
-  bool IsValid() const { return m_iResult != GLOB_NOSPACE && m_iResult != GLOB_ABORTED; }
-  char** begin() const { return m_stGlob.gl_pathv; }
-  char** end() const { return begin() + (m_iResult == 0 ? m_stGlob.gl_pathc : 0); }
-
- private:
-  // Ends the search at a directory that can not be opened for that; others are passed over.
-  static int IsNoMemory(const char* /*pPath*/, int iError) { return iError == ENOMEM ? 1 : 0; }
-
-  glob_t m_stGlob{};
-  int m_iResult;
-};
-
 size_t Hash(std::string_view strSection, std::string_view strKey) {
   const std::hash<std::string_view> fnHash;
   return fnHash(strSection) * 31 + fnHash(strKey);
@@ -494,11 +472,11 @@ int IniConfig::FollowIncludes(IncludeRun_t& stRun) {
     if (!bNew) {
       continue;
     }
-    const PathList stPaths(itText->c_str());
-    if (!stPaths.IsValid()) {
+    const MatchingFiles stFiles(itText->c_str());
+    if (!stFiles.IsValid()) {
       return -1;
     }
-    for (const char* pPath : stPaths) {
+    for (const char* pPath : stFiles) {
       if (LoadFile(pPath, stRun, false) != 0) {
         return -1;
       }
