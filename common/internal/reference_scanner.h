@@ -23,8 +23,8 @@ struct Reference {
 // memchr() for a text that has none.
 //
 // The expression itself is compiled at the first search, with the locale of that moment, and asked
-// where bytes from 0x80 on may be characters of several bytes; without memory for that,
-// std::bad_alloc is thrown. It is never freed: a scanner is meant to be static. Not locked.
+// where bytes from 0x80 on may be characters of several bytes; a question that there is no memory
+// for throws std::bad_alloc. It is never freed: a scanner is meant to be static. Not locked.
 class __attribute__((visibility("hidden"))) ReferenceScanner {
  public:
   // The leftmost reference of the text; as for regexec(), the text ends at its first NUL. False
