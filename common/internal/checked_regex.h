@@ -10,8 +10,8 @@
 // that finds something else, call every error of a search REG_NOMATCH, and spoil an expression that
 // is used on. Only errno tells. It is kept here.
 
-// regcomp(), but REG_ESPACE whenever memory was lacking; pRegex is to be freed only after a 0. Where
-// only errno says so it is done once more, for malloc() may set it on its way to success.
+// regcomp(), but REG_ESPACE whenever memory was lacking; pRegex is to be freed only after a 0.
+// Where only errno says so it is done once more, for malloc() may set it on its way to success.
 inline int CompileRegex(regex_t* pRegex, const char* pPattern, int iFlags) {
   const int iError = errno;
   int iResult = REG_ESPACE;
