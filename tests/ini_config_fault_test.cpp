@@ -41,7 +41,7 @@ Function_t* Next(const char* pName) {
 // These stand before the C library's.
 extern "C" int regcomp(regex_t* pRegex, const char* pPattern, int iFlags) {
   if (++g_iCompileCalls == g_iFailingCall) {
-    return REG_ESPACE;
+    return REG_BADPAT;  // unlike REG_ESPACE not tried once more
   }
   ++g_iCompiled;
   return Next<decltype(regcomp)>("regcomp")(pRegex, pPattern, iFlags);
