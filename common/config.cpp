@@ -116,7 +116,10 @@ std::string AttributeContent(const xmlAttr* pAttribute) {
   while (pChild != nullptr && pChild->type != XML_TEXT_NODE) {
     pChild = pChild->next;
   }
-  return pChild != nullptr ? TrimmedText(pChild) : "";
+  if (pChild == nullptr) {
+    return "";
+  }
+  return TrimmedText(pChild);
 }
 
 std::string ElementContent(const xmlNode* pElement) {
@@ -442,7 +445,10 @@ const char* Config::StringValue(const char* pKey) const {
 
 int64_t Config::IntValue(const char* pKey) const {
   const char* pValue = StringValue(pKey);
-  return *pValue != '\0' ? StringToInt(pValue) : -1;
+  if (*pValue == '\0') {
+    return -1;
+  }
+  return StringToInt(pValue);
 }
 
 std::vector<std::string> Config::StringValues(const char* pKey) const {

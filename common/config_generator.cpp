@@ -8,10 +8,6 @@
 
 namespace {
 
-struct FreeNode {
-  void operator()(xmlNodePtr pNode) const { xmlFreeNode(pNode); }
-};
-
 struct FreeAttribute {
   void operator()(xmlAttrPtr pAttribute) const { xmlFreeProp(pAttribute); }
 };
@@ -28,9 +24,6 @@ struct FreeText {
 const xmlChar* Text(const std::string& strText) {
   return reinterpret_cast<const xmlChar*>(strText.c_str());
 }
-
-// A document of its own before an element becomes part of it.
-using Node = std::unique_ptr<xmlNode, FreeNode>;
 
 // The document's text; its length counts, since some encodings hold NULs.
 std::string Serialise(xmlDocPtr pDoc, const std::string& strEncoding) {
@@ -103,7 +96,10 @@ std::string ConfigGenerator::GenerateContent() {
     }
   }
   std::string strText = Serialise(m_pDoc, m_strEncoding);
-  return XmlMemoryWatch::WasLacking() ? "" : strText;
+  if (XmlMemoryWatch::WasLacking()) {
+    return "";
+  }
+  return strText;
 }
 
 int ConfigGenerator::SetNodeContent(const std::string& strPath, const std::string& strContent) {
@@ -128,11 +124,11 @@ xmlNodePtr ConfigGenerator::FindOrAdd(xmlNodePtr pParent, const std::string& str
     xmlNodePtr pNode = pFound->nodesetval->nodeTab[0];
     return pNode->type != XML_NAMESPACE_DECL ? pNode : nullptr;  // that one is the result's own
   }
-  Node pNew(!XmlMemoryWatch::WasLacking() ? xmlNewNode(nullptr, Text(strName)) : nullptr);
-  if (pNew == nullptr || xmlAddChild(pParent, pNew.get()) == nullptr) {
+  if (XmlMemoryWatch::WasLacking()) {
     return nullptr;
   }
-  return pNew.release();
+  xmlNodePtr pNew = xmlNewNode(nullptr, Text(strName));
+  return pNew != nullptr ? xmlAddChild(pParent, pNew) : nullptr;  // which takes every element
 }
 
 xmlXPathObjectPtr ConfigGenerator::GetNodeSet(const std::string& strExpression, xmlNodePtr pNode) {

@@ -53,7 +53,11 @@ int SaveFile(const char* pPath, const char* pBuffer, unsigned int iLength) {
 
 int GetPath(const char* pPath, std::string& strDirectory) {
   const char* pSlash = strrchr(pPath, '/');
-  strDirectory = pSlash != nullptr ? std::string(pPath, pSlash) : "/";
+  if (pSlash == nullptr) {
+    strDirectory = "/";
+    return 0;
+  }
+  strDirectory = std::string(pPath, pSlash);
   return 0;
 }
 
