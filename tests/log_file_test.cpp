@@ -21,9 +21,15 @@ namespace {
 // What has a name seems to be a large file on another device, with the number that it has here.
 bool g_bNamesAreElsewhere = false;
 
+bool g_bWritesTakeNothing = false;
+
 }  // namespace
 
-// Before libc's own, for the library too.
+// These stand before libc's own, for the library too.
+extern "C" ssize_t write(int iFD, const void* pData, size_t iSize) {
+  return g_bWritesTakeNothing ? 0 : syscall(SYS_write, iFD, pData, iSize);
+}
+
 extern "C" int statx(int iDirectoryFD, const char* pPath, int iFlags, unsigned int iMask,
                      struct statx* pFile) noexcept {
   const long iResult = syscall(SYS_statx, iDirectoryFD, pPath, iFlags, iMask, pFile);
@@ -376,6 +382,14 @@ TEST_F(LogNumberedTest, ClosedFileWhoseNameWasTakenIsOpenedAnewUnderThatName) {
   m_stLog.Info("y");
   EXPECT_EQ((Lines_t{"x"}), MessagesOf(File("moved")));
   EXPECT_EQ((Lines_t{"y"}), MessagesOf(File("000")));
+}
+
+TEST_F(LogNumberedTest, LineOfWhichNothingIsTakenIsDropped) {
+  g_bWritesTakeNothing = true;
+  m_stLog.Info("lost");
+  g_bWritesTakeNothing = false;
+  m_stLog.Info("x");
+  EXPECT_EQ((Lines_t{"x"}), MessagesOf(File("000")));
 }
 
 TEST_F(LogNumberedTest, NoFileIsDeletedHoweverMuchTheDaysFilesHold) {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <new>
 #include <random>
 #include <set>
 #include <string>
@@ -529,6 +530,19 @@ TEST_F(MachinePoolTest, ManyChecksForMachinesOutsideAPoolThatNeverHadOneAreDropp
     m_stPool.ConfigMachineTimeout(vecMachines.back().get());
   }
   EXPECT_EQ(Log_t{}, Process(T + 5));
+}
+
+TEST_F(MachinePoolTest, ChecksLeftByAnExceptionComeBeforeThoseQueuedMeanwhileForTheirSecond) {
+  TimedMachine* pFirst = AddWithState(1, 3);
+  AddWithState(2, 3);
+  pFirst->m_fnTimeout = [this](bool) -> int {
+    AddWithState(3, 3);
+    throw std::bad_alloc();
+  };
+  EXPECT_THROW(m_stPool.ProcessTimeout(T + 3), std::bad_alloc);
+  pFirst->m_fnTimeout = nullptr;
+  m_vecLog.clear();
+  EXPECT_EQ((Log_t{"1:state", "2:state", "3:state"}), Process(T + 3));
 }
 
 TEST_F(MachinePoolTest, EmptyPoolDoesNothing) {
