@@ -326,6 +326,39 @@ TEST_F(KvKeyStoreTest, AnIntentThatMakesNoSenseIsRefused) {
   }
 }
 
+// Bytes damaged while the store is in use: nothing behind a record is taken for its value.
+TEST_F(KvKeyStoreTest, AValueLargerThanItsRecordIsNone) {
+  const HeapImage stImage(m_stTable.Key());
+  ASSERT_TRUE(m_stStore.Set("a", "a value to be found"));
+  char* const pBytes = const_cast<char*>(m_stStore.Get("a")->strBytes.data());
+  const auto iRecordSize = static_cast<uint32_t>(RecordSize(2, 19));
+  for (const uint32_t iSize : {iRecordSize - 16, iRecordSize - 15, UINT32_MAX}) {
+    memcpy(pBytes - 8, &iSize, sizeof(iSize));
+    const bool bFits = iSize == iRecordSize - 16;
+    EXPECT_EQ(bFits, m_stStore.Get("a").has_value()) << iSize;
+    EXPECT_EQ(bFits ? 1u : 0u, ScanAll(1).size());
+    size_t iVisits = 0;
+    for (uint64_t i = 0; i < m_stStore.Buckets(); ++i) {
+      m_stStore.VisitBucket(i, [&](std::string_view, const Value_t&) { ++iVisits; });
+    }
+    EXPECT_EQ(bFits ? 1u : 0u, iVisits);
+  }
+  EXPECT_TRUE(m_stStore.Set("a", "new"));
+  EXPECT_EQ("new", ValueOf("a"));
+}
+
+TEST_F(KvKeyStoreTest, ARecordShorterThanItsHeadIsNone) {
+  ASSERT_TRUE(m_stStore.Set("a", "1"));
+  char* const pBytes = const_cast<char*>(m_stStore.Get("a")->strBytes.data());
+  for (const uint32_t iRecordSize : {0u, 15u}) {
+    memcpy(pBytes - 16 - 3 - 4, &iRecordSize, sizeof(iRecordSize));  // before "sa" and the head
+    EXPECT_EQ("(none)", ValueOf("a"));
+    EXPECT_TRUE(ScanAll(1).empty());
+    EXPECT_FALSE(m_stStore.Remove("a"));
+    EXPECT_FALSE(m_stStore.SetExpiry("a", NOW + 1));
+  }
+}
+
 TEST_F(KvKeyStoreTest, OthersTablesAreNotOurs) {
   const char* const ANOTHER_RUN = "is not ours: it has another run id";
   const char* const NO_TABLE = "is not ours: it holds no table of this server";

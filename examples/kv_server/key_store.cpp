@@ -45,6 +45,10 @@ const uint64_t SWEEP_MANY = 64;   // so many were over: the next slice comes soo
 const int SWEEP_SOON_MS = 1;
 const int SWEEP_PAUSE_MS = 10;
 
+bool IsClients(const HashItem_t& stItem) {
+  return stItem.pKey != nullptr && stItem.pKey[0] == CLIENT_PREFIX;
+}
+
 // One move, so it is done or not done. What stands above and below it stays there.
 template <typename T>
 void StoreWord(void* pTo, T tValue) {
@@ -106,17 +110,16 @@ bool KeyStore::HasMark(KeyTable& stTable, const TableMark_t& stMark) {
   return stItem.iValueSize == sizeof(stMark) && memcmp(stItem.pValue, &stMark, sizeof(stMark)) == 0;
 }
 
-// False for the server's own entries.
+// False for the server's own entries, and for records that are none: Attach() has refused those,
+// but bytes may be damaged later, and nobody is to read behind the record for it.
 bool KeyStore::Decode(const HashItem_t& stItem, Found_t& stFound) {
-  if (stItem.pKey == nullptr || stItem.pKey[0] != CLIENT_PREFIX) {
+  if (!IsClients(stItem) || stItem.iValueSize < sizeof(stFound.stHead)) {
     return false;
   }
   stFound.pRecord = stItem.pValue;
   stFound.iRecordSize = stItem.iValueSize;
-  if (stItem.iValueSize >= sizeof(stFound.stHead)) {
-    memcpy(&stFound.stHead, stItem.pValue, sizeof(stFound.stHead));
-  }
-  return true;
+  memcpy(&stFound.stHead, stItem.pValue, sizeof(stFound.stHead));
+  return stFound.stHead.iSize <= stItem.iValueSize - sizeof(stFound.stHead);
 }
 
 // Does again what a killed writer had begun. Its block is there: the one that was asked for before,
@@ -148,11 +151,10 @@ std::string KeyStore::CountEntries() {
   m_fExpireSum = 0;
   for (KeyTable::Position it(m_stTable, 0); !it.AtEnd(); ++it) {
     Found_t stFound{};
-    if (!Decode(*it, stFound)) {
+    if (!IsClients(*it)) {
       continue;
     }
-    if (stFound.iRecordSize < sizeof(ValueHead_t) || stFound.stHead.iType != VALUE_STRING ||
-        stFound.stHead.iSize > stFound.iRecordSize - sizeof(ValueHead_t)) {
+    if (!Decode(*it, stFound) || stFound.stHead.iType != VALUE_STRING) {
       return "is damaged: a value in bucket " + std::to_string(it.Bucket());
     }
     CountIn(stFound.stHead);
