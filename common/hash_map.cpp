@@ -4,6 +4,7 @@
 #include <sys/ipc.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstddef>
 #include <cstring>
@@ -134,19 +135,28 @@ class Chains {
 
 // When an iterator, which knows only where it is, has to ask whether its chain ends at all: seldom,
 // and the more so the longer that took last time; at random, since a loop in a loop would otherwise
-// ask for both. One for the process.
+// ask for both. One for the process, whose threads may iterate each in a table of its own: a count
+// that they disturb is lost, the question is not.
 class RareQuestion {
  public:
-  bool IsDue() { return --m_iLinks == 0; }
-  void Answered(uint64_t iLinks) {
-    m_iRandom = m_iRandom * 1664525 + 1013904223;
-    m_iLinks = 1 + m_iRandom / 256 % (2 * std::max(iLinks, LONG_CHAIN));
+  bool IsDue() {
+    const int64_t iLinks = m_iLinks.load(std::memory_order_relaxed) - 1;
+    m_iLinks.store(iLinks, std::memory_order_relaxed);
+    return iLinks <= 0;
+  }
+  void Answered(uint64_t iLength) {
+    const uint32_t iRandom = m_iRandom.load(std::memory_order_relaxed) * 1664525 + 1013904223;
+    m_iRandom.store(iRandom, std::memory_order_relaxed);
+    m_iLinks.store(static_cast<int64_t>(1 + iRandom / 256 % (2 * std::max(iLength, LONG_CHAIN))),
+                   std::memory_order_relaxed);
   }
 
  private:
-  uint64_t m_iLinks = LONG_CHAIN;
-  uint32_t m_iRandom = 1;
+  std::atomic<int64_t> m_iLinks{LONG_CHAIN};
+  std::atomic<uint32_t> m_iRandom{1};
 };
+
+RareQuestion g_stQuestion;
 
 }  // namespace
 
@@ -214,18 +224,15 @@ bool HashMap::Init() {
 }
 
 void HashMap::PrepareLookup() {
-  const auto iCount = static_cast<uint32_t>(m_iBucketCount);
-  if (iCount != 0) {
-    m_iReciprocal = UINT64_MAX / iCount;
-    m_iReciprocalOf = iCount;
-  }
+  m_iReciprocalOf = std::max<uint32_t>(static_cast<uint32_t>(m_iBucketCount), 1);
+  m_iReciprocal = UINT64_MAX / m_iReciprocalOf;
 }
 
 // iHash % iBucketCount without a division. The product with floor((2^64 - 1) / n) is less than 1
 // below the true quotient before it is cut, so the remainder is exact or n too large.
 inline uint32_t HashMap::BucketOf(uint64_t iHash) const {
   __extension__ typedef unsigned __int128 uint128_t;
-  const uint64_t iCount = m_pHead->iBucketCount;
+  const uint64_t iCount = AcquireWord<uint32_t>(&m_pHead->iBucketCount);
   if (__builtin_expect(iCount != m_iReciprocalOf, 0)) {
     return static_cast<uint32_t>(iHash % BucketCount());  // another process made the table anew
   }
@@ -242,6 +249,9 @@ inline HashMap::Bucket_t* HashMap::Bucket(uint64_t iBucket) const {
 // table of 0 buckets has one, in the spare bytes.
 inline uint64_t HashMap::BucketCount() const {
   const uint64_t iCount = AcquireWord<uint32_t>(&m_pHead->iBucketCount);
+  if (__builtin_expect(iCount == m_iReciprocalOf, 1)) {
+    return iCount;
+  }
   const uint64_t iMost = (m_sAllocator.m_iReservedSize - sizeof(Head_t)) / sizeof(Bucket_t);
   return iCount - 1 < iMost ? iCount : std::max<uint64_t>(std::min(m_iBucketCount, iMost), 1);
 }
@@ -283,14 +293,10 @@ inline HashMap::Place_t HashMap::Find(const char* pKey) const {
 
 // Whether the chain from there on is sound as far as an iterator cares.
 inline bool HashMap::ChainEnds(uint64_t iBucket, uint64_t iOffset) const {
-  static RareQuestion s_stQuestion;
-  if (!s_stQuestion.IsDue()) {
-    return true;
-  }
   const Chains stChains(m_pBase, sizeof(ShmAllocator::Head_t), Room(), BucketCount());
-  const uint64_t iLinks = stChains.Length(iBucket, iOffset);
-  s_stQuestion.Answered(iLinks);
-  return iLinks != 0;
+  const uint64_t iLength = stChains.Length(iBucket, iOffset);
+  g_stQuestion.Answered(iLength);
+  return iLength != 0;
 }
 
 inline void HashMap::Unlink(const Place_t& stPlace) {
@@ -353,7 +359,7 @@ const HashItem_t HashMap::Get(const char* pKey) {
   if (stPlace.pItem == nullptr) {
     return {};
   }
-  const uint32_t iValueSize = stPlace.pItem->iValueSize;
+  const auto iValueSize = AcquireWord<uint32_t>(&stPlace.pItem->iValueSize);
   if (iValueSize > stPlace.iRest) {
     return {};
   }
@@ -414,7 +420,7 @@ void HashMap::RemoveObjectForStat(InternalItem_t* pItem, uint32_t iBucket) {
 const HashMapStat_t& HashMap::GetStat() {
   const ShmStat_t& stHeap = m_sAllocator.GetStat();
   m_sStat = HashMapStat_t{};
-  m_sStat.iObjectCount = m_pHead->iObjectCount;
+  m_sStat.iObjectCount = AcquireWord<uint64_t>(&m_pHead->iObjectCount);
   m_sStat.iMaxKeySize = m_pHead->iMaxKeySize;
   m_sStat.iMaxValueSize = m_pHead->iMaxValueSize;
   m_sStat.iMaxBucketSize = m_pHead->iMaxBucketSize;
@@ -463,16 +469,21 @@ void HashMap::Dump(int iFD) {
 HashMap::iterator HashMap::find(const char* pKey) {
   const Place_t stPlace = Find(pKey);
   iterator it;
-  if (stPlace.pItem != nullptr) {
-    it.MoveTo(this, stPlace.iBucket,
-              static_cast<uint64_t>(reinterpret_cast<char*>(stPlace.pItem) - m_pBase));
+  if (stPlace.pItem == nullptr) {
+    return it;
+  }
+  it.m_pHashMap = this;
+  it.m_iBucket = stPlace.iBucket;
+  if (!it.MoveTo(*this, static_cast<uint64_t>(reinterpret_cast<char*>(stPlace.pItem) - m_pBase))) {
+    it.make_end();
   }
   return it;
 }
 
 HashMap::iterator HashMap::begin() {
   iterator it;
-  it.MoveToFirstFrom(this, 0);
+  it.m_pHashMap = this;
+  it.MoveToFirstFrom(0);
   return it;
 }
 
@@ -489,42 +500,43 @@ void HashMap::iterator::make_end() {
   m_pHashMap = nullptr;
 }
 
-// Not to a key without end, nor to a key or value that reaches behind the segment.
-inline bool HashMap::iterator::MoveTo(HashMap* pHashMap, uint64_t iBucket, uint64_t iOffset) {
-  const uint64_t iRoom = pHashMap->Room();
-  const uint64_t iPlace = iOffset - sizeof(ShmAllocator::Head_t);
-  if (iPlace > iRoom) {
+// Not to a key without end, nor to a key or value that reaches behind the segment. A key of 0 bytes
+// counts as one of 2^32, which spares a comparison: it must end with a NUL in the segment, too.
+inline bool HashMap::iterator::MoveTo(const HashMap& stMap, uint64_t iOffset) {
+  if (iOffset - sizeof(ShmAllocator::Head_t) > stMap.Room()) {
     return false;
   }
-  InternalItem_t* pItem = pHashMap->ItemAt(iOffset);
-  const uint64_t iKeySize = AcquireWord<uint32_t>(&pItem->iKeySize);
+  InternalItem_t* pItem = stMap.ItemAt(iOffset);
+  const uint64_t iNul = AcquireWord<uint32_t>(&pItem->iKeySize) - 1;
   const uint32_t iValueSize = AcquireWord<uint32_t>(&pItem->iValueSize);
-  if (iKeySize == 0 || iKeySize + iValueSize > iRoom - iPlace ||
-      KeyOf(pItem)[iKeySize - 1] != '\0') {
+  if (iOffset + sizeof(InternalItem_t) + iNul + 1 + iValueSize > stMap.m_sAllocator.m_iSize ||
+      KeyOf(pItem)[iNul] != '\0') {
     return false;
   }
-  m_iBucket = iBucket;
+  m_sItem.pKey = KeyOf(pItem);
+  m_sItem.iValueSize = iValueSize;
   m_iNext = AcquireWord<uint64_t>(&pItem->iNext);
-  m_sItem = {KeyOf(pItem), KeyOf(pItem) + iKeySize, iValueSize};
-  m_pHashMap = pHashMap;
+  m_sItem.pValue = KeyOf(pItem) + iNul + 1;
   return true;
 }
 
 // To the first entry of the lowest bucket from iBucket on that has one.
-inline void HashMap::iterator::MoveToFirstFrom(HashMap* pHashMap, uint64_t iBucket) {
-  const uint64_t iCount = pHashMap->BucketCount();
-  const Bucket_t* pBuckets = pHashMap->Bucket(0);
-  const auto iBase = reinterpret_cast<uintptr_t>(pHashMap->m_pBase);
-  for (; iBucket < iCount; ++iBucket) {
-    const uint64_t iFirst = AcquireWord<uint64_t>(&pBuckets[iBucket].iBucket);
+inline void HashMap::iterator::MoveToFirstFrom(uint64_t iBucket) {
+  const HashMap& stMap = *m_pHashMap;
+  const uint64_t iCount = stMap.BucketCount();
+  const Bucket_t* pBucket = stMap.Bucket(iBucket);
+  for (; iBucket < iCount; ++iBucket, ++pBucket) {
+    const uint64_t iFirst = AcquireWord<uint64_t>(&pBucket->iBucket);
     if (iBucket + PREFETCH_BUCKETS < iCount) {
       // The entries lie anywhere: ask for one while those before it are looked at.
       // Numbers are added: the offset may be anything.
-      const uintptr_t iAhead = iBase + pBuckets[iBucket + PREFETCH_BUCKETS].iBucket;
+      const uintptr_t iAhead =
+          reinterpret_cast<uintptr_t>(stMap.m_pBase) + pBucket[PREFETCH_BUCKETS].iBucket;
       __builtin_prefetch(
           reinterpret_cast<const void*>(iAhead));  // NOLINT(performance-no-int-to-ptr)
     }
-    if (MoveTo(pHashMap, iBucket, iFirst)) {
+    m_iBucket = iBucket;
+    if (MoveTo(stMap, iFirst)) {
       return;
     }
   }
@@ -532,12 +544,23 @@ inline void HashMap::iterator::MoveToFirstFrom(HashMap* pHashMap, uint64_t iBuck
 }
 
 HashMap::iterator& HashMap::iterator::operator++() {
-  if (m_iNext != 0 && m_pHashMap->ChainEnds(m_iBucket, m_iNext) &&
-      MoveTo(m_pHashMap, m_iBucket, m_iNext)) {
-    return *this;
+  // Not in line and at the end, so that no other step saves registers for it.
+  const auto AskAndGoOn = [](iterator & it) __attribute__((noinline))->iterator& {
+    if (!it.m_pHashMap->ChainEnds(it.m_iBucket, it.m_iNext)) {
+      it.m_iNext = 0;
+    }
+    return ++it;
+  };
+  if (m_iNext != 0) {
+    if (__builtin_expect(g_stQuestion.IsDue(), 0)) {
+      return AskAndGoOn(*this);
+    }
+    if (__builtin_expect(MoveTo(*m_pHashMap, m_iNext), 1)) {
+      return *this;
+    }
   }
   if (m_pHashMap != nullptr) {
-    MoveToFirstFrom(m_pHashMap, m_iBucket + 1);
+    MoveToFirstFrom(m_iBucket + 1);
   }
   return *this;
 }

@@ -233,11 +233,11 @@ class HashMap::iterator {
   iterator(uint64_t iBucket, uint64_t iNext, HashMap* pHashMap, char* pKey, uint32_t iValueSize,
            char* pValue);
 
-  // To the end, to an entry (false, and as it was, when there is none), and to the first entry in a
-  // bucket from iBucket on.
+  // To the end; within m_pHashMap to an entry of the bucket m_iBucket (false, and as it was, when
+  // there is none), and to the first entry in a bucket from iBucket on.
   void make_end();
-  bool MoveTo(HashMap* pHashMap, uint64_t iBucket, uint64_t iOffset);
-  void MoveToFirstFrom(HashMap* pHashMap, uint64_t iBucket);
+  bool MoveTo(const HashMap& stMap, uint64_t iOffset);
+  void MoveToFirstFrom(uint64_t iBucket);
 
   uint64_t m_iBucket = 0;
   uint64_t m_iNext = 0;  // kept here, so that the current entry may be deleted before ++
