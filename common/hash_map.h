@@ -72,10 +72,10 @@ class HashMap : public Object {
   // Creates the table of iKey or attaches the one that is there; see ShmAllocator::Attach() for
   // iKey, iSize, bReadOnly and the message.
   //
-  // iBucketCount: about the number of entries expected, at least 1: not checked here, but with 0
-  // the first lookup ends the process. An existing table keeps its own; but it must have been made
-  // with the RESERVED_SIZE that this process has, after a large iBucketCount has raised it (a
-  // failing call leaves it raised). iSize must hold 4194384 + RESERVED_SIZE bytes and the entries.
+  // iBucketCount: about the number of entries expected; a table of 0 has one bucket. An existing
+  // table keeps its own; but it must have been made with the RESERVED_SIZE that this process has,
+  // after a large iBucketCount has raised it (a failing call leaves it raised). iSize must hold
+  // 4194384 + RESERVED_SIZE bytes and the entries.
   // Whoever finds the table not ready makes it anew: let the writer attach first, alone, and not
   // bReadOnly, which would end it.
   // Returns false when the segment can not be had, or has another reserved size or a bucket count
