@@ -125,7 +125,7 @@ void* ShmAllocator::AllocateFromBatch(uint64_t iBlockSize) {
   if (!AllocateBatch(iBlockSize)) {
     return nullptr;
   }
-  const uint64_t iOffset = *ListOf(iBlockSize);
+  const auto iOffset = AcquireWord<uint64_t>(ListOf(iBlockSize));
   return IsBlock(iOffset, iBlockSize) ? TakeFirst(iBlockSize, iOffset) : nullptr;
 }
 

@@ -248,7 +248,8 @@ inline void* ShmAllocator::AllocateChecked(uint64_t iSize) {
   if (__builtin_expect(iBlockSize - 1 >= MAX_BYTES, 0)) {
     return nullptr;
   }
-  const uint64_t iOffset = *ListOf(iBlockSize);
+  // volatile, here and below: a compiler may not read what it has checked again.
+  const uint64_t iOffset = *static_cast<const volatile uint64_t*>(ListOf(iBlockSize));
   if (__builtin_expect(!IsBlock(iOffset, iBlockSize), 0)) {
     return AllocateFromBatch(iBlockSize);
   }
@@ -285,7 +286,7 @@ inline void ShmAllocator::DeallocateChecked(void* p) {
   const uint64_t iOffset = OffsetOf(p);
   CheckOffset(iOffset);
   auto* pBlock = reinterpret_cast<Pointer_t*>(static_cast<char*>(p) - sizeof(uint64_t));
-  const uint64_t iBlockSize = pBlock->iSize;
+  const uint64_t iBlockSize = static_cast<const volatile Pointer_t*>(pBlock)->iSize;
   // A multiple of 8 from 8 to MAX_BYTES: turned by three bits, anything else is a large number.
   const uint64_t iClass = iBlockSize - ALIGN_SIZE;
   if (__builtin_expect((iClass >> 3 | iClass << 61) < MAX_BYTES / ALIGN_SIZE, 1)) {
