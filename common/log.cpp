@@ -44,7 +44,10 @@ bool IsFixedNamePath(const std::string& strPath) {
 // The file in the fixed-name regime, "" in the other one.
 std::string FixedFile(const std::string& strPath, const std::string& strPrefix,
                       const std::string& strSuffix) {
-  return IsFixedNamePath(strPath) ? strPath + "/" + strPrefix + strSuffix : "";
+  if (!IsFixedNamePath(strPath)) {
+    return "";
+  }
+  return strPath + "/" + strPrefix + strSuffix;
 }
 
 // Inode and size only: asking for times makes the next write to the file dearer.

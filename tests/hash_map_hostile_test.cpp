@@ -192,6 +192,46 @@ TEST_F(HashMapHostileTest, EntryAtTheSegmentsEndIsReadNoFurther) {
   }
 }
 
+TEST_F(HashMapHostileTest, ShortKeyWithoutNulIsAnotherKey) {
+  MakeChain({"one", "ab"});
+  ASSERT_TRUE(Has("ab"));
+  EXPECT_FALSE(Has("ac"));
+  m_pRaw->Base()[Entry("ab") + 18] = 'x';
+  EXPECT_FALSE(Has("ab"));
+  EXPECT_TRUE(Has("one"));
+}
+
+// The question whether a chain ends, which is asked now and then, reads keys to their NUL.
+TEST_F(HashMapHostileTest, KeyWithoutNulUpToTheSegmentsEndIsReadNoFurther) {
+  MakeChain({"one"});
+  const uint64_t iLast = SIZE - 32;
+  memset(m_pRaw->Base() + iLast, 'x', 32);
+  m_pRaw->SetWord(iLast, iLast);
+  m_pRaw->SetWord(Entry("one"), iLast);
+  for (int i = 0; i < 1000; ++i) {
+    ASSERT_EQ(1u, Visit());
+  }
+}
+
+TEST_F(HashMapHostileTest, LongSoundChainIsIteratedToItsEnd) {
+  Make(1);
+  for (int i = 0; i < 300; ++i) {
+    ASSERT_TRUE(m_stMap.Set(std::to_string(i).c_str(), "value"));
+  }
+  for (int i = 0; i < 50; ++i) {
+    ASSERT_EQ(300u, Visit());
+  }
+}
+
+TEST_F(HashMapHostileTest, KeyLongerThanTheSegmentIsAbsentAndCanNotBeSet) {
+  MakeChain({"one"});
+  const std::string strLong(SIZE, 'k');
+  EXPECT_FALSE(Has(strLong.c_str()));
+  EXPECT_TRUE(m_stMap.Delete(strLong.c_str()));
+  EXPECT_FALSE(m_stMap.Set(strLong.c_str(), "value"));
+  EXPECT_EQ(1u, Visit());
+}
+
 // Rings.
 
 TEST_F(HashMapHostileTest, LookupInARingEnds) {

@@ -24,6 +24,7 @@ namespace {
 int g_iCompiled = 0;  // patterns that are compiled and not freed
 int g_iCompileCalls = 0;
 int g_iFailingCall = 0;      // the call of regcomp() that fails, from 1
+int g_iLackingCalls = 0;     // so many succeed and say that memory was lacking
 int g_iMatchedSlots = -1;    // when set, each search matches with so many slots in use
 bool g_bBegunSlots = false;  // the others have a begin then, and no end
 int g_iSearches = 0;         // searches to pass over before
@@ -44,7 +45,11 @@ extern "C" int regcomp(regex_t* pRegex, const char* pPattern, int iFlags) {
     return REG_BADPAT;  // unlike REG_ESPACE not tried once more
   }
   ++g_iCompiled;
-  return Next<decltype(regcomp)>("regcomp")(pRegex, pPattern, iFlags);
+  const int iResult = Next<decltype(regcomp)>("regcomp")(pRegex, pPattern, iFlags);
+  if (g_iLackingCalls-- > 0) {
+    errno = ENOMEM;
+  }
+  return iResult;
 }
 
 extern "C" void regfree(regex_t* pRegex) {
@@ -117,6 +122,22 @@ TEST_P(IniConfigPatternFaultTest, EveryFormOfLoadingFails) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EachPattern, IniConfigPatternFaultTest, ::testing::Range(1, 5));
+
+// malloc() may set errno on its way to success, but hardly twice.
+TEST(IniConfigFaultTest, PatternThatLackedMemoryIsCompiledOnceMore) {
+  EXPECT_EQ(0, InChild([] {
+              g_iLackingCalls = 1;
+              IniConfig stConfig;
+              return stConfig.LoadFromMemory("a=1") == 0 && g_iCompiled == 4 &&
+                     g_iCompileCalls == 5;
+            }));
+  EXPECT_EQ(0, InChild([] {
+              g_iLackingCalls = 2;
+              IniConfig stConfig;
+              return stConfig.LoadFromMemory("a=1") == -1 && g_iCompiled == 0 &&
+                     stConfig.LoadFromMemory("a=1") == 0;
+            }));
+}
 
 TEST(IniConfigFaultTest, PatternsAreCompiledOnceForAllObjects) {
   EXPECT_EQ(0, InChild([] {

@@ -80,7 +80,7 @@ TEST_F(MessageQueueHostileTest, RingBeyondTheSegmentsEndIsLeftAlone) {
     for (const uint32_t iOffset : {0u, PAGE_RING - 2, PAGE_RING, iSize - 1}) {
       Set(iSize, iOffset, (iOffset + LENGTH_SIZE + 5) % iSize);
       ExpectNothingTakenAndNothingWritten();
-      EXPECT_EQ(iOffset, RawSegment(m_stKey.Key()).Head()->iReadOffset);
+      EXPECT_EQ(iOffset, +RawSegment(m_stKey.Key()).Head()->iReadOffset);
     }
   }
   ExpectSoundAgain();
@@ -90,7 +90,7 @@ TEST_F(MessageQueueHostileTest, WriteOffsetBeyondTheRingIsLeftAlone) {
   for (const uint32_t iWrite : {PAGE_RING, PAGE_RING + 1, 2 * PAGE_RING, 1u << 31, LARGEST}) {
     Set(PAGE_RING, 0, iWrite);
     ExpectNothingTakenAndNothingWritten();
-    EXPECT_EQ(iWrite, RawSegment(m_stKey.Key()).Head()->iWriteOffset);
+    EXPECT_EQ(iWrite, +RawSegment(m_stKey.Key()).Head()->iWriteOffset);
   }
   ExpectSoundAgain();
 }
@@ -99,7 +99,7 @@ TEST_F(MessageQueueHostileTest, ReadOffsetBeyondTheRingComesBackByOneRingAPop) {
   for (const uint32_t iRead : {PAGE_RING, PAGE_RING + 3, 2 * PAGE_RING, 1u << 31, LARGEST}) {
     Set(PAGE_RING, iRead, 9);
     ExpectNothingTakenAndNothingWritten();
-    EXPECT_EQ(iRead - PAGE_RING, RawSegment(m_stKey.Key()).Head()->iReadOffset);
+    EXPECT_EQ(iRead - PAGE_RING, +RawSegment(m_stKey.Key()).Head()->iReadOffset);
   }
   ExpectSoundAgain();
 }
@@ -155,7 +155,7 @@ TEST_F(MessageQueueHostileTest, LengthsThatReachOverTheWriteOffsetAreNoMessages)
         pRing[(iStart + LENGTH_SIZE + i) % PAGE_RING] = static_cast<char>(iLength >> (8 * i));
       }
       EXPECT_EQ((Texts_t{""}), PopTexts(m_stReader, 5)) << iLength;
-      EXPECT_EQ((iStart + LENGTH_SIZE) % PAGE_RING, stSegment.Head()->iReadOffset);
+      EXPECT_EQ((iStart + LENGTH_SIZE) % PAGE_RING, +stSegment.Head()->iReadOffset);
     }
   }
 }
@@ -180,7 +180,7 @@ TEST_F(MessageQueueHostileTest, LengthThatGrowsInTheMiddleOfAPopIsNotReadAgain) 
     memset(reinterpret_cast<char*>(stSegment.Head()) + HEAD_SIZE, 0xff, PAGE_RING);
   };
   EXPECT_EQ(std::string(5, '\xff'), PopText(m_stReader));
-  EXPECT_EQ(PAGE_RING - 1, stSegment.Head()->iReadOffset);
+  EXPECT_EQ(PAGE_RING - 1, +stSegment.Head()->iReadOffset);
 }
 
 TEST_F(MessageQueueHostileTest, HeaderThatChangesInTheMiddleOfAPopIsNotReadAgain) {
@@ -188,7 +188,7 @@ TEST_F(MessageQueueHostileTest, HeaderThatChangesInTheMiddleOfAPopIsNotReadAgain
   const std::string strBefore = Header();
   g_fnOnAllocation = [this] { Set(LARGEST, LARGEST, LARGEST); };
   EXPECT_EQ((Texts_t{"sound", "second"}), PopTexts(m_stReader, 5));
-  EXPECT_EQ(19u, RawSegment(m_stKey.Key()).Head()->iReadOffset);
+  EXPECT_EQ(19u, +RawSegment(m_stKey.Key()).Head()->iReadOffset);
   m_stReader.ClearFifo();
   ExpectNothingTakenAndNothingWritten();
 }

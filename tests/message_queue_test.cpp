@@ -302,16 +302,16 @@ TEST_F(MessageQueueTest, RecordIsItsLengthAndItsBytes) {
   ASSERT_EQ(2, PushTexts(m_stWriter, {"abc", std::string("\0\xff", 2)}));
   const RawSegment stSegment(m_stKey.Key());
   EXPECT_EQ(std::string("\3\0\0\0abc\2\0\0\0\0\xff", 13), stSegment.Bytes(HEAD_SIZE, 13));
-  EXPECT_EQ(13u, stSegment.Head()->iWriteOffset);
-  EXPECT_EQ(0u, stSegment.Head()->iReadOffset);
+  EXPECT_EQ(13u, +stSegment.Head()->iWriteOffset);
+  EXPECT_EQ(0u, +stSegment.Head()->iReadOffset);
 }
 
 TEST_F(MessageQueueTest, PopMovesOnlyTheReadOffset) {
   ASSERT_EQ(2, PushTexts(m_stWriter, {"abc", "de"}));
   ASSERT_EQ("abc", PopText(m_stReader));
   const RawSegment stSegment(m_stKey.Key());
-  EXPECT_EQ(7u, stSegment.Head()->iReadOffset);
-  EXPECT_EQ(13u, stSegment.Head()->iWriteOffset);
+  EXPECT_EQ(7u, +stSegment.Head()->iReadOffset);
+  EXPECT_EQ(13u, +stSegment.Head()->iWriteOffset);
 }
 
 TEST_F(MessageQueueTest, PushFillsTheRingToItsLastUsableByte) {
@@ -363,9 +363,9 @@ TEST_F(MessageQueueTest, EmptyPushBringsAStrayWriteOffsetBackIntoTheRing) {
   for (const uint32_t iOffset : {0u, 5u, RING_SIZE - 1}) {
     stSegment.Head()->iWriteOffset = RING_SIZE + iOffset;
     m_stWriter.Push(nullptr, 0);
-    EXPECT_EQ(iOffset, stSegment.Head()->iWriteOffset);
+    EXPECT_EQ(iOffset, +stSegment.Head()->iWriteOffset);
     m_stWriter.Push(nullptr, 0);
-    EXPECT_EQ(iOffset, stSegment.Head()->iWriteOffset);
+    EXPECT_EQ(iOffset, +stSegment.Head()->iWriteOffset);
   }
 }
 
@@ -399,7 +399,7 @@ TEST_F(MessageQueueTest, PopOfNothingLeavesTheOffsetsAlone) {
 TEST_F(MessageQueueTest, PopOfNothingBringsAStrayReadOffsetBackIntoTheRing) {
   StartAt(RING_SIZE + 5);
   EXPECT_EQ(0, m_stReader.Pop(nullptr, 0));
-  EXPECT_EQ(5u, RawSegment(m_stKey.Key()).Head()->iReadOffset);
+  EXPECT_EQ(5u, +RawSegment(m_stKey.Key()).Head()->iReadOffset);
 }
 
 TEST_F(MessageQueueTest, PopOfAnEmptyQueueTouchesNoElement) {
@@ -426,9 +426,9 @@ TEST_F(MessageQueueTest, RecordEndingExactlyAtTheEndLeavesTheWriteOffsetAtZero) 
   ASSERT_EQ(std::string(20, 'x'), PopText(m_stReader));
   ASSERT_EQ(1, PushText(m_stWriter, std::string(RING_SIZE - 24 - LENGTH_SIZE, 'y')));
   const RawSegment stSegment(m_stKey.Key());
-  EXPECT_EQ(0u, stSegment.Head()->iWriteOffset);
+  EXPECT_EQ(0u, +stSegment.Head()->iWriteOffset);
   EXPECT_EQ(std::string(RING_SIZE - 24 - LENGTH_SIZE, 'y'), PopText(m_stReader));
-  EXPECT_EQ(0u, stSegment.Head()->iReadOffset);
+  EXPECT_EQ(0u, +stSegment.Head()->iReadOffset);
   EXPECT_EQ(1, PushText(m_stWriter, "z"));
   EXPECT_EQ(std::string("\1\0\0\0z", 5), stSegment.Bytes(HEAD_SIZE, 5));
 }
@@ -468,7 +468,7 @@ TEST_P(MessageQueueSplitTest, RecordIsSplitByteWiseAndReadBack) {
             stSegment.Bytes(HEAD_SIZE + RING_SIZE - GetParam(), GetParam()));
   EXPECT_EQ(strRecord.substr(GetParam()), stSegment.Bytes(HEAD_SIZE, 14 - GetParam()));
   EXPECT_EQ(strText, PopText(m_stReader));
-  EXPECT_EQ(14 - GetParam(), stSegment.Head()->iReadOffset);
+  EXPECT_EQ(14 - GetParam(), +stSegment.Head()->iReadOffset);
 }
 
 TEST_P(MessageQueueSplitTest, LongLengthIsPutTogetherInOrder) {
@@ -568,7 +568,7 @@ TEST_F(MessageQueueTest, PopLeavesLessThanALengthAlone) {
   const RawSegment stSegment(m_stKey.Key());
   stSegment.Head()->iWriteOffset = LENGTH_SIZE - 1;
   EXPECT_EQ(NO_MESSAGE, PopText(m_stReader));
-  EXPECT_EQ(0u, stSegment.Head()->iReadOffset);
+  EXPECT_EQ(0u, +stSegment.Head()->iReadOffset);
 }
 
 TEST_F(MessageQueueTest, PopLeavesAnIncompleteRecordAlone) {
@@ -576,7 +576,7 @@ TEST_F(MessageQueueTest, PopLeavesAnIncompleteRecordAlone) {
   const RawSegment stSegment(m_stKey.Key());
   stSegment.Head()->iWriteOffset -= 1;
   EXPECT_EQ((Texts_t{"abc"}), PopTexts(m_stReader, 5));
-  EXPECT_EQ(7u, stSegment.Head()->iReadOffset);
+  EXPECT_EQ(7u, +stSegment.Head()->iReadOffset);
   stSegment.Head()->iWriteOffset += 1;
   EXPECT_EQ((Texts_t{"defg"}), PopTexts(m_stReader, 5));
 }
@@ -588,7 +588,7 @@ TEST_F(MessageQueueTest, PopIsNotFooledByALengthNearFourGigabytes) {
     memcpy(pRing, &iLength, sizeof(iLength));
     stSegment.Head()->iWriteOffset = RING_SIZE - 1;
     EXPECT_EQ(NO_MESSAGE, PopText(m_stReader)) << iLength;
-    EXPECT_EQ(0u, stSegment.Head()->iReadOffset);
+    EXPECT_EQ(0u, +stSegment.Head()->iReadOffset);
   }
 }
 

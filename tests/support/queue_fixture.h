@@ -56,6 +56,7 @@ class RawSegment {
   RawSegment(const RawSegment&) = delete;
   RawSegment& operator=(const RawSegment&) = delete;
 
+  // Packed: what takes a reference, as EXPECT_EQ() does, is given +Head()->iSize.
   MessageQueue::ShmHead* Head() const;
   std::string Bytes(uint32_t iFrom, uint32_t iCount) const;  // counted from the segment's start
 

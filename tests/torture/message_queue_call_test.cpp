@@ -49,7 +49,7 @@ TEST(MessageQueueCallTest, AttachThatCreatesFailsAndCanBeRepeated) {
       // Somebody else's that was removed between the two calls: the second makes it anew, and
       // takes it for one whose creator is not through with Init yet.
       EXPECT_EQ(0, iResult);
-      EXPECT_EQ(0u, RawSegment(stPlace.stKey.Key()).Head()->iSize);
+      EXPECT_EQ(0u, +RawSegment(stPlace.stKey.Key()).Head()->iSize);
       return;
     }
     const bool bFailed = stAttempt.Fails() && !IsHarmless(stAttempt);
