@@ -76,7 +76,8 @@ TEST(FailingCallTest, CallsOfTheSameNameFailOneAfterTheOther) {
 TEST(FailingCallTest, CallThatFailsAlthoughItIsDoneIsDone) {
   FailEachCall([](Attempt& stAttempt) {
     const int iFD = dup(0);
-    EXPECT_EQ(stAttempt.Fails() ? -1 : 0, stAttempt.Run([=] { return close(iFD); }));
+    const int iResult = stAttempt.Run([=] { return close(iFD); });
+    EXPECT_EQ(stAttempt.Fails() ? -1 : 0, iResult);
     EXPECT_EQ(-1, fcntl(iFD, F_GETFD));
   });
 }
