@@ -309,7 +309,7 @@ TEST(ProcessUtilAllocationTest, CommandLeavesNeitherChildNorPipe) {
     EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
     EXPECT_TRUE(iResult != 7 || (vecLines == Texts_t{LONG_VALUE + "\n", "second\n"}));
   });
-  EXPECT_GT(iFailed, 3);
+  EXPECT_GE(iFailed, 3);
 }
 
 TEST(ProcessUtilAllocationTest, FilteredCommandLeavesNeitherChildNorPipe) {
